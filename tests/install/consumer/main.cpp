@@ -1,0 +1,8 @@
+#include <iostream>
+
+#include "imagery/imagery.h"
+
+int main() {
+  std::cout << "consumer ok\n";
+  return 0;
+}
