@@ -67,7 +67,9 @@ struct TypeToChunkAndSize<double> {
 
 namespace zel {
 // Scene-file versions are plain increasing numbers.
-inline bool IsPosteriorOrEqual(int version, int reference) { return version >= reference; }
+inline bool IsPosteriorOrEqual(int version, int reference) {
+  return version >= reference;
+}
 }  // namespace zel
 
 class ZELStream {
@@ -90,15 +92,18 @@ class ZELStream {
     static_assert(std::is_arithmetic<T>::value, "WriteSwap takes numbers");
     unsigned char bytes[sizeof(T)];
     std::memcpy(bytes, &value, sizeof(T));
-    if (NeedsSwap()) Reverse(bytes, sizeof(T));
+    if (NeedsSwap())
+      Reverse(bytes, sizeof(T));
     return Write(bytes, sizeof(T));
   }
   template <class T>
   bool ReadSwap(T& value) {
     static_assert(std::is_arithmetic<T>::value, "ReadSwap takes numbers");
     unsigned char bytes[sizeof(T)];
-    if (!Read(bytes, sizeof(T))) return false;
-    if (NeedsSwap()) Reverse(bytes, sizeof(T));
+    if (!Read(bytes, sizeof(T)))
+      return false;
+    if (NeedsSwap())
+      Reverse(bytes, sizeof(T));
     std::memcpy(&value, bytes, sizeof(T));
     return true;
   }
@@ -106,7 +111,8 @@ class ZELStream {
   // Typed values: the tag of TypeToChunkAndSize<T>, then the value. A bool travels as an unsigned char.
   template <class T>
   bool WriteTyped(T value) {
-    if (!WriteSwap<unsigned short>(TypeToChunkAndSize<T>::Chunk)) return false;
+    if (!WriteSwap<unsigned short>(TypeToChunkAndSize<T>::Chunk))
+      return false;
     if constexpr (std::is_same<T, bool>::value) {
       return WriteSwap<unsigned char>(value ? 1 : 0);
     } else {
@@ -117,16 +123,18 @@ class ZELStream {
   template <class T>
   bool ReadTyped(T& value) {
     const std::uint64_t start = Tell();
-    if (!CheckReadChunk(TypeToChunkAndSize<T>::Chunk)) return false;
-    bool ok;
+    bool ok = CheckReadChunk(TypeToChunkAndSize<T>::Chunk);
     if constexpr (std::is_same<T, bool>::value) {
       unsigned char byte = 0;
-      ok = ReadSwap(byte);
-      if (ok) value = byte != 0;
+      ok = ok && ReadSwap(byte);
+      if (ok)
+        value = byte != 0;
     } else {
-      ok = ReadSwap(value);
+      ok = ok && ReadSwap(value);
     }
-    if (!ok) Seek(start);
+    // CheckReadChunk consumes a mismatching tag; a typed read takes nothing when it fails.
+    if (!ok)
+      Seek(start);
     return ok;
   }
 
@@ -181,12 +189,20 @@ class ZELStream {
   bool Seek(std::uint64_t position) { return DoSeek(position); }
   std::uint64_t Limit() const;
 
+  // An open read chunk. The serial tells a reader whether its frame is still the one it pushed, so that
+  // closing an outer reader first and an inner one afterwards does not pop someone else's frame.
+  struct ReadFrame {
+    std::uint64_t start;
+    std::uint64_t end;
+    std::uint64_t serial;
+  };
+
   ZELByteOrder byteOrder_;
   int version_;
   zel::ErrorCode error_;
-  // Data ends of the open read chunks, innermost last.
-  std::vector<std::uint64_t> readLimits_;
-  std::vector<std::uint64_t> readStarts_;
+  // The open read chunks, innermost last. Each lies inside the one before it.
+  std::vector<ReadFrame> readFrames_;
+  std::uint64_t nextSerial_ = 0;
 };
 
 // A stream over a growable byte buffer, readable and writable. Writing at the end appends; writing
@@ -216,7 +232,9 @@ class ZELMemoryStream : public ZELStream {
   std::uint64_t position_ = 0;
 };
 
-// A stream over a file, opened for reading or for writing (truncating).
+// A stream over a file, opened for reading or for writing (truncating). A stream opened for reading
+// refuses writes; one opened for writing can read back what it wrote. A file that cannot be opened gives
+// a stream on which every operation fails (check IsOpen).
 class ZELFileStream : public ZELStream {
  public:
   enum class Mode { Read, Write };
@@ -236,12 +254,20 @@ class ZELFileStream : public ZELStream {
   std::uint64_t DoSize() const override { return size_; }
 
  private:
+  bool SeekDevice(std::uint64_t position);
+
+  Mode mode_;
   std::fstream file_;
   std::uint64_t position_ = 0;
   std::uint64_t size_ = 0;
+  // Set once a write or seek failed, so that Close can report data that never reached the file.
+  bool ioFailed_ = false;
+  // A file buffer needs a seek between a write and a following read (and the other way round).
+  bool lastWasWrite_ = false;
 };
 
-// Begins a chunk on construction and ends it on destruction, fixing its size. Chunks nest by scope.
+// Begins a chunk on construction and ends it on destruction, fixing its size. Chunks nest by scope: an
+// inner chunk must end before the chunk around it. The stream must outlive the writer.
 class ZELWriteChunk {
  public:
   ZELWriteChunk(ZELStream* stream, unsigned short id);
@@ -262,7 +288,9 @@ class ZELWriteChunk {
 };
 
 // Opens the next chunk of a stream (InitChunk) and, on destruction or Close, moves the stream to the
-// chunk's end, so that an opened and closed chunk is skipped whole.
+// chunk's end, so that an opened and closed chunk is skipped whole. While open, the chunk limits every
+// read of the stream to its data. Closing an outer reader closes the readers inside it too (their own
+// Close then does nothing). The stream must outlive the reader.
 class ZELReadChunk {
  public:
   ZELReadChunk() = default;
@@ -291,4 +319,5 @@ class ZELReadChunk {
   std::uint64_t start_ = 0;
   std::uint64_t size_ = 0;
   std::size_t depth_ = 0;
+  std::uint64_t serial_ = 0;
 };
