@@ -2,7 +2,7 @@
 // ids, and checks the reader's promises on the way: nothing crashes, a refused read leaves the position
 // where it was, and no read moves past the end of the open chunk.
 //
-// Build and run (from the repository root):
+// Build with the IMAGERY_BUILD_FUZZERS option under clang, or by hand (from the repository root):
 //   clang++ -std=c++17 -g -O1 -fsanitize=fuzzer,address,undefined -Ihost/include fuzz/stream_fuzz.cpp \
 //     host/src/stream.cpp host/src/zel_string.cpp host/src/zel_path.cpp host/src/error.cpp \
 //     host/src/md5.cpp host/src/uid.cpp -lmd -lboost_filesystem -o stream_fuzz
