@@ -33,6 +33,11 @@ class GammaDecodeTable {
   float operator()(Code v) const { return values_[v]; }
   // kSize values, indexed by code.
   const float* Data() const { return values_; }
+  // Decodes `count` codes; the ranges may not overlap.
+  void DecodeRow(const Code* codes, float* linear, std::size_t count) const {
+    for (std::size_t i = 0; i < count; ++i)
+      linear[i] = values_[codes[i]];
+  }
 
  private:
   GammaValue gamma_;
@@ -78,6 +83,10 @@ class GammaEncoder {
   GammaValue Gamma() const { return gamma_; }
   PowerPrecision Precision() const { return precision_; }
 
+  // Encodes `count` values, with the same results as calling the encoder on each; the ranges may not
+  // overlap. The sRGB curve runs several values at a time where the processor allows.
+  void EncodeRow(const float* linear, Code* codes, std::size_t count) const;
+
   Code operator()(float linear) const {
     const float c = ClampUnit(linear);
     switch (kind_) {
@@ -108,11 +117,19 @@ class GammaEncoder {
     const std::uint32_t offset = bits & ((1u << Thresholds::kShift) - 1);
     const std::uint32_t low = buckets_[bucket];
     const std::uint32_t span = static_cast<std::uint32_t>(buckets_[bucket + 1]) - low;
-    std::uint32_t code = low + ((span * offset) >> Thresholds::kShift);
-    while (thresholds_[code + 1] <= c)
-      ++code;
-    while (thresholds_[code] > c)
-      --code;
+    const std::uint32_t guess = low + ((span * offset) >> Thresholds::kShift);
+    // Interpolation lands within one code of the answer nearly always: count the thresholds of that
+    // window without branches (random pixels would defeat a predictor), and only fall back to walking
+    // on the steep stretches of extreme gammas.
+    const std::uint32_t first = guess > 0 ? guess - 1 : 0;
+    std::uint32_t code = first + static_cast<std::uint32_t>(thresholds_[first + 1] <= c) +
+                         static_cast<std::uint32_t>(thresholds_[first + 2] <= c);
+    if (thresholds_[code] > c || thresholds_[code + 1] <= c) {
+      while (thresholds_[code + 1] <= c)
+        ++code;
+      while (thresholds_[code] > c)
+        --code;
+    }
     return static_cast<Code>(code);
   }
 

@@ -8,6 +8,11 @@
 #include <mutex>
 #include <utility>
 
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define IMAGERY_GAMMA_SSE2 1
+#endif
+
 namespace imagery {
 namespace {
 
@@ -159,7 +164,77 @@ std::shared_ptr<const detail::EncodeThresholds<Code>> SharedThresholds(GammaValu
                     [gamma, precision] { return BuildThresholds<Code>(gamma, precision); });
 }
 
+#if defined(IMAGERY_GAMMA_SSE2)
+// Four lanes of ClampUnit, EncodeSRGBClamped and the rounding of Quantize, operation for operation the
+// scalar arithmetic, so each lane gives the scalar result bit for bit.
+__m128i EncodeSRGBFour(__m128 c, float maxCode) {
+  const __m128 zero = _mm_setzero_ps();
+  // min(1, c) keeps NaN, which max(c, 0) then turns into 0, as ClampUnit does.
+  c = _mm_max_ps(_mm_min_ps(_mm_set1_ps(1.0f), c), zero);
+  const __m128 high = _mm_cmpgt_ps(c, _mm_set1_ps(0.0523f));
+  auto pick = [high](float above, float below) {
+    return _mm_or_ps(_mm_and_ps(high, _mm_set1_ps(above)), _mm_andnot_ps(high, _mm_set1_ps(below)));
+  };
+  const __m128 c2 = _mm_mul_ps(c, c);
+  __m128 n = _mm_add_ps(_mm_mul_ps(pick(-0.18730034f, -6681.4956f), c), pick(0.6467743f, 1224.9712f));
+  n = _mm_add_ps(_mm_mul_ps(n, c2),
+                 _mm_add_ps(_mm_mul_ps(pick(-0.99032867f, -100.23414f), c), pick(1.2093908f, 6.6036115f)));
+  n = _mm_add_ps(_mm_mul_ps(n, c2), _mm_add_ps(_mm_mul_ps(pick(0.33433458f, 0.06114809f), c),
+                                               pick(-0.013450958f, -0.00022244139f)));
+  n = _mm_add_ps(_mm_mul_ps(n, c2), _mm_add_ps(_mm_mul_ps(pick(0.00044351685f, 4.123184e-07f), c),
+                                               pick(-6.642636e-06f, -3.5133685e-10f)));
+  const __m128 curve = _mm_div_ps(n, _mm_mul_ps(c2, c));
+  const __m128 linear = _mm_mul_ps(c, _mm_set1_ps(12.92f));
+  const __m128 low = _mm_cmple_ps(c, _mm_set1_ps(0.0031308f));
+  const __m128 encoded = _mm_or_ps(_mm_and_ps(low, linear), _mm_andnot_ps(low, curve));
+  // Encoded values lie in [0, 1), so the scaled value is a small non-negative number.
+  const __m128 scaled = _mm_mul_ps(encoded, _mm_set1_ps(maxCode));
+  const __m128i whole = _mm_cvttps_epi32(scaled);
+  const __m128 fraction = _mm_sub_ps(scaled, _mm_cvtepi32_ps(whole));
+  const __m128i up = _mm_castps_si128(_mm_cmpge_ps(fraction, _mm_set1_ps(0.5f)));
+  return _mm_sub_epi32(whole, up);  // a true lane is -1
+}
+#endif
+
 }  // namespace
+
+template <class Code>
+void GammaEncoder<Code>::EncodeRow(const float* linear, Code* codes, std::size_t count) const {
+  std::size_t i = 0;
+  switch (kind_) {
+    case Kind::SRGB:
+#if defined(IMAGERY_GAMMA_SSE2)
+      for (; i + 4 <= count; i += 4) {
+        const __m128i four = EncodeSRGBFour(_mm_loadu_ps(linear + i), static_cast<float>(kMaxCode));
+        if constexpr (sizeof(Code) == 1) {
+          const __m128i bytes = _mm_packus_epi16(_mm_packs_epi32(four, four), _mm_setzero_si128());
+          const std::int32_t packed = _mm_cvtsi128_si32(bytes);
+          std::memcpy(codes + i, &packed, sizeof packed);
+        } else {
+          // Signed packing saturates at 32767: pack the codes biased by -32768 and unbias the halves.
+          const __m128i biased = _mm_sub_epi32(four, _mm_set1_epi32(32768));
+          const __m128i halves = _mm_xor_si128(_mm_packs_epi32(biased, biased), _mm_set1_epi16(-32768));
+          _mm_storel_epi64(reinterpret_cast<__m128i*>(codes + i), halves);
+        }
+      }
+#endif
+      for (; i < count; ++i)
+        codes[i] = Quantize(EncodeSRGBClamped(ClampUnit(linear[i])));
+      return;
+    case Kind::Linear:
+      for (; i < count; ++i)
+        codes[i] = Quantize(ClampUnit(linear[i]));
+      return;
+    case Kind::Table:
+      for (; i < count; ++i)
+        codes[i] = FromThresholds(ClampUnit(linear[i]));
+      return;
+    case Kind::Direct:
+      break;
+  }
+  for (; i < count; ++i)
+    codes[i] = (*this)(linear[i]);
+}
 
 template <class Code>
 GammaDecodeTable<Code>::GammaDecodeTable(GammaValue gamma)

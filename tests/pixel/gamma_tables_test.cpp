@@ -1,6 +1,7 @@
 // The table-driven gamma conversions against the reference curves, bit for bit: every code for the
 // decode tables; for the encoders every decision boundary (each code's crossing point and the floats
 // around it), a sweep over the floats of [0, 1] and the values outside it.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -122,6 +123,62 @@ TEST(GammaEncoder, SixteenBitCodesMatchTheReferenceEverywhere) {
         return;
     }
   }
+}
+
+template <class Code>
+void ExpectRowsMatchReference(GammaValue g, PowerPrecision p, const std::vector<float>& values) {
+  SCOPED_TRACE(testing::Message() << "gamma " << g.Value() << " bytes " << sizeof(Code));
+  const GammaEncoder<Code> encoder(g, p);
+  std::vector<Code> codes(values.size() + 8);
+  // Odd lengths and starts off the vector alignment exercise the tails of the wide path.
+  for (std::size_t start : {0, 1, 3}) {
+    for (std::size_t count : {std::size_t{0}, std::size_t{1}, std::size_t{3}, std::size_t{4}, std::size_t{5},
+                              std::size_t{17}, values.size() - start}) {
+      std::fill(codes.begin(), codes.end(), Code(0x5A));
+      encoder.EncodeRow(values.data() + start, codes.data() + start, count);
+      for (std::size_t i = 0; i < codes.size(); ++i) {
+        if (i >= start && i < start + count) {
+          ASSERT_EQ(static_cast<std::uint32_t>(codes[i]), Reference(values[i], g, p, Code())) << values[i];
+        } else {
+          ASSERT_EQ(codes[i], Code(0x5A)) << "wrote outside the row at " << i;
+        }
+      }
+    }
+  }
+}
+
+TEST(GammaEncoder, RowsMatchTheReference) {
+  std::vector<float> values;
+  for (std::uint32_t b = 0; b <= 0x3F800000u; b += 7919)
+    values.push_back(FromBits(b));
+  for (unsigned k = 0; k < 256; ++k)
+    values.push_back(DecodeChannel8(static_cast<unsigned char>(k), gamma::sRGB));
+  const float inf = std::numeric_limits<float>::infinity();
+  for (float c : {-0.0f, -1.0f, 1.5f, inf, -inf, std::nanf(""), 0.0031308f, std::nextafter(0.0031308f, 1.0f),
+                  0.0523f, std::nextafter(0.0523f, 1.0f)}) {
+    values.push_back(c);
+  }
+  for (GammaValue g : {gamma::sRGB, gamma::Linear, GammaValue(2.2f), GammaValue(100.0f)}) {
+    for (PowerPrecision p : {PowerPrecision::Single, PowerPrecision::Double}) {
+      ExpectRowsMatchReference<unsigned char>(g, p, values);
+      ExpectRowsMatchReference<unsigned short>(g, p, values);
+      if (HasFatalFailure())
+        return;
+    }
+  }
+}
+
+TEST(GammaDecodeTable, RowsMatchTheTable) {
+  std::vector<unsigned short> codes(70001);
+  for (std::size_t i = 0; i < codes.size(); ++i)
+    codes[i] = static_cast<unsigned short>(i * 7919);
+  const GammaDecodeTable16 table(GammaValue(2.2f));
+  std::vector<float> linear(codes.size() + 1, -1.0f);
+  table.DecodeRow(codes.data(), linear.data(), codes.size());
+  for (std::size_t i = 0; i < codes.size(); ++i) {
+    ASSERT_EQ(Bits(linear[i]), Bits(DecodeChannel16(codes[i], GammaValue(2.2f))));
+  }
+  EXPECT_EQ(linear.back(), -1.0f);
 }
 
 TEST(GammaEncoder, RoundTripsEveryCodeThroughItsDecodeTable) {
