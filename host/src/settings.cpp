@@ -35,9 +35,11 @@ struct Registration {
 
 class SettingsStore {
  public:
+  // Never destroyed: static initialisers and destructors of other libraries may use the store in any
+  // order relative to this file's own statics.
   static SettingsStore& Get() {
-    static SettingsStore store;
-    return store;
+    static SettingsStore* const store = new SettingsStore;
+    return *store;
   }
 
   std::mutex mutex;
