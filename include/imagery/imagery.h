@@ -1,7 +1,27 @@
 // The whole public API of imagery, host layer included.
 #pragma once
 
+#include "imagery_host/enum_combiner.h"
 #include "imagery_host/error.h"
+#include "imagery_host/geometry.h"
+#include "imagery_host/logger.h"
+#include "imagery_host/md5.h"
+#include "imagery_host/parallel.h"
+#include "imagery_host/progress.h"
 #include "imagery_host/resources.h"
+#include "imagery_host/scheduler.h"
+#include "imagery_host/settings.h"
 #include "imagery_host/stream.h"
+#include "imagery_host/sync.h"
+#include "imagery_host/tagged_value.h"
+#include "imagery_host/uid.h"
+#include "imagery_host/zel_path.h"
 #include "imagery_host/zel_string.h"
+
+#include "imagery/color.h"
+#include "imagery/colour_spaces.h"
+#include "imagery/gamma.h"
+#include "imagery/gamma_tables.h"
+#include "imagery/normal_encoding.h"
+#include "imagery/pixel_format.h"
+#include "imagery/resource_text.h"
