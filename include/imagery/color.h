@@ -195,15 +195,16 @@ inline void ToRGB(const LinearRGB_T<float>& c, unsigned short& r, unsigned short
 
 namespace detail {
 
-// One step of the 64-bit hash combination shared by the colour hashes.
-inline void HashCombine64(std::uint64_t& seed, std::uint64_t value) {
+// One step of the 64-bit hash combination shared by the colour hashes. Written out rather than taken
+// from boost::hash_combine, whose mixing differs between Boost versions; stored hashes must not.
+inline void HashCombine64(std::uint64_t& hash, std::uint64_t value) {
   constexpr std::uint64_t m = 0xc6a4a7935bd1e995ull;
   std::uint64_t k = value * m;
   k ^= k >> 47;
   k *= m;
-  seed ^= k;
-  seed *= m;
-  seed += 0xe6546b64ull;
+  hash ^= k;
+  hash *= m;
+  hash += 0xe6546b64ull;
 }
 
 // A float's bits as an unsigned integer, with +0 and -0 both 0.
@@ -218,14 +219,14 @@ inline std::uint64_t FloatHashBits(float value) {
 }  // namespace detail
 }  // namespace imagery
 
-// The hash of a linear colour: red, green, blue folded into the seed 42; equal colours (including
-// +0 / -0) hash alike.
+// The hash of a linear colour: red, green, blue folded into a hash that starts at 42; equal colours
+// (including +0 / -0) hash alike.
 inline std::uint64_t hash_value(const imagery::LinearRGB_T<float>& c) {
-  std::uint64_t seed = 42;
-  imagery::detail::HashCombine64(seed, imagery::detail::FloatHashBits(c.r));
-  imagery::detail::HashCombine64(seed, imagery::detail::FloatHashBits(c.g));
-  imagery::detail::HashCombine64(seed, imagery::detail::FloatHashBits(c.b));
-  return seed;
+  std::uint64_t hash = 42;
+  imagery::detail::HashCombine64(hash, imagery::detail::FloatHashBits(c.r));
+  imagery::detail::HashCombine64(hash, imagery::detail::FloatHashBits(c.g));
+  imagery::detail::HashCombine64(hash, imagery::detail::FloatHashBits(c.b));
+  return hash;
 }
 
 namespace imagery {

@@ -49,7 +49,7 @@ class HLSCLR {
   friend bool operator!=(const HLSCLR& a, const HLSCLR& b) { return !(a == b); }
 };
 
-// H, L and S folded into the seed 37; components equal to 0 (either sign) hash as 0.
+// H, L and S folded into a hash that starts at 37; components equal to 0 (either sign) hash as 0.
 std::uint64_t hash_value(const HLSCLR& c);
 
 namespace imagery {

@@ -126,11 +126,11 @@ imagery::LinearRGB_T<float> HLSCLR::ToRGB() const {
 }
 
 std::uint64_t hash_value(const HLSCLR& c) {
-  std::uint64_t seed = 37;
-  imagery::detail::HashCombine64(seed, imagery::detail::FloatHashBits(c.h));
-  imagery::detail::HashCombine64(seed, imagery::detail::FloatHashBits(c.l));
-  imagery::detail::HashCombine64(seed, imagery::detail::FloatHashBits(c.s));
-  return seed;
+  std::uint64_t hash = 37;
+  imagery::detail::HashCombine64(hash, imagery::detail::FloatHashBits(c.h));
+  imagery::detail::HashCombine64(hash, imagery::detail::FloatHashBits(c.l));
+  imagery::detail::HashCombine64(hash, imagery::detail::FloatHashBits(c.s));
+  return hash;
 }
 
 void CLR::FromHLSGamma(float h, float l, float s) {
