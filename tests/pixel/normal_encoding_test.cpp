@@ -36,8 +36,7 @@ TEST(NormalEncoding, NormalizationGivesUnitNormalsOfTheSameDirection) {
     // One byte step is 2/255 per component, so the length is 1 within a few steps.
     ASSERT_NEAR(std::sqrt(x * x + y * y + z * z), 1.0f, 0.015f) << std::hex << in.Value();
     ASSERT_TRUE(Decode(in.Red()) * x >= 0.0f || std::fabs(x) < 0.01f);
-    // A unit normal is (nearly) a fixed point.
-    ASSERT_LE(std::abs(NormalizeEncodedNormal(out).Green() - out.Green()), 1);
+    ASSERT_LE(std::abs(NormalizeEncodedNormal(out).Green() - out.Green()), 1);  // nearly a fixed point
   }
 }
 

@@ -13,14 +13,14 @@ TEST(PixelFormat, LayoutFacts) {
   for (int value = 0; value <= 255; ++value) {
     const auto t = static_cast<EImageType>(value);
     // The RG-encoded readings share the bytes of their 8-bit counterparts.
-    EXPECT_EQ(BytesPerPixel(SwapRGEncoding(t)), BytesPerPixel(t));
-    EXPECT_EQ(SwapRGEncoding(SwapRGEncoding(t)), t);
-    EXPECT_EQ(BytesPerLine(7, t) % 4, 0);
-    EXPECT_GE(BytesPerLine(7, t), 7 * BytesPerPixel(t));
-    EXPECT_LT(BytesPerLine(7, t), 7 * BytesPerPixel(t) + 4);
+    ASSERT_EQ(BytesPerPixel(SwapRGEncoding(t)), BytesPerPixel(t));
+    ASSERT_EQ(SwapRGEncoding(SwapRGEncoding(t)), t);
+    ASSERT_EQ(BytesPerLine(7, t) % 4, 0);
+    ASSERT_GE(BytesPerLine(7, t), 7 * BytesPerPixel(t));
+    ASSERT_LT(BytesPerLine(7, t), 7 * BytesPerPixel(t) + 4);
     if (value > IT_UNDEFINED) {
-      EXPECT_EQ(BytesPerPixel(t), 0);
-      EXPECT_FALSE(HasAlpha(t) || IsGammaEncoded(t) || IsGrayscale(t) || IsFloat(t));
+      ASSERT_EQ(BytesPerPixel(t), 0);
+      ASSERT_FALSE(HasAlpha(t) || IsGammaEncoded(t) || IsGrayscale(t) || IsFloat(t));
     }
   }
   EXPECT_EQ(SwapRGEncoding(IT_RGBA8), IT_RGEncodedAlpha);
@@ -39,11 +39,11 @@ TEST(PixelFormat, HumanReadableNamesComeFromTheResourceTexts) {
       {STR_RGBA, STR_HDR},          {STR_RGB, STR_16BITS},       {STR_RGBA, STR_16BITS},
       {STR_Grayscale, STR_16BITS},  {STR_RGB, STR_FLOAT32},      {STR_RGBA, STR_FLOAT32},
       {STR_Grayscale, STR_FLOAT32}, {STR_Grayscale, STR_16BITS}, {STR_Grayscale, STR_16BITS}};
+  ASSERT_NE(GetString(STR_RGB), GetString(STR_RGBA));
   for (int t = 0; t < 12; ++t) {
     EXPECT_EQ(HumanReadableColorType(static_cast<EImageType>(t)), GetString(expected[t][0])) << t;
     EXPECT_EQ(HumanReadableBitDepth(static_cast<EImageType>(t)), GetString(expected[t][1])) << t;
   }
-  EXPECT_NE(GetString(STR_RGB), GetString(STR_RGBA));
   for (EImageType t : {IT_UNDEFINED, static_cast<EImageType>(13), static_cast<EImageType>(255)}) {
     EXPECT_EQ(HumanReadableColorType(t), ZELString(L"?"));
     EXPECT_EQ(HumanReadableBitDepth(t), ZELString(L"?"));
@@ -81,15 +81,14 @@ TEST(EImageTrait, LoadAndStoreFollowTheStoredLayout) {
 }
 
 TEST(EImageTrait, ConversionsUseTheGammaOfIntegerFormatsOnly) {
-  EXPECT_EQ(EImageTrait<IT_RGB16>::ToColorType(LinearRGB_T<float>(1.0f, 0.5f, 0.0f), gamma::sRGB).r, 65526);
+  const GammaValue g22(2.2f);
   EXPECT_EQ(EImageTrait<IT_RGB16>::ToColorType(LinearRGB_T<float>(0.5f, 0.0f, 1.0f), gamma::Linear),
             (StoredRGB_T<unsigned short>{32768, 0, 65535}));
-  EXPECT_EQ(EImageTrait<IT_RGB8>::ToColorType(LinearRGB_T<float>(0.5f, 0.5f, 0.5f), GammaValue(2.2f)),
-            CLR(186, 186, 186));
-  EXPECT_EQ(EImageTrait<IT_Grayscale8>::ToColorType(0.5f, GammaValue(2.2f)), 186);
-  EXPECT_EQ(EImageTrait<IT_Grayscale16>::ToFloatType(65535, gamma::sRGB), 1.0f);
+  EXPECT_EQ(EImageTrait<IT_RGB8>::ToColorType(LinearRGB_T<float>(0.5f, 0.5f, 0.5f), g22), CLR(186, 186, 186));
+  EXPECT_EQ(EImageTrait<IT_Grayscale8>::ToColorType(0.5f, g22), 186);
+  EXPECT_EQ(EImageTrait<IT_Grayscale16>::ToFloatType(32768, g22), DecodeChannel16(32768, g22));
   EXPECT_EQ(EImageTrait<IT_Grayscale32f>::ToColorType(3.5f, gamma::sRGB), 3.5f);
-  EXPECT_EQ(EImageTrait<IT_RGB32f>::ToFloatType(LinearRGB_T<float>(-1.0f, 2.0f, 9.0f), GammaValue(2.2f)),
+  EXPECT_EQ(EImageTrait<IT_RGB32f>::ToFloatType(LinearRGB_T<float>(-1.0f, 2.0f, 9.0f), g22),
             LinearRGB_T<float>(-1.0f, 2.0f, 9.0f));
 }
 
