@@ -4,6 +4,8 @@
 #include <fstream>
 #include <string>
 #include <system_error>
+#include <tuple>
+#include <utility>
 
 #include "imagery_host/zel_path.h"
 
@@ -11,15 +13,10 @@ namespace {
 
 namespace fs = boost::filesystem;
 
-TEST(ZELPathParts, SplitsOnEitherSeparator) {
-  struct Case {
-    const wchar_t* path;
-    const wchar_t* leaf;
-    const wchar_t* stem;
-    const wchar_t* extension;
-    const wchar_t* parent;
-  };
-  const Case cases[] = {
+TEST(ZELPath, SplitsOnEitherSeparator) {
+  // path, leaf, leaf without extension, extension, parent
+  using Parts = std::tuple<const wchar_t*, const wchar_t*, const wchar_t*, const wchar_t*, const wchar_t*>;
+  const Parts cases[] = {
       {L"/maps/brick_Color.png", L"brick_Color.png", L"brick_Color", L".png", L"/maps"},
       {L"C:\\maps\\rock.tar.gz", L"rock.tar.gz", L"rock.tar", L".gz", L"C:\\maps"},
       {L"brick", L"brick", L"brick", L"", L""},
@@ -30,37 +27,30 @@ TEST(ZELPathParts, SplitsOnEitherSeparator) {
       {L"maps/", L"", L"", L"", L"maps"},
       {L"", L"", L"", L"", L""},
   };
-  for (const Case& c : cases) {
-    const ZELPath path(c.path);
+  for (const auto& [text, leaf, stem, extension, parent] : cases) {
+    const ZELPath path(text);
     SCOPED_TRACE(path.local_string());
-    EXPECT_EQ(path.leaf().wstr(), c.leaf);
-    EXPECT_EQ(path.leaf_without_extension().wstr(), c.stem);
-    EXPECT_EQ(path.extension().wstr(), c.extension);
-    EXPECT_EQ(path.parent_path().GetString().wstr(), c.parent);
+    EXPECT_EQ(path.leaf().wstr(), leaf);
+    EXPECT_EQ(path.leaf_without_extension().wstr(), stem);
+    EXPECT_EQ(path.extension().wstr(), extension);
+    EXPECT_EQ(path.parent_path().GetString().wstr(), parent);
   }
 }
 
-TEST(ZELPathParts, AbsoluteTestAndJoining) {
-  EXPECT_TRUE(ZELPath(L"/maps").is_absolute());
-  EXPECT_TRUE(ZELPath(L"\\\\server\\maps").is_absolute());
-  EXPECT_TRUE(ZELPath(L"D:/maps").is_absolute());
-  EXPECT_FALSE(ZELPath(L"maps/brick.png").is_absolute());
-  EXPECT_FALSE(ZELPath(L"D:maps").is_absolute());
-  EXPECT_FALSE(ZELPath().is_absolute());
+TEST(ZELPath, AbsolutenessAndJoiningWithASingleSeparator) {
+  for (const wchar_t* absolute : {L"/maps", L"\\\\server\\maps", L"D:/maps"})
+    EXPECT_TRUE(ZELPath(absolute).is_absolute()) << ZELString(absolute);
+  for (const wchar_t* relative : {L"maps/brick.png", L"D:maps", L""})
+    EXPECT_FALSE(ZELPath(relative).is_absolute()) << ZELString(relative);
 
-  EXPECT_EQ(ZELPath(L"maps") / ZELPath(L"brick.png"), ZELPath(L"maps/brick.png"));
   EXPECT_EQ(ZELPath(L"maps//") / ZELPath(L"/brick.png"), ZELPath(L"maps/brick.png"));
   EXPECT_EQ(ZELPath(L"/") / ZELPath(L"brick.png"), ZELPath(L"/brick.png"));
   EXPECT_EQ(ZELPath() / ZELPath(L"brick.png"), ZELPath(L"brick.png"));
   EXPECT_EQ(ZELPath(L"maps") / ZELPath(), ZELPath(L"maps"));
 }
 
-TEST(PathSanitising, Normalise) {
-  struct Case {
-    const wchar_t* in;
-    const wchar_t* out;
-  };
-  const Case cases[] = {
+TEST(PathSanitising, NormaliseAndAssetPathSanity) {
+  const std::pair<const wchar_t*, const wchar_t*> cases[] = {
       {L"C:\\maps\\\\brick.png", L"C:/maps/brick.png"},
       {L"./maps/./brick.png", L"maps/brick.png"},
       {L"//maps///x/", L"/maps/x/"},
@@ -69,18 +59,14 @@ TEST(PathSanitising, Normalise) {
       {L"/./", L"/"},
       {L"", L""},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(zel::Sanitize(ZELPath(c.in)).GetString().wstr(), c.out) << ZELString(c.in);
+  for (const auto& [in, out] : cases) {
+    EXPECT_EQ(zel::Sanitize(ZELPath(in)).GetString().wstr(), out) << ZELString(in);
   }
   EXPECT_EQ(zel::SanitizeQuestionMark(ZELPath(L"?maps/br?ck.png")), ZELPath(L"_maps/br_ck.png"));
-}
 
-TEST(PathSanitising, AssetPathSanity) {
   EXPECT_TRUE(zel::CheckAssetPathSanity(ZELPath(L"/maps/brick \u00E9.png"), false));
-  EXPECT_FALSE(zel::CheckAssetPathSanity(ZELPath(), false));
-  EXPECT_FALSE(zel::CheckAssetPathSanity(ZELPath(L"maps/*.png"), false));
-  EXPECT_FALSE(zel::CheckAssetPathSanity(ZELPath(L"maps/br?ck.png"), false));
-  EXPECT_FALSE(zel::CheckAssetPathSanity(ZELPath(L"maps/\tbrick.png"), false));
+  for (const wchar_t* bad : {L"", L"maps/*.png", L"maps/br?ck.png", L"maps/\tbrick.png"})
+    EXPECT_FALSE(zel::CheckAssetPathSanity(ZELPath(bad), false)) << ZELString(bad);
   testing::internal::CaptureStderr();
   EXPECT_FALSE(zel::CheckAssetPathSanity(ZELPath(L"maps/\x01.png"), true));
   const std::string message = testing::internal::GetCapturedStderr();
@@ -88,17 +74,11 @@ TEST(PathSanitising, AssetPathSanity) {
 }
 
 TEST(HumanMatch, TagMustEndTheNameOrPrecedeASeparator) {
-  struct Case {
-    const wchar_t* text;
-    const wchar_t* tag;
-    int expected;
-  };
-  const Case cases[] = {
+  const std::tuple<const wchar_t*, const wchar_t*, int> cases[] = {
       {L"brick_Color", L"_Color", 5},
       {L"rock_VAR2_Color", L"_Color", 9},
       {L"brick_color", L"_Color", -1},
       {L"grass_albedo", L"_a", -1},
-      {L"tex_a", L"_a", 3},
       {L"tex_a_2k", L"_a", 3},
       {L"tex_a-2k", L"_a", 3},
       {L"tex_a.2k", L"_a", 3},
@@ -109,98 +89,65 @@ TEST(HumanMatch, TagMustEndTheNameOrPrecedeASeparator) {
       {L"Color", L"_Color", -1},
       {L"brick", L"", -1},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(zel::HumanMatch(c.text, c.tag), c.expected) << ZELString(c.text) << " / " << ZELString(c.tag);
+  for (const auto& [text, tag, expected] : cases) {
+    EXPECT_EQ(zel::HumanMatch(text, tag), expected) << ZELString(text) << " / " << ZELString(tag);
   }
 }
 
 TEST(RegexReplace, ReplacesAllOrFirstAndReportsChange) {
-  ZELString candidate(L"rock_VAR2_Normal");
-  EXPECT_TRUE(zel::RegexReplace(candidate, L"_VAR\\d+_", L"_", false));
-  EXPECT_EQ(candidate.wstr(), L"rock_Normal");
-  EXPECT_FALSE(zel::RegexReplace(candidate, L"_VAR\\d+_", L"_", false));
-  EXPECT_EQ(candidate.wstr(), L"rock_Normal");
+  ZELString text(L"rock_VAR2_Normal");
+  EXPECT_TRUE(zel::RegexReplace(text, L"_VAR\\d+_", L"_", false));
+  EXPECT_EQ(text.wstr(), L"rock_Normal");
+  EXPECT_FALSE(zel::RegexReplace(text, L"_VAR\\d+_", L"_", false));
 
-  ZELString twice(L"a1b22c");
-  EXPECT_TRUE(zel::RegexReplace(twice, L"\\d+", L"#", true));
-  EXPECT_EQ(twice.wstr(), L"a#b22c");
-  EXPECT_TRUE(zel::RegexReplace(twice, L"(\\d+)", L"<$1>", false));
-  EXPECT_EQ(twice.wstr(), L"a#b<22>c");
-
-  ZELString untouched(L"rock_VAR2_");
-  EXPECT_FALSE(zel::RegexReplace(untouched, L"_VAR(\\d+_", L"_", false));
-  EXPECT_EQ(untouched.wstr(), L"rock_VAR2_");
+  text = L"a1b22c3";
+  EXPECT_TRUE(zel::RegexReplace(text, L"\\d+", L"#", true));
+  EXPECT_EQ(text.wstr(), L"a#b22c3");
+  EXPECT_TRUE(zel::RegexReplace(text, L"(\\d+)", L"<$1>", false));
+  EXPECT_EQ(text.wstr(), L"a#b<22>c<3>");
+  EXPECT_FALSE(zel::RegexReplace(text, L"_VAR(\\d+_", L"_", false)) << "a malformed pattern";
+  EXPECT_EQ(text.wstr(), L"a#b<22>c<3>");
 }
 
-// Real files in a fresh folder; removed afterwards.
-class PathFiles : public testing::Test {
- protected:
-  void SetUp() override {
-    folder_ = fs::temp_directory_path() / fs::unique_path("imagery-path-%%%%-%%%%");
-    fs::create_directories(folder_);
-  }
-  void TearDown() override {
-    boost::system::error_code ignored;
-    fs::remove_all(folder_, ignored);
-  }
-  ZELPath Folder() const { return ZELPath(ZELString::FromUTF8(folder_.string())); }
-  ZELPath MakeFile(const std::string& utf8Name) const {
-    std::ofstream(folder_ / utf8Name) << "pixels";
-    return Folder() / ZELPath(ZELString::FromUTF8(utf8Name));
-  }
-
-  fs::path folder_;
-};
-
-TEST_F(PathFiles, Existence) {
-  const ZELPath file = MakeFile("brick_Normal \xC3\xA9.png");
+TEST(PathFiles, ExistenceModificationTimeAndMakingAbsolute) {
+  const fs::path folder = fs::temp_directory_path() / fs::unique_path("imagery-path-%%%%-%%%%");
+  fs::create_directories(folder);
+  auto in = [&folder](const std::string& utf8) {
+    return ZELPath(ZELString::FromUTF8((folder / utf8).string()));
+  };
+  std::ofstream(folder / "brick_Normal \xC3\xA9.png") << "pixels";
+  fs::last_write_time(folder / "brick_Normal \xC3\xA9.png", 1500000000);
+  const ZELPath file = in("brick_Normal \xC3\xA9.png");
   std::error_code error;
   EXPECT_TRUE(file.exists(error));
-  EXPECT_FALSE(error);
-  EXPECT_TRUE(Folder().exists(error));
-  EXPECT_FALSE((Folder() / ZELPath(L"brick_NRM.png")).exists(error));
-  EXPECT_FALSE(error);
+  EXPECT_TRUE(in("").exists(error));
+  EXPECT_FALSE(in("brick_NRM.png").exists(error));
   EXPECT_FALSE(ZELPath().exists(error));
   EXPECT_FALSE((file / ZELPath(L"child.png")).exists(error));
-  EXPECT_FALSE(error);
-
-  const ZELString text = file.GetString();
-  EXPECT_TRUE(TestStrippedFileExists(ZELPath(L"  \"" + text.wstr() + L"\"\t"), error));
-  EXPECT_TRUE(TestStrippedFileExists(ZELPath(L"'" + text.wstr() + L"'"), error));
+  const std::wstring text = file.GetString().wstr();
+  EXPECT_TRUE(TestStrippedFileExists(ZELPath(L"  \"" + text + L"\"\t"), error));
+  EXPECT_TRUE(TestStrippedFileExists(ZELPath(L"'" + text + L"'"), error));
   EXPECT_FALSE(TestStrippedFileExists(ZELPath(L" \"\" "), error));
   EXPECT_FALSE(error);
-}
-
-TEST_F(PathFiles, LastModificationTime) {
-  const ZELPath file = MakeFile("height.png");
-  const std::time_t stamp = 1500000000;
-  fs::last_write_time(folder_ / "height.png", stamp);
-  EXPECT_EQ(ZELFileLastModif(file), stamp);
-  EXPECT_EQ(ZELFileLastModif(Folder() / ZELPath(L"missing.png")), 0);
+  EXPECT_EQ(ZELFileLastModif(file), 1500000000);
+  EXPECT_EQ(ZELFileLastModif(in("missing.png")), 0);
   EXPECT_EQ(ZELFileLastModif(ZELPath()), 0);
-}
 
-TEST_F(PathFiles, MakeAbsolute) {
   const ZELPath current = ZELGetCurrentDirectory();
-  ASSERT_TRUE(current.is_absolute());
   EXPECT_EQ(ZELString::FromUTF8(fs::current_path().string()), current.GetString());
-
-  ZELPath relative(L"brick.png");
-  MakeAbsolutePath(relative, nullptr);
-  EXPECT_EQ(relative, current / ZELPath(L"brick.png"));
-
-  const ZELPath base = Folder();
-  ZELPath againstBase(L"sub/brick.png");
-  MakeAbsolutePath(againstBase, &base);
-  EXPECT_EQ(againstBase, Folder() / ZELPath(L"sub/brick.png"));
-
-  ZELPath absolute(L"/maps/brick.png");
-  MakeAbsolutePath(absolute, &base);
-  EXPECT_EQ(absolute, ZELPath(L"/maps/brick.png"));
-
-  ZELPath none;
-  MakeAbsolutePath(none, nullptr);
-  EXPECT_TRUE(none.empty());
+  const ZELPath base = in("");
+  const std::tuple<const wchar_t*, const ZELPath*, ZELPath> cases[] = {
+      {L"brick.png", nullptr, current / ZELPath(L"brick.png")},
+      {L"sub/brick.png", &base, base / ZELPath(L"sub/brick.png")},
+      {L"/maps/brick.png", &base, ZELPath(L"/maps/brick.png")},
+      {L"", nullptr, ZELPath()},
+  };
+  for (const auto& [path, against, expected] : cases) {
+    ZELPath made(path);
+    MakeAbsolutePath(made, against);
+    EXPECT_EQ(made, expected) << ZELString(path);
+  }
+  fs::remove_all(folder);
 }
 
 }  // namespace
