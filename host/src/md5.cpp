@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 
+#include "hex.h"
 #include "imagery_host/stream.h"
 
 static_assert(sizeof(MD5_CTX) <= sizeof(md5_state_t::opaque), "md5_state_t is too small for MD5_CTX");
@@ -48,13 +49,7 @@ bool MD5digest::IsNull() const {
 }
 
 std::string MD5digest::ToHex(bool lowerCase) const {
-  const char* digits = lowerCase ? "0123456789abcdef" : "0123456789ABCDEF";
-  std::string text(2 * kSize, '0');
-  for (std::size_t i = 0; i < kSize; ++i) {
-    text[2 * i] = digits[bytes_[i] >> 4];
-    text[2 * i + 1] = digits[bytes_[i] & 0x0F];
-  }
-  return text;
+  return zel::detail::BytesToHex(bytes_, kSize, lowerCase);
 }
 
 bool MD5digest::Write(ZELStream* stream) const {

@@ -9,6 +9,7 @@
 #include <random>
 #include <thread>
 
+#include "hex.h"
 #include "imagery_host/stream.h"
 
 namespace zel_uid {
@@ -65,13 +66,7 @@ bool PermUID::IsNull() const {
 }
 
 std::string PermUID::ToString() const {
-  static const char digits[] = "0123456789ABCDEF";
-  std::string text(2 * kSize, '0');
-  for (std::size_t i = 0; i < kSize; ++i) {
-    text[2 * i] = digits[bytes_[i] >> 4];
-    text[2 * i + 1] = digits[bytes_[i] & 0x0F];
-  }
-  return text;
+  return zel::detail::BytesToHex(bytes_, kSize, false);
 }
 
 bool PermUID::Write(ZELStream* stream) const {
