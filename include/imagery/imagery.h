@@ -1,6 +1,7 @@
 // The whole public API of imagery, host layer included.
 #pragma once
 
+#include "imagery_host/block_cache.h"
 #include "imagery_host/enum_combiner.h"
 #include "imagery_host/error.h"
 #include "imagery_host/geometry.h"
