@@ -256,18 +256,14 @@ ZELPath SanitizeQuestionMark(const ZELPath& path) {
 
 bool CheckAssetPathSanity(const ZELPath& path, bool assertOnError) {
   const char* problem = nullptr;
-  if (path.empty()) {
-    problem = "empty path";
-  } else {
-    for (wchar_t c : path.GetString().wstr()) {
-      if (IsControl(c)) {
-        problem = "control character in path";
-        break;
-      }
-      if (c == L'?' || c == L'*') {
-        problem = "wildcard character in path";
-        break;
-      }
+  for (wchar_t c : path.GetString().wstr()) {
+    if (IsControl(c)) {
+      problem = "control character in path";
+      break;
+    }
+    if (c == L'?' || c == L'*') {
+      problem = "wildcard character in path";
+      break;
     }
   }
   if (problem && assertOnError) {

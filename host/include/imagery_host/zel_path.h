@@ -62,7 +62,8 @@ namespace zel {
 ZELPath Sanitize(ZELPath path);
 // Replaces each '?' (left by failed character conversions) with '_'.
 ZELPath SanitizeQuestionMark(const ZELPath& path);
-// Whether a path is usable as an asset path (not empty, no control characters, no '?' or '*'). With
+// Whether a path is usable as an asset path: no control characters, no '?' or '*'. The empty path (an
+// image made in memory has no file) passes. With
 // assertOnError a failure is also reported on standard error, as a host's debug assertion would be.
 bool CheckAssetPathSanity(const ZELPath& path, bool assertOnError);
 

@@ -1,0 +1,232 @@
+// Image: the handle the library and the host pass around. A handle holds a counted reference to an
+// ImageImpl (shared pixels and picture properties), its own transformations and a tree of extra
+// attributes. Copying a handle shares the implementation; operations that change pixels first give the
+// handle an implementation of its own (NewImplFromExisting), so other handles keep what they saw.
+//
+// A handle is never without pixels: an empty handle shares the factory's 1 x 1 default implementation.
+// A handle is not shared between threads; two handles on one implementation may live on different
+// threads (reference counts are atomic), but nobody may use an image while another thread rewrites it.
+#pragma once
+
+#include <iosfwd>
+#include <memory>
+
+#include <boost/property_tree/ptree.hpp>
+
+#include "imagery/color.h"
+#include "imagery/gamma.h"
+#include "imagery/image_impl.h"
+#include "imagery/picture_type.h"
+#include "imagery/pixel_format.h"
+#include "imagery/read_options.h"
+#include "imagery/transformations.h"
+#include "imagery_host/error.h"
+#include "imagery_host/md5.h"
+#include "imagery_host/zel_path.h"
+#include "imagery_host/zel_string.h"
+
+namespace imagery {
+
+class ImageFactory;
+
+class Image {
+ public:
+  using Transformations = ImageTransformations;
+  using Attributes = boost::property_tree::ptree;
+
+  // Shares the factory's default implementation.
+  Image();
+  // Takes a reference on `impl`, which must not be null.
+  explicit Image(ImageImpl* impl);
+  Image(int width, int height, EImageType type, GammaValue gamma);
+  // With the current output gamma for the format.
+  Image(int width, int height, EImageType type);
+  Image(const Image& other);
+  Image& operator=(const Image& other);
+  virtual Image& Assign(const Image& other);
+  virtual ~Image();
+  void Swap(Image& other) noexcept;
+
+  virtual const ImageFactory* GetFactory() const;
+  // New heap handles owned by the caller: sharing this implementation, or with pixels of their own.
+  virtual Image* ShallowCopy() const;
+  virtual Image* DeepCopy() const;
+  // Back to an empty handle: the default implementation, no transformations, no attributes.
+  virtual void Reset();
+  virtual void MergeImpl(ImageImpl* impl);
+  virtual ZELString GetUniquePathIdentifier() const;
+
+  // --- Implementations --------------------------------------------------------------------------------
+  void ShareImpl(ImageImpl* impl);
+  // Gives the handle a new zero-filled implementation (same size, format and gamma) carrying over the old
+  // one's path, title and other properties. `keeper`, when it shares this implementation, keeps the old
+  // one alive meanwhile; otherwise a temporary copy does.
+  void NewImplFromExisting(Image* keeper);
+  // The given size, not clamped.
+  void NewImplFromExisting(int width, int height, CareAboutIncorporation care, Image* keeper);
+  void NewImplFromExisting(EImageType type, GammaValue gamma, CareAboutIncorporation care, Image* keeper);
+  void OwnNewImplBeforeCallingCommonCopy(ImageImpl* newImpl, CareAboutIncorporation care, Image* keeper);
+  void MakeUniqueIfFactoryDefault();
+  // Moves the handle to the newest version of its implementation; answers whether it moved.
+  bool UpdateImage();
+  // Whether the handle shares the factory's default implementation.
+  bool IsEmpty() const;
+  ImageImpl* GetImpl() { return impl_; }
+  const ImageImpl* GetImpl() const { return impl_; }
+  ImageImpl& GetImplRef() { return *impl_; }
+  const ImageImpl& GetImplRef() const { return *impl_; }
+
+  // --- Implementation properties ----------------------------------------------------------------------
+  // The size of level 0 shifted right by `level`, at least 1.
+  int Width(int level = 0) const;
+  int Height(int level = 0) const;
+  EImageType ImageType() const { return impl_->ImageType(); }
+  // Gives the handle a new implementation of that format (zero-filled) when the format differs.
+  void SetImageType(EImageType type, GammaValue gamma);
+  GammaValue GetGamma() const { return impl_->GetGamma(); }
+  void SetGamma(GammaValue gamma) { impl_->SetGamma(gamma); }
+  void SetRGEncoded(bool on) { impl_->SetRGEncoded(on); }
+  int BytesPerPixel() const { return impl_->Plane().BytesPerPixel(); }
+  int BytesPerLine() const { return impl_->Plane().BytesPerLine(); }
+  const ZELPath& FilePath() const { return impl_->FilePath(); }
+  // Never sets a path on the shared default implementation.
+  void SetFilePath(const ZELPath& path);
+  ZELString FileName() const;
+  const ZELString& Title() const { return impl_->Title(); }
+  void SetTitle(const ZELString& title) { impl_->SetTitle(title); }
+  EPictureType GetPtype() const { return impl_->GetPtype(); }
+  void SetPtype(EPictureType type) { impl_->SetPtype(type); }
+  std::int64_t LastModif() const { return impl_->LastModif(); }
+  bool IsUpToDate() const { return impl_->IsUpToDate(); }
+  void UpdateLastModif() { impl_->UpdateLastModif(); }
+  bool IsMostRecentVersion() const { return impl_->IsMostRecentVersion(); }
+  bool Synchronized() const { return impl_->Synchronized(); }
+  void Synchronized(bool on) { impl_->Synchronized(on); }
+  bool ValidMipMapsGamma() const { return impl_->ValidMipMapsGamma(); }
+  bool ValidMipMapsNoGamma() const { return impl_->ValidMipMapsNoGamma(); }
+  int MipMapLevels_Ideal() const { return impl_->MipMapLevels_Ideal(); }
+  void BuildFirstReadCheckSum() { impl_->BuildFirstReadCheckSum(); }
+  const MD5digest& GetFirstReadCheckSum() const { return impl_->GetFirstReadCheckSum(); }
+  void AddOriginalLocation(const ZELString& path) { impl_->AddOriginalLocation(ZELPath(path)); }
+
+  // --- Reading from the picture file --------------------------------------------------------------------
+  // Calls the factory's reader, which gives the handle a new implementation.
+  zel::ErrorCode ReadFromSource(const ZELPath& path, EImageType type, int& extra, const ReadOptions& options);
+  // Reads this implementation's file again, keeping the handle's transformations.
+  zel::ErrorCode ReadFromSourceKeepingTransforms(EImageType type);
+
+  // --- Handle attributes --------------------------------------------------------------------------------
+  int DPI() const { return transformations_.DPI(); }
+  void DPI(int dpi) { transformations_.DPI(dpi); }
+  Attributes& ExtraAttributes() { return extra_; }
+  const Attributes& ExtraAttributes() const { return extra_; }
+  // Stores the "IsDummy" attribute; marking logs a warning on channel "image".
+  void SetDummy(bool on);
+  bool IsDummy() const;
+
+  // --- Transformations ----------------------------------------------------------------------------------
+  Transformations& GetTransformations() { return transformations_; }
+  const Transformations& GetTransformations() const { return transformations_; }
+  bool GetMirrorX() const { return transformations_.GetMirrorX(); }
+  bool GetMirrorY() const { return transformations_.GetMirrorY(); }
+  void MirrorX() { transformations_.MirrorX(); }
+  void MirrorY() { transformations_.MirrorY(); }
+  void Mirror(bool vertical) { transformations_.Mirror(vertical); }
+  void SetMirrorX(bool on) { transformations_.SetMirrorX(on); }
+  void SetMirrorY(bool on) { transformations_.SetMirrorY(on); }
+  void Rotate90(bool clockwise) { transformations_.Rotate90(clockwise); }
+  void SetRotationAngle(float degrees) { transformations_.SetRotationAngle(degrees); }
+  double GetAngle() const { return transformations_.GetAngle(); }
+  void SetExposure(float exposure) { transformations_.SetExposure(exposure); }
+  void SetContrast(float contrast) { transformations_.SetContrast(contrast); }
+  float GetExposure() const { return transformations_.GetExposure(); }
+  float GetContrast() const { return transformations_.GetContrast(); }
+  bool HasExposureOrContrast() const { return transformations_.HasExposureOrContrast(); }
+  void UpdateExposureContrastState() { transformations_.UpdateExposureContrastState(); }
+  bool GetInvertedColor() const { return transformations_.GetInvertedColor(); }
+  void InvertColor() { transformations_.InvertColor(); }
+  void SetInvertedColor(bool on) { transformations_.SetInvertedColor(on); }
+  bool GetInvertedNormal() const { return transformations_.GetInvertedNormal(); }
+  void SetInvertedNormal(bool on) { transformations_.SetInvertedNormal(on); }
+  bool GetInvertedAlpha() const { return transformations_.GetInvertedAlpha(); }
+  void SetInvertedAlpha(bool on) { transformations_.SetInvertedAlpha(on); }
+  bool GetInvertedNormalGreen() const { return transformations_.GetInvertedNormalGreen(); }
+  void InvertNormalGreen() { transformations_.InvertNormalGreen(); }
+  void SetInvertedNormalGreen(bool on) { transformations_.SetInvertedNormalGreen(on); }
+  bool IsTransformedSizeSwapped() const { return transformations_.IsTransformedSizeSwapped(); }
+  int GetTransformedWidth(int level = 0) const;
+  int GetTransformedHeight(int level = 0) const;
+  void SetSameTransformationAs(const Image& other) { transformations_ = other.transformations_; }
+  void ApplyTransform(LinearRGB_T<float>& colour, ApplyTransformOpts options) const {
+    transformations_.ApplyTransform(colour, options);
+  }
+  void ApplyTransform(LinearRGBA_T<float>& colour, ApplyTransformOpts options) const {
+    transformations_.ApplyTransform(colour, options);
+  }
+  void ApplyTransform(float& grey, ApplyTransformOpts options) const {
+    transformations_.ApplyTransform(grey, options);
+  }
+  void ApplyTransformAlpha(float& alpha, ApplyTransformOpts options) const {
+    transformations_.ApplyTransformAlpha(alpha, options);
+  }
+
+  // --- Pixels -------------------------------------------------------------------------------------------
+  // One pixel at (x, y) of mip level `level`, through the handle's transformations selected by `options`.
+  // Coordinates are not checked: keep them inside Width(level) x Height(level) (transformed for
+  // ATO_TransformedFrame). Setters store values as given, at the mapped position.
+  void GetPixelRGB(int x, int y, LinearRGB_T<float>& colour, ApplyTransformOpts options, int level = 0) const;
+  void SetPixelRGB(int x, int y, const LinearRGB_T<float>& colour, ApplyTransformOpts options, int level = 0);
+  void GetPixelRGBA(int x, int y, LinearRGBA_T<float>& colour, ApplyTransformOpts options,
+                    int level = 0) const;
+  void SetPixelRGBA(int x, int y, const LinearRGBA_T<float>& colour, ApplyTransformOpts options,
+                    int level = 0);
+  void GetPixelGrayscale(int x, int y, float& grey, ApplyTransformOpts options, int level = 0) const;
+  void SetPixelGrayscale(int x, int y, float grey, ApplyTransformOpts options, int level = 0);
+  void GetPixelAlpha(int x, int y, float& alpha, ApplyTransformOpts options, int level = 0) const;
+  void SetPixelAlpha(int x, int y, float alpha, ApplyTransformOpts options, int level = 0);
+  void GetPixelRGBNoGammaConversion(int x, int y, LinearRGB_T<float>& colour, ApplyTransformOpts options,
+                                    int level = 0) const;
+  void SetPixelRGBNoGammaConversion(int x, int y, const LinearRGB_T<float>& colour,
+                                    ApplyTransformOpts options, int level = 0);
+  void GetPixelRGBANoGammaConversion(int x, int y, LinearRGBA_T<float>& colour, ApplyTransformOpts options,
+                                     int level = 0) const;
+  void SetPixelRGBANoGammaConversion(int x, int y, const LinearRGBA_T<float>& colour,
+                                     ApplyTransformOpts options, int level = 0);
+  void GetPixelGrayscaleNoGammaConversion(int x, int y, float& grey, ApplyTransformOpts options,
+                                          int level = 0) const;
+  void SetPixelGrayscaleNoGammaConversion(int x, int y, float grey, ApplyTransformOpts options,
+                                          int level = 0);
+
+  // The mean of n x n samples of level 0 (mirror and rotation, exposure, contrast and inversions applied).
+  LinearRGB_T<float> GetAverageColor(int n) const;
+  // Whether every pixel of level 0 equals pixel (0, 0) exactly, which is stored in the argument.
+  bool IsConstantColor(LinearRGB_T<float>& colour) const;
+  bool IsConstantGrayscale(float& grey) const;
+  bool IsConstantAlpha(float& alpha) const;
+
+  // --- Comparison ---------------------------------------------------------------------------------------
+  // Same implementation, equal transformations and equal attributes (identical pixels elsewhere do not
+  // count).
+  bool Equals(const Image& other) const;
+  friend bool operator==(const Image& a, const Image& b);
+  friend bool operator!=(const Image& a, const Image& b) { return !(a == b); }
+
+ private:
+  ImageImpl* impl_;
+  Transformations transformations_;
+  Attributes extra_;
+};
+
+// "imagery::Image(<width>x<height>,<format number>@<path>)".
+std::ostream& operator<<(std::ostream& out, const Image& image);
+std::wostream& operator<<(std::wostream& out, const Image& image);
+
+// Maps handle coordinates to the stored pixel of `level` through the transformations selected by
+// `options` (see ImageTransformations::MapCoordinates).
+template <class ImageT>
+void ApplyTransforms(const ImageT& image, const typename ImageT::Transformations& transformations, int x,
+                     int y, int& outX, int& outY, ApplyTransformOpts options, int level) {
+  transformations.MapCoordinates(image.Width(level), image.Height(level), x, y, outX, outY, options);
+}
+
+}  // namespace imagery

@@ -1,0 +1,341 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "imagery/image_factory.h"
+#include "imagery/image_impl.h"
+#include "imagery/image_list.h"
+#include "test_support.h"
+
+namespace imagery {
+namespace {
+
+using testing_support::CountedImpl;
+using testing_support::ImplHolder;
+using testing_support::LogCapture;
+using testing_support::TempFolder;
+using testing_support::ToZELPath;
+
+ImageImpl* NewImpl(int width, int height, EImageType type = IT_RGB8, GammaValue gamma = gamma::sRGB) {
+  return new ImageImpl(width, height, type, gamma, &ImageList::Instance());
+}
+
+TEST(ImageImpl, NewImplementationsAreZeroedAndRegisteredWhenLargerThanOnePixel) {
+  ImplHolder big(NewImpl(5, 3, IT_RGBA16));
+  ImplHolder tiny(NewImpl(1, 1));
+  ImplHolder empty(NewImpl(0, 0));
+  EXPECT_TRUE(ImageList::Instance().Contains(big.impl));
+  EXPECT_FALSE(ImageList::Instance().Contains(tiny.impl));
+  EXPECT_FALSE(ImageList::Instance().Contains(empty.impl));
+  const PixelPlane& plane = big->Plane();
+  for (std::uint64_t i = 0; i < plane.ByteSize(); ++i)
+    ASSERT_EQ(plane.Data()[i], 0) << i;
+  EXPECT_EQ(big->GetPtype(), PT_UNDEFINED);
+  EXPECT_TRUE(big->Synchronized());
+  EXPECT_FALSE(big->IsWorkCopy());
+  EXPECT_NE(big->UniqueId(), tiny->UniqueId());
+}
+
+TEST(ImageImpl, OnePixelImplementationRegistersWhenItGetsARelativePath) {
+  ImplHolder absolute(NewImpl(1, 1));
+  absolute->SetFilePath(ZELPath(L"/nowhere/brick.png"));
+  EXPECT_FALSE(ImageList::Instance().Contains(absolute.impl));
+  EXPECT_EQ(absolute->FilePath(), ZELPath(L"/nowhere/brick.png"));
+
+  ImplHolder relative(NewImpl(1, 1));
+  relative->SetFilePath(ZELPath(L"missing_dir/brick.png"));
+  EXPECT_TRUE(ImageList::Instance().Contains(relative.impl));
+  // Not found anywhere: kept as given.
+  EXPECT_EQ(relative->FilePath(), ZELPath(L"missing_dir/brick.png"));
+  relative->SetFilePath(ZELPath());
+  EXPECT_TRUE(relative->FilePath().empty());
+}
+
+TEST(ImageImpl, RelativePathsAreResolvedAgainstTheCurrentDirectory) {
+  const std::string name = "imagery_relative_" + std::to_string(::getpid()) + ".png";
+  const auto file = std::filesystem::current_path() / name;
+  std::ofstream(file) << "x";
+  ImplHolder impl(NewImpl(4, 4));
+  impl->SetFilePath(ZELPath(ZELString::FromUTF8(name)));
+  EXPECT_TRUE(impl->FilePath().is_absolute());
+  EXPECT_EQ(impl->FilePath().leaf(), ZELString::FromUTF8(name));
+  std::filesystem::remove(file);
+}
+
+TEST(ImageImpl, ReleasingTheLastReferenceDestroysAndUnregisters) {
+  std::atomic<int> destroyed{0};
+  ImageImpl* impl = new CountedImpl(4, 4, &destroyed);
+  impl->AddRef();
+  impl->AddRef();
+  EXPECT_FALSE(impl->RemoveRef());
+  EXPECT_TRUE(ImageList::Instance().Contains(impl));
+  EXPECT_TRUE(impl->RemoveRef());
+  EXPECT_EQ(destroyed.load(), 1);
+  EXPECT_FALSE(ImageList::Instance().Contains(impl));
+}
+
+TEST(ImageImpl, VersionChains) {
+  std::atomic<int> destroyed{0};
+  ImageImpl* first = new CountedImpl(4, 4, &destroyed);
+  ImageImpl* second = new CountedImpl(4, 4, &destroyed);
+  ImageImpl* third = new CountedImpl(4, 4, &destroyed);
+  first->AddRef();
+  first->NextImpl(second);
+  second->NextImpl(third);
+  for (ImageImpl* version : {first, second, third})
+    EXPECT_EQ(version->LastImpl(), third);
+  EXPECT_FALSE(first->IsMostRecentVersion());
+  EXPECT_FALSE(second->IsMostRecentVersion());
+  EXPECT_TRUE(third->IsMostRecentVersion());
+  // Every version shares the first one's record; work-copy state set on one shows on all.
+  EXPECT_EQ(second->GetSharedProperties(), first->GetSharedProperties());
+  EXPECT_EQ(third->GetSharedProperties(), first->GetSharedProperties());
+  third->SetWorkCopy(true);
+  EXPECT_TRUE(first->IsWorkCopy());
+  EXPECT_FALSE(first->Synchronized());
+
+  // The second version is also held elsewhere: releasing the first frees only the first.
+  second->AddRef();
+  first->RemoveRef();
+  EXPECT_EQ(destroyed.load(), 1);
+  second->RemoveRef();
+  EXPECT_EQ(destroyed.load(), 3);
+}
+
+TEST(ImageImpl, ReplacingTheNextVersionReleasesThePreviousOne) {
+  std::atomic<int> destroyed{0};
+  ImplHolder first(new CountedImpl(2, 2, &destroyed));
+  first->NextImpl(new CountedImpl(2, 2, &destroyed));
+  first->NextImpl(new CountedImpl(2, 2, &destroyed));
+  EXPECT_EQ(destroyed.load(), 1);
+  first->NextImpl(nullptr);
+  EXPECT_EQ(destroyed.load(), 2);
+  EXPECT_TRUE(first->IsMostRecentVersion());
+}
+
+TEST(ImageImpl, LastImplLooksAtABoundedNumberOfVersions) {
+  // Chains of 99 999 and 100 000 versions, the first reaching its end, the second not; releasing them
+  // must not nest one destructor per version either.
+  for (const int length : {ImageImpl::kMaxChainLength, ImageImpl::kMaxChainLength + 1}) {
+    ImageImpl* head = NewImpl(1, 1);
+    head->AddRef();
+    ImageImpl* tail = head;
+    for (int i = 1; i < length; ++i) {
+      ImageImpl* next = NewImpl(1, 1);
+      tail->NextImpl(next);
+      tail = next;
+    }
+    EXPECT_EQ(head->LastImpl(), length == ImageImpl::kMaxChainLength ? tail : head) << length;
+    head->RemoveRef();
+  }
+  // A loop answers the starting version.
+  ImplHolder a(NewImpl(1, 1));
+  ImageImpl* b = NewImpl(1, 1);
+  a->NextImpl(b);
+  b->NextImpl(a.impl);
+  EXPECT_EQ(a->LastImpl(), a.impl);
+  b->NextImpl(nullptr);
+}
+
+TEST(ImageImpl, MipChainsAndTheirSelection) {
+  ImplHolder impl(NewImpl(256, 64, IT_RGBA8, GammaValue(2.2f)));
+  EXPECT_EQ(impl->MipMapLevels_Ideal(), 9);
+  EXPECT_EQ(impl->MipMapLevels_Gamma(), 1);
+  impl->AllocateMipMapGamma();
+  impl->InvalidateMipMaps(true, false);
+  const auto& levels = impl->GetMipMaps().gammaLevels;
+  ASSERT_EQ(levels.size(), 8u);
+  EXPECT_EQ(levels.front().Width(), 128);
+  EXPECT_EQ(levels.front().Height(), 32);
+  EXPECT_EQ(levels.back().Width(), 1);
+  EXPECT_EQ(levels.back().Height(), 1);
+  EXPECT_EQ(levels[2].Gamma(), GammaValue(2.2f));
+  EXPECT_EQ(impl->MipMapLevels_Gamma(), 9);
+  EXPECT_EQ(&impl->MipGamma(3), &impl->Plane());
+
+  impl->ValidateMipMaps(true, false);
+  EXPECT_EQ(impl->MipGamma(3).Width(), 32);
+  EXPECT_EQ(impl->MipGamma(3).Height(), 8);
+  EXPECT_EQ(&impl->MipGamma(20), &levels.back());
+  EXPECT_EQ(&impl->MipGamma(0), &impl->Plane());
+  // The linear chain is separate.
+  EXPECT_EQ(&impl->MipNoGamma(3), &impl->Plane());
+  impl->AllocateMipMapNoGamma();
+  EXPECT_EQ(impl->MipNoGamma(1).Gamma(), gamma::Linear);
+
+  // Gamma changes invalidate the gamma chain only; "not set" and 0 are ignored.
+  impl->SetGamma(GammaValue(-1.0f));
+  impl->SetGamma(GammaValue(0.0f));
+  EXPECT_TRUE(impl->ValidMipMapsGamma());
+  EXPECT_EQ(impl->GetGamma(), GammaValue(2.2f));
+  impl->SetGamma(GammaValue(2.2f));
+  EXPECT_FALSE(impl->ValidMipMapsGamma());
+  EXPECT_TRUE(impl->ValidMipMapsNoGamma());
+
+  // Odd sizes halve to 1 on each side separately; a single pixel has no levels.
+  std::vector<PixelPlane> odd;
+  ImageImpl::MipMaps::Allocate(odd, 8, 2, IT_RGB8, gamma::sRGB);
+  ASSERT_EQ(odd.size(), 3u);
+  EXPECT_EQ(odd[0].Width() * 10 + odd[0].Height(), 41);
+  EXPECT_EQ(odd[1].Width() * 10 + odd[1].Height(), 21);
+  EXPECT_EQ(odd[2].Width() * 10 + odd[2].Height(), 11);
+  ImplHolder single(NewImpl(1, 1));
+  single->AllocateMipMapGamma();
+  EXPECT_EQ(single->MipMapLevels_Ideal(), 1);
+  EXPECT_EQ(&single->MipGamma(5), &single->Plane());
+}
+
+TEST(ImageImpl, NearlyLinearImagesReadTheLinearChain) {
+  for (const float g : {1.0f, 1.00005f}) {
+    ImplHolder impl(NewImpl(16, 16, IT_RGB8, GammaValue(g)));
+    impl->AllocateMipMapNoGamma();
+    EXPECT_EQ(impl->MipMapLevels_Gamma(), 5) << g;
+    EXPECT_EQ(&impl->MipGamma(1), &impl->GetMipMaps().noGammaLevels[0]) << g;
+  }
+  ImplHolder power(NewImpl(16, 16, IT_RGB8, GammaValue(1.001f)));
+  power->AllocateMipMapNoGamma();
+  EXPECT_EQ(power->MipMapLevels_Gamma(), 1);
+}
+
+TEST(ImageImpl, DownSamplingBackup) {
+  ImplHolder impl(NewImpl(1000, 2, IT_Grayscale8));
+  EXPECT_EQ(impl->DownSamplingRate(), 1);
+  impl->Plane().Data()[7] = 42;
+  impl->CreateBackupDownSampling();
+  impl->Plane().Data()[7] = 1;
+  impl->CreateBackupDownSampling();  // kept: the first backup is the original
+  EXPECT_EQ(impl->DownSamplingBackup()->Data()[7], 42);
+
+  impl->Plane().Alloc(333, 1, IT_Grayscale8, gamma::sRGB);
+  EXPECT_EQ(impl->DownSamplingRate(), 3);
+  impl->Plane().Alloc(400, 1, IT_Grayscale8, gamma::sRGB);
+  EXPECT_EQ(impl->DownSamplingRate(), 3);  // 2.5 rounds up
+  int width = 0, height = 0;
+  impl->OriginalSize(width, height);
+  EXPECT_EQ(width * 10000 + height, 1000 * 10000 + 2);
+
+  impl->AllocateMipMapGamma();
+  impl->ReloadBackupDownSampling();
+  EXPECT_EQ(impl->Width(), 1000);
+  EXPECT_EQ(impl->Height(), 2);
+  EXPECT_EQ(impl->Plane().Data()[7], 42);
+  EXPECT_FALSE(impl->ValidMipMapsGamma());
+  EXPECT_TRUE(impl->HasDownSamplingBackup());
+
+  impl->Plane().Alloc(0, 0, IT_Grayscale8, gamma::sRGB);
+  EXPECT_EQ(impl->DownSamplingRate(), 0);
+}
+
+TEST(ImageImpl, PixelMovesAndChecksums) {
+  ImplHolder a(NewImpl(3, 2, IT_RGB8));
+  ImplHolder b(NewImpl(3, 2, IT_RGB8));
+  for (std::uint64_t i = 0; i < a->Plane().ByteSize(); ++i)
+    a->Plane().Data()[i] = static_cast<unsigned char>(i * 7 + 1);
+
+  a->BuildFirstReadCheckSum();
+  // The digest covers the row padding too.
+  EXPECT_EQ(a->GetFirstReadCheckSum(), ComputeMD5(a->Plane().Data(), 24));
+  const MD5digest before = a->GetFirstReadCheckSum();
+  a->Plane().Data()[11] ^= 1;  // a padding byte of row 0
+  a->BuildFirstReadCheckSum();
+  EXPECT_NE(a->GetFirstReadCheckSum(), before);
+
+  b->AllocateMipMapGamma();
+  b->CopyMemoryFrom(*a.impl);
+  EXPECT_EQ(std::memcmp(a->Plane().Data(), b->Plane().Data(), 24), 0);
+  EXPECT_FALSE(b->ValidMipMapsGamma());
+
+  const unsigned char* aBytes = a->Plane().Data();
+  b->SwapAllPixelData(*a.impl);
+  EXPECT_EQ(b->Plane().Data(), aBytes);
+  EXPECT_EQ(a->GetMipMaps().gammaLevels.size(), 1u);
+  EXPECT_TRUE(b->GetMipMaps().gammaLevels.empty());
+}
+
+TEST(ImageImpl, CommonCopyCarriesThePropertiesThatAreNotPixels) {
+  ImplHolder source(NewImpl(4, 4, IT_RGB8, GammaValue(2.2f)));
+  source->SetPtype(PT_NormalMap);
+  source->SetFilePath(ZELPath(L"relative_maps/rock.png"));
+  source->SetLastModif(1234);
+  source->Synchronized(false);
+  source->BuildFirstReadCheckSum();
+  source->SetTitle(ZELString(L"Rock"));
+  source->AddOriginalLocation(ZELPath(L"/old/rock.png"));
+
+  ImplHolder destination(NewImpl(1, 1, IT_RGBA8, gamma::sRGB));
+  EXPECT_FALSE(ImageList::Instance().Contains(destination.impl));
+  source->CommonCopyTo(destination.impl, CAI_Care);
+  EXPECT_EQ(destination->GetPtype(), PT_NormalMap);
+  EXPECT_EQ(destination->FilePath(), source->FilePath());
+  EXPECT_TRUE(ImageList::Instance().Contains(destination.impl));
+  EXPECT_EQ(destination->LastModif(), 1234);
+  EXPECT_FALSE(destination->Synchronized());
+  EXPECT_EQ(destination->GetFirstReadCheckSum(), source->GetFirstReadCheckSum());
+  EXPECT_EQ(destination->Title(), ZELString(L"Rock"));
+  EXPECT_EQ(destination->GetGamma(), gamma::sRGB);
+  EXPECT_TRUE(destination->OriginalLocations().empty());
+
+  // An undefined picture type does not overwrite the destination's.
+  source->SetPtype(PT_UNDEFINED);
+  source->CommonCopyTo(destination.impl, CAI_DontCare);
+  EXPECT_EQ(destination->GetPtype(), PT_NormalMap);
+}
+
+TEST(ImageImpl, FileTracking) {
+  TempFolder folder;
+  const auto file = folder.Write("brick.png");
+  ImplHolder impl(NewImpl(2, 2));
+  impl->SetFilePath(ToZELPath(file));
+  EXPECT_EQ(impl->LastModif(), 0);
+  EXPECT_FALSE(impl->IsUpToDate());  // never recorded: the file is newer
+  impl->UpdateLastModif();
+  EXPECT_GT(impl->LastModif(), 0);
+  EXPECT_TRUE(impl->IsUpToDate());
+
+  std::filesystem::last_write_time(file, std::filesystem::last_write_time(file) + std::chrono::hours(1));
+  EXPECT_FALSE(impl->IsUpToDate());
+  impl->UpdateLastModif();
+  EXPECT_TRUE(impl->IsUpToDate());
+
+  // Once found missing, the file stays missing and up to date without another look.
+  std::filesystem::remove(file);
+  EXPECT_FALSE(impl->IImplTestFileExists());
+  folder.Write("brick.png");
+  EXPECT_FALSE(impl->IImplTestFileExists());
+  EXPECT_TRUE(impl->IsUpToDate());
+
+  ImplHolder other(NewImpl(2, 2));
+  EXPECT_TRUE(other->IImplTestFileExists(ToZELPath(file)));
+  EXPECT_FALSE(other->IImplTestFileExists(ZELPath(L"/no/such/file.png")));
+}
+
+TEST(ImageImpl, GammaChangesAreLoggedOnlyWhenEnabled) {
+  ImplHolder impl(NewImpl(2, 2, IT_RGB8, gamma::sRGB));
+  impl->SetFilePath(ZELPath(L"/maps/brick.png"));
+  {
+    LogCapture capture(L"gamma", L"DEBUG");
+    impl->SetGamma(GammaValue(2.2f));
+    impl->SetGamma(GammaValue(2.2f));  // unchanged: no line
+    const auto lines = capture.Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    std::wostringstream expected;
+    expected << L"Set gamma of ImageImpl  0x" << static_cast<const void*>(impl.impl)
+             << L" \"/maps/brick.png\" from -2 to 2.2";
+    EXPECT_EQ(lines[0].message, expected.str());
+    EXPECT_EQ(lines[0].channel, L"gamma");
+    EXPECT_EQ(lines[0].level, L"DEBUG");
+    EXPECT_EQ(lines[0].file, "Imagery/ImageImpl");
+    EXPECT_EQ(lines[0].function, "SetGamma");
+    EXPECT_EQ(lines[0].line, 530);
+  }
+  LogCapture infoOnly(L"gamma", L"INFO");
+  impl->SetGamma(GammaValue(1.8f));
+  EXPECT_TRUE(infoOnly.Lines().empty());
+  EXPECT_EQ(impl->GetGamma(), GammaValue(1.8f));
+}
+
+}  // namespace
+}  // namespace imagery
