@@ -72,8 +72,8 @@ class LogCapture {
     Logger::instance().Enable(channel, level);
     previous_ = Logger::instance().SetSink([this](const LogRecord& record) {
       std::lock_guard<std::mutex> lock(mutex_);
-      records_.push_back({std::wstring(record.channel), std::wstring(record.level), record.file, record.function,
-                          record.line, std::wstring(record.message)});
+      records_.push_back({std::wstring(record.channel), std::wstring(record.level), record.file,
+                          record.function, record.line, std::wstring(record.message)});
     });
   }
   ~LogCapture() {

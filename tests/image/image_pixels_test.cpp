@@ -1,0 +1,237 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "imagery/image.h"
+#include "imagery/image_factory.h"
+#include "imagery/pixel_access.h"
+
+namespace imagery {
+namespace {
+
+// A linear 8-bit image whose pixel (x, y) has red x * 10 + 1, green y * 10 + 1 and blue 7.
+Image CodedImage(int width, int height, EImageType type = IT_RGB8) {
+  Image image(width, height, type, gamma::Linear);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x)
+      image.SetPixelRGBA(x, y,
+                         LinearRGBA_T<float>((x * 10 + 1) / 255.0f, (y * 10 + 1) / 255.0f, 7 / 255.0f, 0.5f),
+                         ATO_None);
+  return image;
+}
+
+// The stored (x, y) that a handle read landed on, recovered from the codes.
+std::pair<int, int> StoredPosition(const LinearRGB_T<float>& c) {
+  return {static_cast<int>(c.r * 255.0f + 0.5f) / 10, static_cast<int>(c.g * 255.0f + 0.5f) / 10};
+}
+
+TEST(ImagePixels, CoordinatesFollowMirrorAndRotation) {
+  Image image = CodedImage(4, 2);
+  LinearRGB_T<float> c;
+  image.MirrorX();
+  image.GetPixelRGB(0, 1, c, ATO_Geometry);
+  EXPECT_EQ(StoredPosition(c), std::make_pair(3, 1));
+  image.GetPixelRGB(0, 1, c, ATO_None);
+  EXPECT_EQ(StoredPosition(c), std::make_pair(0, 1));
+
+  image.MirrorX();
+  image.SetRotationAngle(90);
+  EXPECT_EQ(image.GetTransformedWidth(), 2);
+  EXPECT_EQ(image.GetTransformedHeight(), 4);
+  image.GetPixelRGB(0, 0, c, ATO_TransformedFrame);
+  EXPECT_EQ(StoredPosition(c), std::make_pair(0, 1));
+  image.GetPixelRGB(3, 1, c, ATO_Geometry);
+  EXPECT_EQ(StoredPosition(c), std::make_pair(2, 0));
+
+  // Setters store at the mapped position, values as given.
+  image.SetExposure(0.5f);
+  image.SetPixelRGB(0, 0, LinearRGB_T<float>(0, 0, 1), ATO_TransformedFrame | ATO_ExposureContrast);
+  image.GetPixelRGB(0, 1, c, ATO_None);
+  EXPECT_EQ(c, LinearRGB_T<float>(0, 0, 1));
+}
+
+TEST(ImagePixels, ValueTransformationsApplyToReadsOnly) {
+  Image image(2, 2, IT_RGBA32f, gamma::Linear);
+  image.SetPixelRGBA(1, 1, LinearRGBA_T<float>(0.25f, 0.5f, 2.0f, 0.25f), ATO_None);
+  image.SetExposure(0.1f);
+  image.SetContrast(1.0f);
+  image.SetInvertedColor(true);
+  image.SetInvertedAlpha(true);
+  LinearRGBA_T<float> c;
+  image.GetPixelRGBA(1, 1, c, ATO_ExposureContrast);
+  EXPECT_FLOAT_EQ(c.r, 0.6f);
+  EXPECT_FLOAT_EQ(c.b, 4.1f);
+  EXPECT_EQ(c.a, 0.25f);
+  image.GetPixelRGBA(1, 1, c, ATO_ExposureContrast | ATO_Inversions);
+  EXPECT_FLOAT_EQ(c.r, 1.0f - 0.6f);
+  EXPECT_EQ(c.b, 0.0f);
+  EXPECT_EQ(c.a, 0.75f);
+  float grey;
+  image.GetPixelGrayscale(1, 1, grey, ATO_None);
+  EXPECT_EQ(grey, (0.35f * 0.25f + 0.5f * 0.5f) + 0.15f * 2.0f);
+  float alpha;
+  image.GetPixelAlpha(1, 1, alpha, ATO_Inversions);
+  EXPECT_EQ(alpha, 0.75f);
+  image.SetPixelAlpha(1, 1, 0.125f, ATO_Inversions);
+  image.GetPixelAlpha(1, 1, alpha, ATO_None);
+  EXPECT_EQ(alpha, 0.125f);
+}
+
+TEST(ImagePixels, AlphaOfFormatsWithoutAlpha) {
+  for (const EImageType type : {IT_RGB8, IT_RGEncodedAlpha, IT_Grayscale16, IT_RGB32f}) {
+    Image image(3, 3, type, gamma::sRGB);
+    float alpha = -1;
+    image.GetPixelAlpha(2, 2, alpha, ATO_None);
+    EXPECT_EQ(alpha, 1.0f) << int(type);
+    image.SetInvertedAlpha(true);
+    image.GetPixelAlpha(2, 2, alpha, ATO_Inversions);
+    EXPECT_EQ(alpha, 0.0f) << int(type);
+  }
+}
+
+TEST(ImagePixels, MipLevelsAndTheLinearChain) {
+  Image image(4, 4, IT_RGB8, GammaValue(2.2f));
+  ImageImpl& impl = image.GetImplRef();
+  impl.AllocateMipMapGamma();
+  impl.AllocateMipMapNoGamma();
+  image.SetPixelGrayscale(1, 1, 1.0f, ATO_None, 1);
+  EXPECT_EQ(impl.MipGamma(1).PixelAddress(1, 1)[0], 255);
+  EXPECT_EQ(impl.Plane().PixelAddress(1, 1)[0], 0);
+  // The linear chain stores plain fractions.
+  image.SetPixelGrayscaleNoGammaConversion(0, 0, 0.5f, ATO_None, 2);
+  EXPECT_EQ(impl.MipNoGamma(2).PixelAddress(0, 0)[1], 128);
+  float grey;
+  image.GetPixelGrayscaleNoGammaConversion(0, 0, grey, ATO_None, 2);
+  EXPECT_EQ(grey, 128 * kInv255);
+  // Geometry at a level uses that level's size.
+  image.MirrorX();
+  image.GetPixelGrayscale(0, 1, grey, ATO_Geometry, 1);
+  EXPECT_EQ(grey, 1.0f);
+  // Until marked valid, levels read level 0.
+  impl.InvalidateMipMaps(true, true);
+  image.GetPixelGrayscale(0, 1, grey, ATO_Geometry, 1);
+  EXPECT_EQ(grey, 0.0f);
+}
+
+TEST(ImagePixels, AverageColor) {
+  Image image = CodedImage(4, 4);
+  LinearRGB_T<float> c;
+  image.GetPixelRGB(0, 0, c, ATO_None);
+  EXPECT_EQ(image.GetAverageColor(1), c);
+  image.MirrorX();
+  image.MirrorY();
+  image.GetPixelRGB(3, 3, c, ATO_None);
+  EXPECT_EQ(image.GetAverageColor(1), c);
+
+  // Two by two samples at 0 and 2 on each side, summed in single precision.
+  image.SetMirrorX(false);
+  image.SetMirrorY(false);
+  image.SetInvertedColor(true);
+  LinearRGB_T<float> sum;
+  for (const int y : {0, 2}) {
+    for (const int x : {0, 2}) {
+      image.GetPixelRGB(x, y, c, ATO_Inversions);
+      sum += c;
+    }
+  }
+  EXPECT_EQ(image.GetAverageColor(2), sum * 0.25f);
+}
+
+TEST(ImagePixels, ConstantImagesAreExact) {
+  for (const EImageType type : {IT_RGB8, IT_Grayscale16, IT_RGBA16, IT_RGBEA}) {
+    Image image(5, 3, type, gamma::sRGB);
+    for (int y = 0; y < 3; ++y)
+      for (int x = 0; x < 5; ++x)
+        image.SetPixelRGBA(x, y, LinearRGBA_T<float>(0.5f, 0.5f, 0.5f, 0.5f), ATO_None);
+    LinearRGB_T<float> colour;
+    float grey = 0, alpha = 0;
+    EXPECT_TRUE(image.IsConstantColor(colour)) << int(type);
+    EXPECT_TRUE(image.IsConstantGrayscale(grey));
+    EXPECT_TRUE(image.IsConstantAlpha(alpha));
+    LinearRGB_T<float> first;
+    image.GetPixelRGB(0, 0, first, ATO_None);
+    EXPECT_EQ(colour, first);
+
+    // One code more in the last pixel, then in a middle one.
+    for (const auto& [x, y] : {std::pair{4, 2}, std::pair{2, 1}}) {
+      Image changed(image);
+      changed.NewImplFromExisting(nullptr);
+      changed.GetImplRef().CopyMemoryFrom(image.GetImplRef());
+      unsigned char* byte = changed.GetImplRef().Plane().PixelAddress(x, y);
+      byte[type == IT_RGBEA ? 0 : BytesPerPixel(type) == 1 ? 0 : Is16Bit(type) ? 1 : 0] += 1;
+      EXPECT_FALSE(changed.IsConstantColor(colour)) << int(type) << " at " << x << "," << y;
+    }
+  }
+  Image alpha(3, 3, IT_RGBA8, gamma::sRGB);
+  alpha.SetPixelAlpha(2, 2, 1.0f, ATO_None);
+  float value = 0;
+  EXPECT_FALSE(alpha.IsConstantAlpha(value));
+  EXPECT_EQ(value, 0.0f);
+  LinearRGB_T<float> colour;
+  EXPECT_TRUE(alpha.IsConstantColor(colour));
+}
+
+TEST(ImagePixels, BakingTransformations) {
+  ImageFactory& factory = ImageFactory::GetInstance();
+  Image source = CodedImage(3, 5, IT_RGBA8);
+  source.SetPixelRGBA(2, 4, LinearRGBA_T<float>(0, 0, 0, 1), ATO_None);
+  source.SetFilePath(ZELPath(L"/maps/brick.png"));
+  source.SetTitle(ZELString(L"Brick"));
+
+  std::unique_ptr<Image> same(factory.BuildAndBakeTransformations(source, false));
+  EXPECT_EQ(same->GetImpl(), source.GetImpl());
+  std::unique_ptr<Image> deep(factory.BuildAndBakeTransformations(source, true));
+  EXPECT_NE(deep->GetImpl(), source.GetImpl());
+
+  source.MirrorX();
+  std::unique_ptr<Image> mirrored(factory.BuildAndBakeTransformations(source, false));
+  EXPECT_EQ(mirrored->Width(), 3);
+  EXPECT_EQ(mirrored->Height(), 5);
+  EXPECT_FALSE(mirrored->GetMirrorX());
+  EXPECT_EQ(mirrored->FilePath(), source.FilePath());
+  EXPECT_TRUE(mirrored->Title().IsEmpty());
+  for (int y = 0; y < 5; ++y) {
+    LinearRGBA_T<float> baked, original;
+    mirrored->GetPixelRGBA(0, y, baked, ATO_None);
+    source.GetPixelRGBA(2, y, original, ATO_None);
+    EXPECT_EQ(baked, original) << y;
+  }
+
+  // A quarter turn of a grey image swaps the size; exposure is baked into the values.
+  Image grey(4, 2, IT_Grayscale32f, gamma::Linear);
+  for (int y = 0; y < 2; ++y)
+    for (int x = 0; x < 4; ++x)
+      grey.SetPixelGrayscale(x, y, static_cast<float>(y * 4 + x), ATO_None);
+  grey.SetRotationAngle(90);
+  grey.SetExposure(0.5f);
+  std::unique_ptr<Image> turned(factory.BuildAndBakeTransformations(grey, false));
+  ASSERT_EQ(turned->Width(), 2);
+  ASSERT_EQ(turned->Height(), 4);
+  for (int y = 0; y < 4; ++y) {
+    for (int x = 0; x < 2; ++x) {
+      float expected, actual;
+      grey.GetPixelGrayscale(x, y, expected, ATO_TransformedFrame | ATO_ExposureContrast);
+      turned->GetPixelGrayscale(x, y, actual, ATO_None);
+      EXPECT_EQ(actual, expected) << x << "," << y;
+    }
+  }
+  float corner;
+  turned->GetPixelGrayscale(0, 0, corner, ATO_None);
+  EXPECT_EQ(corner, 4.5f);  // stored (0, 1)
+
+  // A colour format with inversion, and an angle that moves no pixel still bakes.
+  Image colour = CodedImage(2, 2, IT_RGB16);
+  colour.SetRotationAngle(45);
+  colour.SetInvertedColor(true);
+  std::unique_ptr<Image> inverted(factory.BuildAndBakeTransformations(colour, false));
+  EXPECT_EQ(inverted->ImageType(), IT_RGB16);
+  LinearRGB_T<float> expected, actual;
+  colour.GetPixelRGB(1, 0, expected, ATO_Inversions);
+  inverted->GetPixelRGB(1, 0, actual, ATO_None);
+  EXPECT_NEAR(actual.r, expected.r, 1.0f / 65535);
+  EXPECT_NEAR(actual.g, expected.g, 1.0f / 65535);
+  EXPECT_NEAR(actual.b, expected.b, 1.0f / 65535);
+}
+
+}  // namespace
+}  // namespace imagery

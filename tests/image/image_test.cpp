@@ -1,0 +1,296 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <sstream>
+
+#include "imagery/gamma_settings.h"
+#include "imagery/image.h"
+#include "imagery/image_factory.h"
+#include "imagery/image_list.h"
+#include "imagery/pixel_access.h"
+#include "test_support.h"
+
+namespace imagery {
+namespace {
+
+using testing_support::LogCapture;
+
+void FillBytes(Image& image, unsigned char start) {
+  PixelPlane& plane = image.GetImplRef().Plane();
+  for (std::uint64_t i = 0; i < plane.ByteSize(); ++i)
+    plane.Data()[i] = static_cast<unsigned char>(start + i);
+}
+
+TEST(Image, EmptyHandlesShareTheDefaultImplementation) {
+  Image a, b;
+  EXPECT_EQ(a.GetImpl(), b.GetImpl());
+  EXPECT_EQ(a.GetImpl(), ImageFactory::GetInstance().GetDefaultImpl());
+  EXPECT_TRUE(a.IsEmpty());
+  EXPECT_TRUE(a == b);
+  EXPECT_EQ(a.Width(), 1);
+  EXPECT_EQ(a.ImageType(), IT_RGB8);
+  EXPECT_FALSE(ImageList::Instance().Contains(a.GetImpl()));
+
+  a.SetFilePath(ZELPath(L"/maps/brick.png"));
+  EXPECT_FALSE(a.IsEmpty());
+  EXPECT_TRUE(b.IsEmpty());
+  EXPECT_TRUE(ImageFactory::GetInstance().GetDefaultImpl()->FilePath().empty());
+  EXPECT_EQ(a.GetGamma(), gamma::sRGB);
+
+  a.Reset();
+  EXPECT_TRUE(a.IsEmpty());
+  // The default implementation is never registered, even when something tries.
+  ImageList::Instance().AddImpl(ImageFactory::GetInstance().GetDefaultImpl());
+  EXPECT_FALSE(ImageList::Instance().Contains(ImageFactory::GetInstance().GetDefaultImpl()));
+}
+
+TEST(Image, CopiesShareTheImplementationAndCompareByTransformationsAndAttributes) {
+  Image original(4, 4, IT_RGB8, GammaValue(2.2f));
+  Image copy(original);
+  EXPECT_EQ(copy.GetImpl(), original.GetImpl());
+  EXPECT_EQ(original.GetImpl()->References(), 2);
+  EXPECT_TRUE(copy == original);
+
+  copy.MirrorX();
+  EXPECT_FALSE(copy == original);
+  copy.Swap(original);
+  EXPECT_TRUE(original.GetMirrorX());
+  EXPECT_FALSE(copy.GetMirrorX());
+
+  Image other(original);
+  other.ExtraAttributes().put("Source", "scan");
+  EXPECT_TRUE(other != original);
+  other = other;  // self-assignment keeps everything
+  EXPECT_EQ(other.ExtraAttributes().get<std::string>("Source"), "scan");
+  EXPECT_EQ(other.GetImpl()->References(), 3);
+
+  // Identical pixels in another implementation are not equal.
+  Image twin(4, 4, IT_RGB8, GammaValue(2.2f));
+  EXPECT_FALSE(twin == Image(4, 4, IT_RGB8, GammaValue(2.2f)));
+  EXPECT_TRUE(ImageFactory::Equals(copy, copy));
+}
+
+TEST(Image, SizesOfLevelsAndTheDefaultGamma) {
+  Image image(10, 3, IT_RGBA8, gamma::sRGB);
+  EXPECT_EQ(image.Width(3), 1);
+  EXPECT_EQ(image.Width(1), 5);
+  EXPECT_EQ(image.Height(1), 1);
+  EXPECT_EQ(image.Width(40), 1);
+  EXPECT_EQ(image.BytesPerLine(), 40);
+
+  GammaSettings& settings = GetCurrentGammaSettings();
+  const GammaSettings saved = settings;
+  settings.SetOutputGamma(GammaValue(1.8f));
+  EXPECT_EQ(Image(2, 2, IT_RGB16).GetGamma(), GammaValue(1.8f));
+  EXPECT_EQ(Image(2, 2, IT_RGB32f).GetGamma(), gamma::Linear);
+  std::unique_ptr<Image> built(ImageFactory::GetInstance().Build(2, 2, IT_Grayscale8));
+  EXPECT_EQ(built->GetGamma(), GammaValue(1.8f));
+  settings = saved;
+}
+
+TEST(Image, CopyOnWriteKeepsOtherHandlesOnTheOldPixels) {
+  Image image(10, 5, IT_RGB8, gamma::sRGB);
+  FillBytes(image, 1);
+  image.SetFilePath(ZELPath(L"/maps/brick.png"));
+  image.SetTitle(ZELString(L"Brick"));
+  image.SetPtype(PT_Color);
+  image.MirrorY();
+  Image other(image);
+  ImageImpl* old = image.GetImpl();
+
+  image.NewImplFromExisting(IT_RGBA8, gamma::sRGB, CAI_Care, nullptr);
+  EXPECT_NE(image.GetImpl(), old);
+  EXPECT_EQ(image.ImageType(), IT_RGBA8);
+  EXPECT_EQ(image.Width(), 10);
+  EXPECT_EQ(image.Height(), 5);
+  EXPECT_EQ(image.FilePath(), ZELPath(L"/maps/brick.png"));
+  EXPECT_EQ(image.Title(), ZELString(L"Brick"));
+  EXPECT_EQ(image.GetPtype(), PT_Color);
+  EXPECT_TRUE(image.GetMirrorY());
+  LinearRGBA_T<float> pixel(1, 1, 1, 1);
+  image.GetPixelRGBA(3, 2, pixel, ATO_None);
+  EXPECT_EQ(pixel, LinearRGBA_T<float>(0, 0, 0, 0));
+
+  EXPECT_EQ(other.GetImpl(), old);
+  EXPECT_EQ(old->References(), 1);
+  EXPECT_EQ(other.GetImplRef().Plane().Data()[0], 1);
+
+  // The sole holder's old implementation dies once its properties are copied.
+  std::atomic<int> destroyed{0};
+  Image alone(new testing_support::CountedImpl(3, 3, &destroyed));
+  alone.SetTitle(ZELString(L"Alone"));
+  alone.NewImplFromExisting(nullptr);
+  EXPECT_EQ(destroyed.load(), 1);
+  EXPECT_EQ(alone.Title(), ZELString(L"Alone"));
+  EXPECT_EQ(alone.Width(), 3);
+  EXPECT_EQ(alone.GetGamma(), GammaValue(2.2f));
+
+  // A keeper sharing the implementation holds it instead of a temporary copy.
+  Image keeper(alone);
+  ImageImpl* kept = alone.GetImpl();
+  alone.NewImplFromExisting(6, 2, CAI_DontCare, &keeper);
+  EXPECT_EQ(keeper.GetImpl(), kept);
+  EXPECT_EQ(alone.Width(), 6);
+  EXPECT_EQ(alone.Title(), ZELString(L"Alone"));
+}
+
+TEST(Image, NewImplementationsOfNoPixelsAndUnchangedTypes) {
+  Image image(4, 4, IT_RGB8, gamma::sRGB);
+  image.NewImplFromExisting(0, 0, CAI_Care, nullptr);
+  EXPECT_EQ(image.GetImplRef().Width(), 0);
+  EXPECT_EQ(image.GetImplRef().Plane().ByteSize(), 0u);
+  EXPECT_FALSE(ImageList::Instance().Contains(image.GetImpl()));
+  // An empty implementation still gives a 1 x 1 new one.
+  image.NewImplFromExisting(nullptr);
+  EXPECT_EQ(image.GetImplRef().Width(), 1);
+
+  Image typed(4, 4, IT_RGB16, gamma::sRGB);
+  ImageImpl* before = typed.GetImpl();
+  typed.SetImageType(IT_RGB16, gamma::Linear);
+  EXPECT_EQ(typed.GetImpl(), before);
+  EXPECT_EQ(typed.GetGamma(), gamma::sRGB);
+  typed.SetImageType(IT_Grayscale16, gamma::Linear);
+  EXPECT_NE(typed.GetImpl(), before);
+  EXPECT_EQ(typed.GetGamma(), gamma::Linear);
+}
+
+TEST(Image, UpdateImageMovesToTheNewestVersion) {
+  Image image(4, 4, IT_RGB8, gamma::sRGB);
+  ImageImpl* first = image.GetImpl();
+  EXPECT_FALSE(image.UpdateImage());
+  Image newer(4, 4, IT_RGB8, gamma::sRGB);
+  Image newest(4, 4, IT_RGB8, gamma::sRGB);
+  first->NextImpl(newer.GetImpl());
+  newer.GetImpl()->NextImpl(newest.GetImpl());
+  EXPECT_TRUE(image.UpdateImage());
+  EXPECT_EQ(image.GetImpl(), newest.GetImpl());
+  EXPECT_FALSE(image.UpdateImage());
+}
+
+TEST(Image, DeepCopies) {
+  Image source(5, 3, IT_RGB8, GammaValue(2.2f));
+  FillBytes(source, 10);
+  source.SetFilePath(ZELPath(L"/maps/brick.png"));
+  source.SetPtype(PT_Bump);
+  source.SetTitle(ZELString(L"Brick"));
+  source.SetRotationAngle(90);
+  source.DPI(300);
+  source.ExtraAttributes().put("Layer", 2);
+  source.GetImplRef().AllocateMipMapGamma();
+
+  std::unique_ptr<Image> copy(source.DeepCopy());
+  EXPECT_NE(copy->GetImpl(), source.GetImpl());
+  EXPECT_FALSE(*copy == source);
+  EXPECT_EQ(std::memcmp(copy->GetImplRef().Plane().Data(), source.GetImplRef().Plane().Data(), 48), 0);
+  EXPECT_FALSE(copy->ValidMipMapsGamma());
+  EXPECT_TRUE(copy->GetImplRef().IsWorkCopy());
+  EXPECT_FALSE(copy->Synchronized());
+  EXPECT_TRUE(source.Synchronized());
+  EXPECT_EQ(copy->GetTransformations(), source.GetTransformations());
+  EXPECT_EQ(copy->ExtraAttributes(), source.ExtraAttributes());
+  EXPECT_EQ(copy->FilePath(), source.FilePath());
+  EXPECT_EQ(copy->GetPtype(), PT_Bump);
+  EXPECT_TRUE(copy->Title().IsEmpty());
+  EXPECT_EQ(copy->GetGamma(), GammaValue(2.2f));
+}
+
+TEST(Image, DummiesAreMarkedInTheAttributesAndLogged) {
+  GammaSettings& settings = GetCurrentGammaSettings();
+  const GammaSettings saved = settings;
+  settings.SetInputGamma(GammaValue(2.0f));
+  std::unique_ptr<Image> dummy;
+  {
+    LogCapture capture(L"image", L"WARN");
+    dummy = ImageFactory::GetInstance().BuildDummy();
+    const auto lines = capture.Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].message, L"Dummy image: PT_UNDEFINED ");
+    EXPECT_EQ(lines[0].file, "Imagery/Image");
+    EXPECT_EQ(lines[0].function, "SetDummy");
+    EXPECT_EQ(lines[0].line, 2550);
+
+    Image named(2, 2, IT_RGB8, gamma::sRGB);
+    named.SetPtype(PT_NormalMap);
+    named.SetFilePath(ZELPath(L"/maps/rock.png"));
+    named.SetDummy(true);
+    named.SetDummy(false);  // no line
+    ASSERT_EQ(capture.Lines().size(), 2u);
+    EXPECT_EQ(capture.Lines()[1].message, L"Dummy image: PT_NormalMap /maps/rock.png");
+  }
+  settings = saved;
+  EXPECT_EQ(dummy->Width(), 1);
+  EXPECT_EQ(dummy->ImageType(), IT_RGB8);
+  EXPECT_EQ(dummy->GetGamma(), GammaValue(2.0f));
+  EXPECT_TRUE(dummy->IsDummy());
+  EXPECT_EQ(dummy->ExtraAttributes().get<std::string>("IsDummy"), "true");
+  EXPECT_TRUE(Image(*dummy).IsDummy());
+
+  dummy->SetDummy(false);
+  EXPECT_FALSE(dummy->IsDummy());
+  EXPECT_EQ(dummy->ExtraAttributes().get<std::string>("IsDummy"), "false");
+  dummy->ExtraAttributes().put("IsDummy", "perhaps");
+  EXPECT_FALSE(dummy->IsDummy());
+  EXPECT_FALSE(Image().IsDummy());
+
+  // Nothing is composed while the channel is off.
+  Image quiet(2, 2, IT_RGB8, gamma::sRGB);
+  LogCapture errorsOnly(L"image", L"ERROR");
+  quiet.SetDummy(true);
+  EXPECT_TRUE(errorsOnly.Lines().empty());
+}
+
+TEST(Image, Printing) {
+  Image image(64, 32, IT_RGBA8, gamma::sRGB);
+  image.SetFilePath(ZELPath(L"/maps/brick.png"));
+  std::ostringstream narrow;
+  narrow << image;
+  EXPECT_EQ(narrow.str(), "imagery::Image(64x32,2@/maps/brick.png)");
+  std::wostringstream wide;
+  wide << image;
+  EXPECT_EQ(wide.str(), L"imagery::Image(64x32,2@/maps/brick.png)");
+}
+
+zel::ErrorCode ReaderThatLoadsARedSquare(Image* image, const ZELPath& path, EImageType type, int* extra,
+                                         const ReadOptions& options) {
+  std::unique_ptr<Image> loaded(ImageFactory::GetInstance().Build(3, 3, type, gamma::Linear));
+  loaded->SetPixelRGB(0, 0, LinearRGB_T<float>(1, 0, 0), ATO_None);
+  loaded->SetFilePath(path);
+  loaded->SetRotationAngle(180);  // the reader's own transformations must not survive
+  *image = *loaded;
+  *extra = options.isReload ? 2 : 1;
+  return zel::ErrorCode();
+}
+
+TEST(Image, TheSourceReaderHook) {
+  ImageFactory& factory = ImageFactory::GetInstance();
+  EXPECT_FALSE(factory.CanReadImageFromSource());
+  Image image(2, 2, IT_RGB8, gamma::sRGB);
+  int extra = 0;
+  const zel::ErrorCode missing = image.ReadFromSource(ZELPath(L"/maps/a.png"), IT_RGB8, extra, ReadOptions());
+  EXPECT_TRUE(missing.IsBad());
+  EXPECT_EQ(missing.Tag(), "IMGRY115");
+  EXPECT_EQ(image.Width(), 2);
+
+  factory.SetAdditionalFeaturesFunc(&ReaderThatLoadsARedSquare);
+  EXPECT_TRUE(factory.CanReadImageFromSource());
+  image.SetFilePath(ZELPath(L"/maps/a.png"));
+  image.MirrorX();
+  EXPECT_TRUE(image.ReadFromSourceKeepingTransforms(IT_RGB8).IsOk());
+  EXPECT_EQ(image.Width(), 3);
+  EXPECT_EQ(image.GetAngle(), 0.0);
+  EXPECT_TRUE(image.GetMirrorX());
+  LinearRGB_T<float> red;
+  image.GetPixelRGB(0, 0, red, ATO_None);
+  EXPECT_EQ(red, LinearRGB_T<float>(1, 0, 0));
+
+  ReadOptions reload;
+  reload.isReload = true;
+  EXPECT_TRUE(image.ReadFromSource(ZELPath(L"/maps/a.png"), IT_RGB8, extra, reload).IsOk());
+  EXPECT_EQ(extra, 2);
+
+  factory.SetAdditionalFeaturesFunc(nullptr);
+  EXPECT_FALSE(factory.CanReadImageFromSource());
+}
+
+}  // namespace
+}  // namespace imagery
