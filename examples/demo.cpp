@@ -2,6 +2,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <numeric>
 #include <random>
@@ -137,6 +138,76 @@ void UseSettingsAndLogger() {
   Logger::instance().SetSink(previous);
 }
 
+// Prints an image's grey values as a small grid of digits 0..9.
+void PrintGrid(const imagery::Image& image) {
+  for (int y = 0; y < image.Height(); ++y) {
+    std::cout << "    ";
+    for (int x = 0; x < image.Width(); ++x) {
+      float grey = 0;
+      image.GetPixelGrayscale(x, y, grey, imagery::ATO_None);
+      std::cout << static_cast<int>(grey * 9.0f + 0.5f);
+    }
+    std::cout << '\n';
+  }
+}
+
+void ShowImagesAndChannels() {
+  using namespace imagery;
+  std::cout << "Images: handles, copy on write, transformations and baking\n";
+  Image image(6, 3, IT_RGB8, gamma::sRGB);
+  for (int y = 0; y < image.Height(); ++y)
+    for (int x = 0; x < image.Width(); ++x)
+      image.SetPixelGrayscale(x, y, static_cast<float>(x + y) / 7.0f, ATO_None);
+  image.SetFilePath(ZELPath(L"/textures/gradient_Color.png"));
+  std::cout << "  made " << image << ", " << image.BytesPerLine() << " bytes per padded row:\n";
+  PrintGrid(image);
+
+  Image copy(image);
+  std::printf("  a copy shares the pixels: %d references, equal handles: %s\n", image.GetImpl()->References(),
+              copy == image ? "yes" : "no");
+  copy.NewImplFromExisting(nullptr);
+  copy.SetPixelGrayscale(0, 0, 1.0f, ATO_None);
+  std::printf("  after the copy wrote a pixel it has its own pixels (%d reference each); path kept: %s\n",
+              image.GetImpl()->References(), copy.FilePath() == image.FilePath() ? "yes" : "no");
+
+  image.MirrorX();
+  image.Rotate90(true);
+  image.SetExposure(0.1f);
+  std::unique_ptr<Image> baked(ImageFactory::GetInstance().BuildAndBakeTransformations(image, false));
+  std::cout << "  mirrored, turned a quarter and exposed +0.1, then baked into " << *baked << ":\n";
+  PrintGrid(*baked);
+  std::printf(
+      "  average colour of the transformed image (4 x 4 samples): %.3f; baked image transformed: %s\n",
+      image.GetAverageColor(4).g, baked->GetTransformations() == ImageTransformations() ? "no" : "yes");
+
+  Image mipped(256, 64, IT_RGBA8, gamma::sRGB);
+  mipped.GetImplRef().AllocateMipMapGamma();
+  std::printf("  a 256 x 64 image has %d mip levels; level 3 is %d x %d\n", mipped.MipMapLevels_Ideal(),
+              mipped.Width(3), mipped.Height(3));
+  std::unique_ptr<Image> dummy = ImageFactory::GetInstance().BuildDummy();
+  std::printf("  a dummy is %dx%d and marked: %s; images registered in the list: %d\n\n", dummy->Width(),
+              dummy->Height(), dummy->IsDummy() ? "yes" : "no", ImageList::Instance().CountImages());
+
+  std::cout << "Channels from file names\n";
+  const auto folder = std::filesystem::temp_directory_path() / "imagery_demo_channels";
+  std::filesystem::create_directories(folder);
+  for (const char* name : {"brick_Color.png", "brick_Normal.png", "brick_NRM.exr", "brick_Roughness.jpg"})
+    std::ofstream(folder / name) << "x";
+  const ZELPath colour(ZELString::FromUTF8((folder / "brick_Color.png").string()));
+  for (const EPictureType type : {PT_NormalMap, PT_Roughness, PT_Metallic}) {
+    const ZELPath found = FindChannelPath(colour, type);
+    std::cout << "  " << GetName(type)
+              << " of brick_Color.png: " << (found.empty() ? ZELString(L"(none)") : found.leaf()) << '\n';
+  }
+  std::cout << "  brick_NRM.exr is recognised as "
+            << GetLogName(GetTypeFromFileTags(ZELPath(L"brick_NRM.exr"))) << "\n";
+  std::filesystem::remove_all(folder);
+  const GammaSettings& gammas = GetCurrentGammaSettings();
+  std::printf("  gammas: input %g for 8-bit images, %g for float images; screen %g\n\n",
+              gammas.InputGamma(IT_RGB8).Value(), gammas.InputGamma(IT_RGB32f).Value(),
+              gammas.ScreenGamma().Value());
+}
+
 }  // namespace
 
 int main() {
@@ -145,6 +216,7 @@ int main() {
   DecodePlaneInParallel();
   ShowColourSpaces();
   RoundTripThroughTheSceneStream();
+  ShowImagesAndChannels();
   UseSettingsAndLogger();
   return 0;
 }
