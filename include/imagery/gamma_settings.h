@@ -12,6 +12,9 @@ class ZELReadChunk;
 
 namespace imagery {
 
+// The settings keys. Writable so that a host can change a default before resetting the settings: the
+// registered initialisers read the record when they run. Inside namespace imagery, `config` names this
+// namespace; the settings library is ::config.
 namespace config {
 struct GammaKey {
   const char* name;

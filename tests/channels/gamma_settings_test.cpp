@@ -30,21 +30,51 @@ void ExpectGammas(const GammaSettings& settings, float input, float output, floa
   EXPECT_EQ(settings.ScreenGamma().Value(), screen);
 }
 
-Bytes Chunk(unsigned short id, const Fill& fill) {
+Fill Chunk(unsigned short id, const Fill& fill) {
+  return [=](ZELStream& s) {
+    ZELWriteChunk chunk(&s, id);
+    fill(s);
+  };
+}
+template <class T>
+Fill Typed(T value) {
+  return [=](ZELStream& s) { s.WriteTyped(value); };
+}
+Fill Raw(const Bytes& bytes) {
+  return [=](ZELStream& s) { s.Write(bytes.data(), bytes.size()); };
+}
+template <class... F>
+Fill Seq(F... fills) {
+  return [=](ZELStream& s) { (Fill(fills)(s), ...); };
+}
+Fill V0(unsigned char enabled, float input, float output, float screen) {
+  return Seq(Typed(enabled), Typed(input), Typed(output), Typed(screen), Typed<unsigned char>(0));
+}
+// A version 1 chunk whose screen value, between an input and an output value, is `screen`.
+Fill V1Around(const Fill& screen) {
+  return Chunk(kGammaSettingsChunkV1,
+               Seq(Chunk(kGammaSettingsInputChunk, Typed(0.5f)), Chunk(kGammaSettingsScreenChunk, screen),
+                   Chunk(kGammaSettingsOutputChunk, Typed(0.6f))));
+}
+Fill Written(int version, bool enabled = true) {
+  return [=](ZELStream& s) {
+    const GammaSettings settings = Make(0.5f, 0.6f, 0.7f);
+    EXPECT_TRUE(version == 0 ? settings.WriteV0(&s, enabled) : settings.WriteV1(&s));
+  };
+}
+Bytes Write(const Fill& fill) {
   ZELMemoryStream stream;
-  {
-    ZELWriteChunk chunk(&stream, id);
-    fill(stream);
-  }
+  fill(stream);
   return stream.Bytes();
 }
 
-// Reads `bytes` (one chunk, a marker chunk is appended) into settings holding (3, 4, 5). Whatever the
-// reader answers, the caller's chunk must still end where its header says: the marker comes next.
-bool ReadBack(Bytes bytes, GammaSettings& settings) {
-  const Bytes marker = Chunk(0x7777, [](ZELStream& s) { s.WriteTyped(1); });
-  bytes.insert(bytes.end(), marker.begin(), marker.end());
-  ZELMemoryStream stream(bytes);
+// Reads the chunk that `fill` writes into settings holding (3, 4, 5). Whatever the reader answers, the
+// caller's chunk must still end where its header says, so the marker chunk written after it comes next.
+bool ReadBack(const Fill& fill, GammaSettings& settings) {
+  ZELMemoryStream stream;
+  fill(stream);
+  Chunk(0x7777, Typed(0))(stream);
+  stream.Rewind();
   settings = Make(3.0f, 4.0f, 5.0f);
   bool ok = false;
   {
@@ -56,45 +86,21 @@ bool ReadBack(Bytes bytes, GammaSettings& settings) {
   return ok;
 }
 
-Fill V0Content(unsigned char enabled, float input, float output, float screen) {
-  return [=](ZELStream& s) {
-    s.WriteTyped(enabled);
-    s.WriteTyped(input);
-    s.WriteTyped(output);
-    s.WriteTyped(screen);
-    s.WriteTyped<unsigned char>(0);
-  };
-}
-
-Fill SubChunk(unsigned short id, const Fill& fill) {
-  return [=](ZELStream& s) {
-    ZELWriteChunk chunk(&s, id);
-    fill(s);
-  };
-}
-
-Fill TypedFloat(float value) {
-  return [=](ZELStream& s) { s.WriteTyped(value); };
-}
-
 TEST(GammaSettings, IntegerFormatsTakeTheStoredGammasAndEveryOtherFormatIsLinear) {
   ExpectGammas(GammaSettings(), -2.0f, -2.0f, -2.0f);
   EXPECT_EQ(&GetCurrentGammaSettings(), &GetCurrentGammaSettings());
   ExpectGammas(GetCurrentGammaSettings(), -2.0f, -2.0f, -2.0f);
-
   const GammaSettings settings = Make(2.2f, 1.8f, 2.4f);
   const std::set<int> integer = {IT_RGB8,   IT_Grayscale8,  IT_RGBA8,    IT_RGB16,
                                  IT_RGBA16, IT_Grayscale16, IT_UNDEFINED};
   for (int value = 0; value < 256; ++value) {
-    const EImageType type = static_cast<EImageType>(value);
     const bool stored = integer.count(value) != 0;
-    EXPECT_EQ(settings.InputGamma(type).Value(), stored ? 2.2f : 1.0f) << value;
-    EXPECT_EQ(settings.OutputGamma(type).Value(), stored ? 1.8f : 1.0f) << value;
+    EXPECT_EQ(settings.InputGamma(static_cast<EImageType>(value)).Value(), stored ? 2.2f : 1.0f) << value;
+    EXPECT_EQ(settings.OutputGamma(static_cast<EImageType>(value)).Value(), stored ? 1.8f : 1.0f) << value;
   }
   EXPECT_TRUE(settings == Make(2.2f, 1.8f, 2.4f));
-  EXPECT_FALSE(settings == Make(1.0f, 1.8f, 2.4f));
-  EXPECT_FALSE(settings == Make(2.2f, 1.0f, 2.4f));
-  EXPECT_TRUE(settings != Make(2.2f, 1.8f, 1.0f));
+  EXPECT_TRUE(settings != Make(1.0f, 1.8f, 2.4f) && settings != Make(2.2f, 1.0f, 2.4f) &&
+              settings != Make(2.2f, 1.8f, 1.0f));
 }
 
 // The settings store is process-wide: leave it as the library registered it.
@@ -107,13 +113,10 @@ class GammaSettingsStore : public ::testing::Test {
 };
 
 TEST_F(GammaSettingsStore, KeysHoldTheDefaultsAndFeedTheRightFields) {
-  const config::GammaKey* keys[] = {&config::InputGamma, &config::OutputGamma, &config::ScreenGamma};
-  for (const config::GammaKey* key : keys) {
-    ASSERT_TRUE(xml::PropertyExists(key->name, key->project)) << key->name;
+  for (const config::GammaKey* key : {&config::InputGamma, &config::OutputGamma, &config::ScreenGamma}) {
+    ASSERT_TRUE(xml::PropertyExists(key->name, "kor")) << key->name;
     EXPECT_EQ(xml::GetPropertyRef(key->name, "kor", 0.0f), -2.0f) << key->name;
   }
-  EXPECT_STREQ(config::OutputGamma.name, "imagery/OutputGamma");
-
   xml::Clear();
   GammaSettings settings = Make(3.0f, 4.0f, 5.0f);
   settings.ReadFromConfigManager();
@@ -125,7 +128,6 @@ TEST_F(GammaSettingsStore, KeysHoldTheDefaultsAndFeedTheRightFields) {
   xml::SetProperty("imagery/ScreenGamma", 1.0f, "kor");
   settings.ReadFromConfigManager();
   ExpectGammas(settings, 2.2f, -2.0f, 1.0f);
-
   Make(1.5f, 1.6f, 1.7f).WriteToConfigManager();
   settings.ReadFromConfigManager();
   ExpectGammas(settings, 1.5f, 1.6f, 1.7f);
@@ -137,113 +139,58 @@ TEST_F(GammaSettingsStore, KeysHoldTheDefaultsAndFeedTheRightFields) {
   ExpectGammas(settings, -2.0f, -2.0f, 2.4f);
 }
 
-TEST(GammaSettings, BothChunkVersionsRoundTripInTheirExactLayouts) {
-  const GammaSettings source = Make(2.2f, -2.0f, 1.8f);
-  for (ZELByteOrder order : {ZELByteOrder::LittleEndian, ZELByteOrder::BigEndian}) {
-    for (int version = 0; version < 3; ++version) {
-      ZELMemoryStream stream(order);
-      ASSERT_TRUE(version == 2 ? source.WriteV1(&stream) : source.WriteV0(&stream, version == 1));
-      stream.Rewind();
-      ZELReadChunk chunk;
-      ASSERT_TRUE(chunk.InitChunk(&stream));
-      GammaSettings read;
-      EXPECT_TRUE(read.Read(&stream, chunk));
-      EXPECT_TRUE(read == (version == 0 ? Make(1.0f, 1.0f, 1.0f) : source)) << version;
-    }
-  }
-  ZELMemoryStream written;
-  source.WriteV0(&written, true);
-  EXPECT_EQ(written.Bytes(), Chunk(kGammaSettingsChunkV0, V0Content(1, 2.2f, -2.0f, 1.8f)));
-  ZELMemoryStream writtenV1;
-  source.WriteV1(&writtenV1);
-  EXPECT_EQ(writtenV1.Bytes(), Chunk(kGammaSettingsChunkV1, [](ZELStream& s) {
-              SubChunk(kGammaSettingsInputChunk, TypedFloat(2.2f))(s);
-              SubChunk(kGammaSettingsOutputChunk, TypedFloat(-2.0f))(s);
-              SubChunk(kGammaSettingsScreenChunk, TypedFloat(1.8f))(s);
-            }));
-  EXPECT_FALSE(source.WriteV0(nullptr, true));
-}
-
 TEST(GammaSettings, VersionZeroKeepsWhatWasReadBeforeAFailure) {
   GammaSettings settings;
-  const Bytes whole = Chunk(kGammaSettingsChunkV0, V0Content(1, 0.5f, 0.6f, 0.7f));
-  const std::size_t header = ZELStream::kChunkHeaderSize;
-  // Cut the data short at every length, with a header that agrees with the cut.
-  for (std::size_t cut = 0; cut < whole.size() - header; ++cut) {
-    const Bytes data(whole.begin() + header, whole.begin() + header + cut);
+  const Bytes data = Write(V0(1, 0.5f, 0.6f, 0.7f));
+  for (std::size_t cut = 0; cut < data.size(); ++cut) {
     EXPECT_FALSE(
-        ReadBack(Chunk(kGammaSettingsChunkV0, [&](ZELStream& s) { s.Write(data.data(), cut); }), settings))
-        << cut;
-    const std::size_t floats = cut < 3 ? 0 : (cut - 3) / 6;
+        ReadBack(Chunk(kGammaSettingsChunkV0, Raw(Bytes(data.begin(), data.begin() + cut))), settings));
+    const std::size_t floats = cut < 3 ? 0 : (cut - 3) / 6;  // a flag, then floats of 6 bytes each
     ExpectGammas(settings, floats > 0 ? 0.5f : 3.0f, floats > 1 ? 0.6f : 4.0f, floats > 2 ? 0.7f : 5.0f);
   }
-
-  EXPECT_TRUE(ReadBack(Chunk(kGammaSettingsChunkV0,
-                             [](ZELStream& s) {
-                               V0Content(0, 0.5f, 0.6f, 0.7f)(s);
-                               SubChunk(0x1234, TypedFloat(9.0f))(s);
-                               SubChunk(kGammaSettingsInputChunk, TypedFloat(9.0f))(s);
-                             }),
-                       settings));
-  ExpectGammas(settings, 1.0f, 1.0f, 1.0f);
-
-  EXPECT_FALSE(ReadBack(Chunk(kGammaSettingsChunkV0,
-                              [](ZELStream& s) {
-                                s.WriteTyped<unsigned char>(1);
-                                s.WriteTyped(0.5);  // a double where a float belongs
-                              }),
-                        settings));
-  ExpectGammas(settings, 3.0f, 4.0f, 5.0f);
-  EXPECT_FALSE(ReadBack(Chunk(kGammaSettingsChunkV0,
-                              [](ZELStream& s) {
-                                V0Content(1, 0.5f, 0.6f, 0.7f)(s);
-                                s.Write("abc", 3);  // too short to be a sub-chunk
-                              }),
-                        settings));
-  EXPECT_FALSE(ReadBack(Chunk(0xFEBE, V0Content(1, 0.5f, 0.6f, 0.7f)), settings)) << "unknown chunk";
-  ExpectGammas(settings, 3.0f, 4.0f, 5.0f);
 }
 
-TEST(GammaSettings, VersionOneChangesOnlyTheValuesItCarries) {
-  GammaSettings settings;
-  EXPECT_TRUE(ReadBack(Chunk(kGammaSettingsChunkV1, SubChunk(kGammaSettingsOutputChunk, TypedFloat(0.6f))),
-                       settings));
-  ExpectGammas(settings, 3.0f, 0.6f, 5.0f);
-  EXPECT_TRUE(ReadBack(Chunk(kGammaSettingsChunkV1, [](ZELStream&) {}), settings));
-  ExpectGammas(settings, 3.0f, 4.0f, 5.0f);
-
-  // Unknown sub-chunks and extra bytes inside a known one are skipped.
-  EXPECT_TRUE(ReadBack(Chunk(kGammaSettingsChunkV1,
-                             [](ZELStream& s) {
-                               SubChunk(0x4242, TypedFloat(9.0f))(s);
-                               SubChunk(kGammaSettingsScreenChunk, [](ZELStream& t) {
-                                 t.WriteTyped(0.7f);
-                                 t.WriteTyped(9.0f);
-                               })(s);
-                             }),
-                       settings));
-  ExpectGammas(settings, 3.0f, 4.0f, 0.7f);
-
-  const std::vector<Fill> broken = {
-      [](ZELStream& s) { s.WriteTyped(0.8); },       // wrong type tag
-      [](ZELStream& s) { s.WriteTyped<short>(1); },  // wrong type tag, shorter value
-      [](ZELStream& s) {
-        s.WriteSwap<unsigned short>(3);
-        s.Write("ab", 2);
-      },                  // truncated float
-      [](ZELStream&) {},  // empty
+TEST(GammaSettings, ChunksChangeOnlyWhatTheyCarryAndStopAtTheFirstBrokenValue) {
+  struct Case {
+    const char* what;
+    Fill chunk;
+    bool ok;
+    float input, output, screen;
   };
-  for (const Fill& screen : broken) {
-    EXPECT_FALSE(ReadBack(Chunk(kGammaSettingsChunkV1,
-                                [&](ZELStream& s) {
-                                  SubChunk(kGammaSettingsInputChunk, TypedFloat(0.5f))(s);
-                                  SubChunk(kGammaSettingsScreenChunk, screen)(s);
-                                  SubChunk(kGammaSettingsOutputChunk, TypedFloat(0.6f))(s);
-                                }),
-                          settings));
-    ExpectGammas(settings, 0.5f, 4.0f, 5.0f);
+  const Bytes garbage = {'a', 'b', 'c'};
+  const Fill subChunks = Seq(Chunk(0x1234, Typed(9.0f)), Chunk(kGammaSettingsInputChunk, Typed(9.0f)));
+  // clang-format off
+  const Case cases[] = {
+      {"v0 written", Written(0), true, 0.5f, 0.6f, 0.7f},
+      {"v0 written disabled", Written(0, false), true, 1, 1, 1},
+      {"v1 written", Written(1), true, 0.5f, 0.6f, 0.7f},
+      {"v0 disabled, sub-chunks skipped", Chunk(kGammaSettingsChunkV0, Seq(V0(0, 0.5f, 0.6f, 0.7f), subChunks)), true, 1, 1, 1},
+      {"v0 double value", Chunk(kGammaSettingsChunkV0, Seq(Typed<unsigned char>(1), Typed(0.5))), false, 3, 4, 5},
+      {"v0 bytes after it", Chunk(kGammaSettingsChunkV0, Seq(V0(1, 0.5f, 0.6f, 0.7f), Raw(garbage))), false, 0.5f, 0.6f, 0.7f},
+      {"unknown chunk", Chunk(0xFEBE, V0(1, 0.5f, 0.6f, 0.7f)), false, 3, 4, 5},
+      {"v1 empty", Chunk(kGammaSettingsChunkV1, Seq()), true, 3, 4, 5},
+      {"v1 output only", Chunk(kGammaSettingsChunkV1, Chunk(kGammaSettingsOutputChunk, Typed(0.6f))), true, 3, 0.6f, 5},
+      {"v1 skipped parts", Chunk(kGammaSettingsChunkV1, Seq(subChunks, Chunk(kGammaSettingsScreenChunk, Seq(Typed(0.7f), Typed(9.0f))))), true, 9, 4, 0.7f},
+      {"v1 in another order", V1Around(Typed(0.7f)), true, 0.5f, 0.6f, 0.7f},
+      {"v1 double", V1Around(Typed(0.7)), false, 0.5f, 4, 5},
+      {"v1 short", V1Around(Typed<short>(1)), false, 0.5f, 4, 5},
+      {"v1 truncated float", V1Around(Raw({3, 0, 'a', 'b'})), false, 0.5f, 4, 5},
+      {"v1 empty value", V1Around(Seq()), false, 0.5f, 4, 5},
+      {"v1 garbage", Chunk(kGammaSettingsChunkV1, Raw(garbage)), false, 3, 4, 5},
+  };
+  // clang-format on
+  EXPECT_EQ(Write(Written(0)), Write(Chunk(kGammaSettingsChunkV0, V0(1, 0.5f, 0.6f, 0.7f))));
+  EXPECT_EQ(Write(Written(1)),
+            Write(Chunk(kGammaSettingsChunkV1, Seq(Chunk(kGammaSettingsInputChunk, Typed(0.5f)),
+                                                   Chunk(kGammaSettingsOutputChunk, Typed(0.6f)),
+                                                   Chunk(kGammaSettingsScreenChunk, Typed(0.7f))))));
+  EXPECT_FALSE(Make(1, 1, 1).WriteV0(nullptr, true));
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    GammaSettings settings;
+    EXPECT_EQ(ReadBack(c.chunk, settings), c.ok);
+    ExpectGammas(settings, c.input, c.output, c.screen);
   }
-  EXPECT_FALSE(ReadBack(Chunk(kGammaSettingsChunkV1, [](ZELStream& s) { s.Write("abcd", 4); }), settings));
 }
 
 }  // namespace
