@@ -73,8 +73,8 @@ TEST_F(FileTags, SettingsWithoutTagsFallBackToTheDefaults) {
   SetFileTagProperty(PT_Color, L"  _Base _Col ");
   EXPECT_EQ(GetFileTagProperty(PT_Color), ZELString(L"  _Base _Col "));
   EXPECT_EQ(ChannelFileSuffix(PT_Color), ZELString(L"_Base"));
-  SetFileTagProperty(PT_Specular, L"_Spec");
-  EXPECT_EQ(ChannelFileSuffix(PT_SpecularColor), ZELString(L"_Spec")) << "the two share one key";
+  SetFileTagProperty(PT_Specular, L"_Gloss");
+  EXPECT_EQ(ChannelFileSuffix(PT_SpecularColor), ZELString(L"_Gloss")) << "the two share one key";
   SetFileTagProperty(PT_Data, L"_Data");
   EXPECT_EQ(GetFileTagProperty(PT_Data), ZELString(L"_map"));
 
