@@ -99,22 +99,21 @@ enum class PixelConversion : std::uint8_t { Gamma, NoGamma };
 namespace detail {
 
 // Linear value (alpha, no-gamma channel, RG grey) to a code: x max, 0 at or below 0, max at or above
-// max, otherwise rounded half away from zero; NaN gives 0.
+// max, otherwise rounded half away from zero; NaN gives 0. Written without branches: these run on
+// every channel of bulk loops, where clamped values come unpredictably.
+template <std::uint32_t Max>
+inline std::uint32_t ScaleToCode(float c) {
+  float scaled = c * static_cast<float>(Max);
+  scaled = scaled > 0.0f ? scaled : 0.0f;
+  scaled = scaled < static_cast<float>(Max) ? scaled : static_cast<float>(Max);
+  const auto whole = static_cast<std::uint32_t>(static_cast<std::int32_t>(scaled));
+  return whole + static_cast<std::uint32_t>(scaled - static_cast<float>(whole) >= 0.5f);
+}
 inline unsigned char ScaleTo8(float c) {
-  const float scaled = c * 255.0f;
-  if (scaled <= 0.0f)
-    return 0;
-  if (scaled >= 255.0f)
-    return 255;
-  return static_cast<unsigned char>(RoundToCode<0xFFu>(scaled));
+  return static_cast<unsigned char>(ScaleToCode<255>(c));
 }
 inline unsigned short ScaleTo16(float c) {
-  const float scaled = c * 65535.0f;
-  if (scaled <= 0.0f)
-    return 0;
-  if (scaled >= 65535.0f)
-    return 65535;
-  return static_cast<unsigned short>(RoundToCode<0xFFFFu>(scaled));
+  return static_cast<unsigned short>(ScaleToCode<65535>(c));
 }
 
 // Channel conversions. Decoders map stored codes to linear light, encoders the reverse; every one is
@@ -164,7 +163,7 @@ struct TableEncoder16 {
 
 // What a typed cursor holds: tables only where the format is gamma-encoded and the gamma is applied.
 template <EImageType T, PixelConversion C>
-inline constexpr bool kUsesTables = C == PixelConversion::Gamma&& IsGammaEncoded(T);
+inline constexpr bool kUsesTables = (C == PixelConversion::Gamma) && IsGammaEncoded(T);
 template <EImageType T, PixelConversion C>
 using TypedDecoder =
     std::conditional_t<kUsesTables<T, C>, std::conditional_t<Is16Bit(T), TableDecoder16, TableDecoder8>,
@@ -377,8 +376,9 @@ class PixelCursor {
   void MoveTo(int x, int y) {
     pixel_ = base_ + (static_cast<std::int64_t>(y) * bytesPerLine_ + static_cast<std::int64_t>(x) * Step());
   }
-  // Steps one pixel to the right, or `pixels` to the right (to the left when negative).
+  // Steps one pixel to the right.
   void Next() { pixel_ += Step(); }
+  // Steps `pixels` to the right (to the left when negative).
   void Advance(int pixels) { pixel_ += static_cast<std::int64_t>(pixels) * Step(); }
 
   Plane& GetPlane() const { return *plane_; }
