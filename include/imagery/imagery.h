@@ -33,6 +33,8 @@
 #include "imagery/pixel_access.h"
 #include "imagery/pixel_format.h"
 #include "imagery/pixel_plane.h"
+#include "imagery/pixel_tasks.h"
+#include "imagery/process_pixels.h"
 #include "imagery/read_options.h"
 #include "imagery/resource_text.h"
 #include "imagery/tags.h"

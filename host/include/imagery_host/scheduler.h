@@ -123,3 +123,48 @@ CScheduler& GetScheduler<SchedulerType::Default>();
 void ProcessOrSleep(const std::shared_ptr<CTask>& task, bool mayBlock);
 
 }  // namespace tools
+
+namespace tools {
+
+// Takes a task of `pending` that no thread has taken yet, walking from the back (so the last submitted
+// runs first on the waiting thread, while workers start from the front), and drops finished tasks from
+// the list on the way. An empty pointer when every remaining task is being run elsewhere.
+template <class TaskPointer>
+std::shared_ptr<CTask> GetTaskToDo(std::vector<TaskPointer>& pending) {
+  for (std::size_t i = pending.size(); i-- > 0;) {
+    const TaskPointer& task = pending[i];
+    if (!task)
+      continue;
+    const int status = task->GetStatus();
+    if (status == CTask::kFinished) {
+      pending.erase(pending.begin() + static_cast<std::ptrdiff_t>(i));
+      continue;
+    }
+    if (status == CTask::kQueued)
+      return task;
+  }
+  return nullptr;
+}
+
+// Submits every task and returns once all are finished; the calling thread runs the tasks that no
+// worker has taken yet, so a wait never idles while work is queued.
+template <class TaskPointer>
+void ProcessAndWaitTasks(const std::vector<TaskPointer>& tasks, bool mayBlock) {
+  if (tasks.empty())
+    return;
+  std::vector<TaskPointer> pending;
+  pending.reserve(tasks.size());
+  for (const TaskPointer& task : tasks) {
+    if (task)
+      pending.push_back(task);
+  }
+  CScheduler& scheduler = GetScheduler<SchedulerType::Default>();
+  for (const TaskPointer& task : pending)
+    scheduler.AddTask(task);
+  while (!pending.empty()) {
+    const std::shared_ptr<CTask> task = GetTaskToDo(pending);
+    ProcessOrSleep(task, mayBlock);
+  }
+}
+
+}  // namespace tools
