@@ -103,6 +103,16 @@ class ImageImpl {
     return this;
   }
   int References() const { return references_.load(std::memory_order_acquire); }
+  // Takes a reference unless the count has already reached 0 (the implementation is then being
+  // destroyed by another thread); for holders of plain pointers, such as the image list.
+  bool TryAddRef() {
+    int count = references_.load(std::memory_order_relaxed);
+    while (count > 0) {
+      if (references_.compare_exchange_weak(count, count + 1, std::memory_order_acq_rel))
+        return true;
+    }
+    return false;
+  }
 
   // Versions. NextImpl(n) hangs n behind this implementation (n then shares this one's SharedProperties
   // and is held by it) and releases the previous next version; n may be null.
@@ -126,6 +136,8 @@ class ImageImpl {
   bool IsUpToDate() const;
   bool IImplTestFileExists() const;
   bool IImplTestFileExists(const ZELPath& path) const;
+  // The last known existence of the file, without looking.
+  bool FileExistsFlag() const { return fileExists_; }
   void AddOriginalLocation(const ZELPath& path) { originalLocations_.push_back(path); }
   const std::vector<ZELPath>& OriginalLocations() const { return originalLocations_; }
 

@@ -12,8 +12,12 @@
 #include <mutex>
 #include <vector>
 
+#include <boost/scoped_ptr.hpp>
+
+#include "imagery/pixel_format.h"
 #include "imagery/tags.h"
 #include "imagery_host/tagged_value.h"
+#include "imagery_host/zel_path.h"
 #include "imagery_host/zel_string.h"
 
 namespace imagery {
@@ -56,6 +60,22 @@ class ImageList {
   // Removes when present, moving the last element into its place.
   void RemoveImpl(ImageImpl* impl);
   bool Contains(const ImageImpl* impl) const;
+
+  // Gives `image` a registered, up-to-date implementation of the file at `path`, in `requested` format
+  // (converting a version of another format when needed); false when there is none.
+  bool Load(Image* image, const ZELPath& path, EImageType requested,
+            zellib::TaggedValue<bool, AutoScaleGrayScaleTag> autoScale) const;
+  // Reads the implementation's file again when it changed on disk (or when forced).
+  bool Update(ImageImpl* impl, zellib::TaggedValue<bool, ForceReloadOnUpdateTag> force);
+  // Updates every synchronised image whose file changed, then shortens version chains.
+  bool UpdateSynchronized();
+  // Hangs the image's implementation behind `impl` unless the image already uses it.
+  bool NextImplNoLoop(ImageImpl* impl, boost::scoped_ptr<Image>& image) const;
+  // Reads `path` and makes it the new version of `impl`'s file everywhere.
+  void Replace(ImageImpl* impl, const ZELPath& path);
+  // Makes `image` the new version of every registered implementation of `path`, converted to each one's
+  // format.
+  void Replace(const ZELPath& path, const Image& image);
 
   // Drops the superseded versions (those with a next version), keeping the order of the others.
   void OnSceneClosed();
