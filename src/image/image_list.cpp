@@ -89,4 +89,22 @@ void ImageList::ForceFlushCache() {
   count_.store(0, std::memory_order_relaxed);
 }
 
+bool ImageList::DoUpdate(ImageImpl* impl) {
+  std::unique_ptr<Image> fresh(impl->GetFactory()->Build());
+  if (impl->FilePath().empty())
+    return false;
+  ReadOptions options;
+  options.isReload = true;
+  options.bypassReaderCache = true;
+  int extra = 0;
+  if (fresh->ReadFromSource(impl->FilePath(), impl->ImageType(), extra, options).IsBad())
+    return false;
+  fresh->SetPtype(impl->GetPtype());
+  fresh->SetGamma(impl->GetGamma());
+  if (fresh->GetImpl() == impl)
+    return false;
+  impl->NextImpl(fresh->GetImpl());
+  return true;
+}
+
 }  // namespace imagery
