@@ -9,6 +9,33 @@
 
 namespace imagery {
 
+namespace {
+
+// References taken on implementations the list only points to, released together.
+class HeldImpls {
+ public:
+  HeldImpls() = default;
+  HeldImpls(const HeldImpls&) = delete;
+  HeldImpls& operator=(const HeldImpls&) = delete;
+  ~HeldImpls() {
+    for (ImageImpl* impl : impls_)
+      impl->RemoveRef();
+  }
+  // False when the implementation is already being destroyed.
+  bool Hold(ImageImpl* impl) {
+    if (!impl->TryAddRef())
+      return false;
+    impls_.push_back(impl);
+    return true;
+  }
+  const std::vector<ImageImpl*>& impls() const { return impls_; }
+
+ private:
+  std::vector<ImageImpl*> impls_;
+};
+
+}  // namespace
+
 ImageList& ImageList::Instance() {
   // Never destroyed: handles and implementations with static storage may die at exit after any
   // function-local static, and they unregister themselves from this list.
@@ -104,6 +131,60 @@ bool ImageList::DoUpdate(ImageImpl* impl) {
   if (fresh->GetImpl() == impl)
     return false;
   impl->NextImpl(fresh->GetImpl());
+  return true;
+}
+
+bool ImageList::Update(ImageImpl* impl, zellib::TaggedValue<bool, ForceReloadOnUpdateTag> force) {
+  Lock lock(mutex_);
+  if (!NeedUpdate(impl, force))
+    return false;
+  const bool updated = DoUpdate(impl);
+  OnImageChanged();
+  return updated;
+}
+
+bool ImageList::UpdateSynchronized() {
+  bool result = false;
+  {
+    // Held only while they are updated, so that chains can be shortened afterwards.
+    HeldImpls lastVersions;
+    {
+      Lock lock(mutex_);
+      for (ImageImpl* impl : impls_) {
+        ImageImpl* last = impl->LastImpl();
+        if (std::find(lastVersions.impls().begin(), lastVersions.impls().end(), last) ==
+            lastVersions.impls().end())
+          lastVersions.Hold(last);
+      }
+    }
+    std::vector<ImageImpl*> versions = lastVersions.impls();
+    result = CheckSynchronizationStatus(versions);
+    for (ImageImpl* impl : lastVersions.impls()) {
+      if (!impl->Synchronized())
+        continue;
+      Lock lock(mutex_);
+      if (NeedUpdate(impl, zellib::TaggedValue<bool, ForceReloadOnUpdateTag>(false))) {
+        result = DoUpdate(impl) || result;
+        OnImageChanged();
+      }
+    }
+  }
+  Lock lock(mutex_);
+  for (std::size_t i = 0; i < impls_.size(); ++i) {
+    ImageImpl* next = impls_[i]->NextImpl();
+    if (next != nullptr && next->NextImpl() != nullptr && next->References() == 1) {
+      impls_[i]->NextImpl(next->NextImpl());
+      result = true;
+      i = static_cast<std::size_t>(-1);
+    }
+  }
+  return result;
+}
+
+bool ImageList::NextImplNoLoop(ImageImpl* impl, boost::scoped_ptr<Image>& image) const {
+  if (image->GetImpl() == impl)
+    return false;
+  impl->NextImpl(image->GetImpl());
   return true;
 }
 
