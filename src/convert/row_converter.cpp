@@ -1,0 +1,627 @@
+// Row kernels of the conversions. A row is cut into chunks; each chunk is decoded into planar linear
+// floats by a loop fixed for the source format, then encoded by a loop fixed for the target layout,
+// through the row encoders of gamma_tables.h. Sources whose values are codes (8- and 16-bit channels,
+// RG grey) skip the floats when the target is a code too: every code maps to one result, so a table of
+// results per code gives the same values with one lookup per channel.
+//
+// Every value is the one the pixel cursors give: the tables and encoders of gamma_tables.h reproduce
+// DecodeChannel8/16 and EncodeChannel8/16 bit for bit, and the arithmetic below is written in the
+// order of the reference definitions.
+#include "convert/row_converter.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <optional>
+#include <type_traits>
+#include <vector>
+
+#include "imagery/colour_spaces.h"
+#include "imagery/gamma_tables.h"
+#include "imagery/pixel_access.h"
+
+namespace imagery::convert {
+
+namespace {
+
+constexpr int kChunk = 128;
+
+using detail::LoadBE16;
+using detail::LoadFloat;
+using detail::StoreBE16;
+using detail::StoreFloat;
+
+// --- Formats and layouts ---------------------------------------------------------------------------
+
+constexpr bool IsGreyLayout(Layout d) {
+  return d == Layout::Grey8 || d == Layout::Grey16 || d == Layout::Grey32f;
+}
+constexpr bool HasAlphaLayout(Layout d) {
+  return d == Layout::RGBA8 || d == Layout::RGBA16 || d == Layout::RGBA32f || d == Layout::RGBEA;
+}
+constexpr bool Is8BitCodeLayout(Layout d) {
+  return d == Layout::Grey8 || d == Layout::RGB8 || d == Layout::RGBA8;
+}
+constexpr bool Is16BitCodeLayout(Layout d) {
+  return d == Layout::Grey16 || d == Layout::RGB16 || d == Layout::RGBA16;
+}
+constexpr int BytesOf(Layout d) {
+  return BytesPerPixel(TypeOf(d));
+}
+
+// Formats whose channels are codes with one linear value each.
+constexpr bool IsCoded(EImageType s) {
+  return IsGammaEncoded(s) || IsRGEncoded(s);
+}
+constexpr bool Has8BitCodes(EImageType s) {
+  return s == IT_RGB8 || s == IT_RGBA8 || s == IT_Grayscale8;
+}
+constexpr std::size_t CodeCount(EImageType s) {
+  return Has8BitCodes(s) ? 256 : 65536;
+}
+
+// Code-to-result tables: colour codes to colour codes per channel; grey codes to any code layout
+// (stretched grey for the grey layouts, the value itself in every channel for the colour layouts) and
+// to floats.
+template <EImageType S, Layout D>
+constexpr bool kTableKernel = IsCoded(S) && (D == Layout::RGB8 || D == Layout::RGBA8 || D == Layout::RGB16 ||
+                                             D == Layout::RGBA16 || (IsGrayscale(S) && IsGreyLayout(D)));
+
+// --- Packing the shared-exponent colour ------------------------------------------------------------
+
+// RGBECLR::FromFloat without the library calls. m at or above 1e-12 is a normal float, so its frexp
+// exponent is read from its bits, and the scale f x 255 / m of the reference is exactly 255 x 2^-n.
+inline void PackRGBE(float r, float g, float b, unsigned char* p) {
+  const float m = std::max(std::max(r, g), b);
+  if (!(static_cast<double>(m) >= 1e-12)) {
+    p[0] = p[1] = p[2] = p[3] = 0;
+    return;
+  }
+  if (std::isinf(m)) {
+    p[0] = std::isfinite(r) ? 0 : 0xFE;
+    p[1] = std::isfinite(g) ? 0 : 0xFE;
+    p[2] = std::isfinite(b) ? 0 : 0xFE;
+    p[3] = 0xFF;
+    return;
+  }
+  std::uint32_t bits;
+  std::memcpy(&bits, &m, sizeof bits);
+  const int n = static_cast<int>((bits >> 23) & 0xFFu) - 126;
+  const std::uint64_t powerBits = static_cast<std::uint64_t>(1023 - n) << 52;
+  double power;
+  std::memcpy(&power, &powerBits, sizeof power);
+  const double scale = 255.0 * power;
+  p[0] = detail::TruncToByte(r * scale);
+  p[1] = detail::TruncToByte(g * scale);
+  p[2] = detail::TruncToByte(b * scale);
+  p[3] = static_cast<unsigned char>(n + 128);
+}
+
+inline float GreyOfGrey(float v) {
+  return (0.35f * v + 0.5f * v) + 0.15f * v;
+}
+
+// Alpha codes of an opaque pixel, as the cursors quantise 1.0.
+const unsigned char kOpaque8 = detail::ScaleTo8(1.0f);
+const unsigned short kOpaque16 = detail::ScaleTo16(1.0f);
+
+}  // namespace
+
+// --- State ------------------------------------------------------------------------------------------
+
+struct ConverterState {
+  using Kernel = void (*)(const ConverterState&, const unsigned char*, unsigned char*, int);
+  using ScanKernel = void (*)(const ConverterState&, const unsigned char*, int, float&, float&);
+
+  std::optional<GammaDecodeTable8> decode8;
+  std::optional<GammaDecodeTable16> decode16;
+  std::optional<GammaEncoder8> encode8;
+  std::optional<GammaEncoder16> encode16;
+  GreyStretch stretch;
+  // (0, 1) not inverted, where the stretch gives every value back unchanged.
+  bool identityStretch = true;
+  std::vector<unsigned char> table8;
+  std::vector<unsigned short> table16;
+  std::vector<float> tableFloat;
+  Kernel kernel = nullptr;
+  ScanKernel scan = nullptr;
+
+  void SetDecoders(EImageType s, GammaValue gamma) {
+    if (Has8BitCodes(s) && IsGammaEncoded(s))
+      decode8.emplace(gamma);
+    else if (Is16Bit(s))
+      decode16.emplace(gamma);
+  }
+
+  void SetStretch(const GreyStretch& s) {
+    stretch = s;
+    identityStretch = !s.invert && s.min == 0.0f && !std::signbit(s.min) && s.max == 1.0f;
+  }
+
+  void Stretch(float* v, int n) const {
+    if (identityStretch)
+      return;
+    const float min = stretch.min;
+    const float max = stretch.max;
+    const float span = max - min;
+    if (stretch.invert) {
+      for (int i = 0; i < n; ++i)
+        v[i] = (max - v[i]) / span;
+    } else {
+      for (int i = 0; i < n; ++i)
+        v[i] = (v[i] - min) / span;
+    }
+  }
+};
+
+namespace {
+
+struct Planar {
+  float r[kChunk];
+  float g[kChunk];
+  float b[kChunk];
+  float a[kChunk];
+};
+
+// --- Source side -------------------------------------------------------------------------------------
+
+// The code of a grey pixel.
+template <EImageType S>
+inline unsigned GreyCode(const unsigned char* p) {
+  if constexpr (S == IT_Grayscale8) {
+    return p[0];
+  } else if constexpr (S == IT_Grayscale16) {
+    return LoadBE16(p);
+  } else {
+    static_assert(IsRGEncoded(S));
+    return static_cast<unsigned>(p[2] << 8 | p[1]);
+  }
+}
+
+// The linear value of every code of a coded format, indexed by code.
+template <EImageType S>
+std::vector<float> LinearOfCodes(const ConverterState& state) {
+  std::vector<float> linear(CodeCount(S));
+  if constexpr (Has8BitCodes(S)) {
+    std::copy(state.decode8->Data(), state.decode8->Data() + 256, linear.begin());
+  } else if constexpr (Is16Bit(S)) {
+    std::copy(state.decode16->Data(), state.decode16->Data() + 65536, linear.begin());
+  } else {
+    for (std::size_t code = 0; code < linear.size(); ++code)
+      linear[code] = static_cast<float>(code) * kInv65535;
+  }
+  return linear;
+}
+
+template <EImageType S>
+inline float GreyLinear(const ConverterState& state, const unsigned char* p) {
+  if constexpr (S == IT_Grayscale8) {
+    return (*state.decode8)(p[0]);
+  } else if constexpr (S == IT_Grayscale16) {
+    return (*state.decode16)(LoadBE16(p));
+  } else if constexpr (S == IT_Grayscale32f) {
+    return LoadFloat(p);
+  } else {
+    return static_cast<float>(GreyCode<S>(p)) * kInv65535;
+  }
+}
+
+template <EImageType S>
+void DecodeColour(const ConverterState& state, const unsigned char* p, int n, Planar& out) {
+  constexpr int kStep = BytesPerPixel(S);
+  if constexpr (S == IT_RGB8 || S == IT_RGBA8) {
+    const float* t = state.decode8->Data();
+    for (int i = 0; i < n; ++i, p += kStep) {
+      out.r[i] = t[p[2]];
+      out.g[i] = t[p[1]];
+      out.b[i] = t[p[0]];
+    }
+  } else if constexpr (S == IT_RGB16 || S == IT_RGBA16) {
+    const float* t = state.decode16->Data();
+    for (int i = 0; i < n; ++i, p += kStep) {
+      out.r[i] = t[LoadBE16(p + 4)];
+      out.g[i] = t[LoadBE16(p + 2)];
+      out.b[i] = t[LoadBE16(p)];
+    }
+  } else if constexpr (S == IT_RGB32f || S == IT_RGBA32f) {
+    for (int i = 0; i < n; ++i, p += kStep) {
+      out.r[i] = LoadFloat(p + 8);
+      out.g[i] = LoadFloat(p + 4);
+      out.b[i] = LoadFloat(p);
+    }
+  } else if constexpr (S == IT_RGBEA) {
+    for (int i = 0; i < n; ++i, p += kStep) {
+      const LinearRGB_T<float> c = RGBECLR(p[0], p[1], p[2], p[3]).ToFloat();
+      out.r[i] = c.r;
+      out.g[i] = c.g;
+      out.b[i] = c.b;
+    }
+  } else if constexpr (IsGrayscale(S)) {
+    for (int i = 0; i < n; ++i, p += kStep)
+      out.r[i] = out.g[i] = out.b[i] = GreyLinear<S>(state, p);
+  } else {
+    // No pixels to read: black, as a cursor on such a plane leaves a fresh colour.
+    static_cast<void>(state);
+    static_cast<void>(p);
+    std::fill(out.r, out.r + n, 0.0f);
+    std::fill(out.g, out.g + n, 0.0f);
+    std::fill(out.b, out.b + n, 0.0f);
+  }
+}
+
+template <EImageType S>
+void DecodeGrey(const ConverterState& state, const unsigned char* p, int n, Planar& scratch, float* grey) {
+  if constexpr (IsGrayscale(S)) {
+    static_cast<void>(scratch);
+    for (int i = 0; i < n; ++i, p += BytesPerPixel(S))
+      grey[i] = GreyOfGrey(GreyLinear<S>(state, p));
+  } else {
+    DecodeColour<S>(state, p, n, scratch);
+    for (int i = 0; i < n; ++i)
+      grey[i] = (0.35f * scratch.r[i] + 0.5f * scratch.g[i]) + 0.15f * scratch.b[i];
+  }
+}
+
+// The stored alpha, never gamma converted; formats without alpha read 1.
+template <EImageType S>
+inline float AlphaOf(const unsigned char* p) {
+  if constexpr (S == IT_RGBA8) {
+    return static_cast<float>(p[3]) * kInv255;
+  } else if constexpr (S == IT_RGBEA) {
+    return static_cast<float>(p[4]) * kInv255;
+  } else if constexpr (S == IT_RGBA16) {
+    return static_cast<float>(LoadBE16(p + 6)) * kInv65535;
+  } else if constexpr (S == IT_RGBA32f) {
+    return LoadFloat(p + 12);
+  } else {
+    static_cast<void>(p);
+    return 1.0f;
+  }
+}
+
+template <EImageType S>
+void DecodeAlpha(const unsigned char* p, int n, float* a) {
+  for (int i = 0; i < n; ++i, p += BytesPerPixel(S))
+    a[i] = AlphaOf<S>(p);
+}
+
+// --- Target side ---------------------------------------------------------------------------------------
+
+template <Layout D>
+void EncodeGrey(const ConverterState& state, const float* v, int n, unsigned char* q) {
+  if constexpr (D == Layout::Grey8) {
+    state.encode8->EncodeRow(v, q, static_cast<std::size_t>(n));
+  } else if constexpr (D == Layout::Grey16) {
+    unsigned short codes[kChunk];
+    state.encode16->EncodeRow(v, codes, static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i)
+      StoreBE16(q + 2 * i, codes[i]);
+  } else {
+    static_assert(D == Layout::Grey32f);
+    static_cast<void>(state);
+    std::memcpy(q, v, static_cast<std::size_t>(n) * sizeof(float));
+  }
+}
+
+template <Layout D>
+void EncodeColour(const ConverterState& state, const Planar& in, int n, unsigned char* q) {
+  constexpr int kStep = BytesOf(D);
+  if constexpr (D == Layout::RGB8 || D == Layout::RGBA8) {
+    unsigned char r[kChunk], g[kChunk], b[kChunk];
+    state.encode8->EncodeRow(in.r, r, static_cast<std::size_t>(n));
+    state.encode8->EncodeRow(in.g, g, static_cast<std::size_t>(n));
+    state.encode8->EncodeRow(in.b, b, static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i, q += kStep) {
+      q[0] = b[i];
+      q[1] = g[i];
+      q[2] = r[i];
+      if constexpr (D == Layout::RGBA8)
+        q[3] = detail::ScaleTo8(in.a[i]);
+    }
+  } else if constexpr (D == Layout::RGB16 || D == Layout::RGBA16) {
+    unsigned short r[kChunk], g[kChunk], b[kChunk];
+    state.encode16->EncodeRow(in.r, r, static_cast<std::size_t>(n));
+    state.encode16->EncodeRow(in.g, g, static_cast<std::size_t>(n));
+    state.encode16->EncodeRow(in.b, b, static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i, q += kStep) {
+      StoreBE16(q, b[i]);
+      StoreBE16(q + 2, g[i]);
+      StoreBE16(q + 4, r[i]);
+      if constexpr (D == Layout::RGBA16)
+        StoreBE16(q + 6, detail::ScaleTo16(in.a[i]));
+    }
+  } else if constexpr (D == Layout::RGB32f || D == Layout::RGBA32f) {
+    static_cast<void>(state);
+    for (int i = 0; i < n; ++i, q += kStep) {
+      StoreFloat(q, in.b[i]);
+      StoreFloat(q + 4, in.g[i]);
+      StoreFloat(q + 8, in.r[i]);
+      if constexpr (D == Layout::RGBA32f)
+        StoreFloat(q + 12, in.a[i]);
+    }
+  } else {
+    static_assert(D == Layout::RGBEA);
+    static_cast<void>(state);
+    for (int i = 0; i < n; ++i, q += kStep) {
+      PackRGBE(in.r[i], in.g[i], in.b[i], q);
+      q[4] = detail::ScaleTo8(in.a[i]);
+    }
+  }
+}
+
+// --- Kernels -------------------------------------------------------------------------------------------
+
+template <EImageType S, Layout D>
+void ConvertThroughFloats(const ConverterState& state, const unsigned char* p, unsigned char* q, int count) {
+  Planar planar;
+  for (int done = 0; done < count; done += kChunk) {
+    const int n = std::min(kChunk, count - done);
+    if constexpr (IsGreyLayout(D)) {
+      float grey[kChunk];
+      DecodeGrey<S>(state, p, n, planar, grey);
+      state.Stretch(grey, n);
+      EncodeGrey<D>(state, grey, n, q);
+    } else {
+      DecodeColour<S>(state, p, n, planar);
+      if constexpr (HasAlphaLayout(D))
+        DecodeAlpha<S>(p, n, planar.a);
+      EncodeColour<D>(state, planar, n, q);
+    }
+    p += static_cast<std::ptrdiff_t>(n) * BytesPerPixel(S);
+    q += static_cast<std::ptrdiff_t>(n) * BytesOf(D);
+  }
+}
+
+template <Layout D>
+inline void StoreCode(unsigned char* q, unsigned code) {
+  if constexpr (Is8BitCodeLayout(D)) {
+    *q = static_cast<unsigned char>(code);
+  } else {
+    StoreBE16(q, static_cast<unsigned short>(code));
+  }
+}
+
+template <EImageType S, Layout D>
+void ConvertByTable(const ConverterState& state, const unsigned char* p, unsigned char* q, int count) {
+  constexpr int kIn = BytesPerPixel(S);
+  constexpr int kOut = BytesOf(D);
+  constexpr int kChannelBytes = Is8BitCodeLayout(D) ? 1 : 2;
+  if constexpr (D == Layout::Grey32f) {
+    const float* table = state.tableFloat.data();
+    for (int i = 0; i < count; ++i, p += kIn, q += kOut)
+      StoreFloat(q, table[GreyCode<S>(p)]);
+    return;
+  } else {
+    using Code = std::conditional_t<Is8BitCodeLayout(D), unsigned char, unsigned short>;
+    const Code* table;
+    if constexpr (Is8BitCodeLayout(D)) {
+      table = state.table8.data();
+    } else {
+      table = state.table16.data();
+    }
+    for (int i = 0; i < count; ++i, p += kIn, q += kOut) {
+      if constexpr (IsGrayscale(S)) {
+        const unsigned code = table[GreyCode<S>(p)];
+        StoreCode<D>(q, code);
+        if constexpr (!IsGreyLayout(D)) {
+          StoreCode<D>(q + kChannelBytes, code);
+          StoreCode<D>(q + 2 * kChannelBytes, code);
+        }
+      } else if constexpr (Has8BitCodes(S)) {
+        StoreCode<D>(q, table[p[0]]);
+        StoreCode<D>(q + kChannelBytes, table[p[1]]);
+        StoreCode<D>(q + 2 * kChannelBytes, table[p[2]]);
+      } else {
+        StoreCode<D>(q, table[LoadBE16(p)]);
+        StoreCode<D>(q + kChannelBytes, table[LoadBE16(p + 2)]);
+        StoreCode<D>(q + 2 * kChannelBytes, table[LoadBE16(p + 4)]);
+      }
+      if constexpr (D == Layout::RGBA8) {
+        q[3] = HasAlpha(S) ? detail::ScaleTo8(AlphaOf<S>(p)) : kOpaque8;
+      } else if constexpr (D == Layout::RGBA16) {
+        StoreBE16(q + 6, HasAlpha(S) ? detail::ScaleTo16(AlphaOf<S>(p)) : kOpaque16);
+      }
+    }
+  }
+}
+
+template <EImageType S, Layout D>
+void BuildTable(ConverterState& state) {
+  std::vector<float> linear = LinearOfCodes<S>(state);
+  if constexpr (IsGreyLayout(D)) {
+    for (float& v : linear)
+      v = GreyOfGrey(v);
+    state.Stretch(linear.data(), static_cast<int>(linear.size()));
+  }
+  if constexpr (D == Layout::Grey32f) {
+    state.tableFloat = std::move(linear);
+  } else if constexpr (Is8BitCodeLayout(D)) {
+    state.table8.resize(linear.size());
+    state.encode8->EncodeRow(linear.data(), state.table8.data(), linear.size());
+  } else {
+    state.table16.resize(linear.size());
+    state.encode16->EncodeRow(linear.data(), state.table16.data(), linear.size());
+  }
+}
+
+template <EImageType S>
+void ScanGrey(const ConverterState& state, const unsigned char* p, int count, float& minGrey,
+              float& maxGrey) {
+  Planar planar;
+  float grey[kChunk];
+  float low = minGrey;
+  float high = maxGrey;
+  for (int done = 0; done < count; done += kChunk) {
+    const int n = std::min(kChunk, count - done);
+    DecodeGrey<S>(state, p, n, planar, grey);
+    for (int i = 0; i < n; ++i) {
+      const float g = grey[i];
+      low = g <= low ? g : low;
+      high = g > high ? g : high;
+    }
+    p += static_cast<std::ptrdiff_t>(n) * BytesPerPixel(S);
+  }
+  minGrey = low;
+  maxGrey = high;
+}
+
+// Calls f(std::integral_constant<Layout, D>{}) for the layout `d`.
+template <class F>
+decltype(auto) DispatchLayout(Layout d, F&& f) {
+  switch (d) {
+    case Layout::Grey8:
+      return f(std::integral_constant<Layout, Layout::Grey8>{});
+    case Layout::Grey16:
+      return f(std::integral_constant<Layout, Layout::Grey16>{});
+    case Layout::Grey32f:
+      return f(std::integral_constant<Layout, Layout::Grey32f>{});
+    case Layout::RGB8:
+      return f(std::integral_constant<Layout, Layout::RGB8>{});
+    case Layout::RGBA8:
+      return f(std::integral_constant<Layout, Layout::RGBA8>{});
+    case Layout::RGB16:
+      return f(std::integral_constant<Layout, Layout::RGB16>{});
+    case Layout::RGBA16:
+      return f(std::integral_constant<Layout, Layout::RGBA16>{});
+    case Layout::RGB32f:
+      return f(std::integral_constant<Layout, Layout::RGB32f>{});
+    case Layout::RGBA32f:
+      return f(std::integral_constant<Layout, Layout::RGBA32f>{});
+    case Layout::RGBEA:
+      break;
+  }
+  return f(std::integral_constant<Layout, Layout::RGBEA>{});
+}
+
+}  // namespace
+
+// --- RowConverter -----------------------------------------------------------------------------------------
+
+RowConverter::RowConverter(EImageType sourceType, GammaValue sourceGamma, Layout target,
+                           GammaValue targetGamma, const GreyStretch& stretch, std::int64_t pixelCount)
+    : state_(std::make_unique<ConverterState>()) {
+  ConverterState& state = *state_;
+  state.SetDecoders(sourceType, sourceGamma);
+  state.SetStretch(stretch);
+  if (Is8BitCodeLayout(target)) {
+    state.encode8.emplace(targetGamma, PowerPrecision::Single);
+  } else if (target == Layout::Grey16) {
+    state.encode16.emplace(targetGamma, PowerPrecision::Double);
+  } else if (Is16BitCodeLayout(target)) {
+    state.encode16.emplace(targetGamma, PowerPrecision::Single);
+  }
+  state.kernel = DispatchImageType(sourceType, [&](auto s) {
+    return DispatchLayout(target, [&](auto d) -> ConverterState::Kernel {
+      constexpr EImageType S = decltype(s)::value;
+      constexpr Layout D = decltype(d)::value;
+      if constexpr (kTableKernel<S, D>) {
+        // A 16-bit table costs about as much as encoding 65536 values directly.
+        const std::int64_t values = pixelCount * (IsGrayscale(S) ? 1 : 3);
+        if (Has8BitCodes(S) || values >= static_cast<std::int64_t>(CodeCount(S))) {
+          BuildTable<S, D>(state);
+          return &ConvertByTable<S, D>;
+        }
+      }
+      return &ConvertThroughFloats<S, D>;
+    });
+  });
+}
+
+RowConverter::~RowConverter() = default;
+
+void RowConverter::Convert(const unsigned char* source, unsigned char* target, int count) const {
+  if (count > 0)
+    state_->kernel(*state_, source, target, count);
+}
+
+// --- GreyRangeScanner -------------------------------------------------------------------------------------
+
+GreyRangeScanner::GreyRangeScanner(EImageType type, GammaValue gamma)
+    : state_(std::make_unique<ConverterState>()) {
+  state_->SetDecoders(type, gamma);
+  state_->scan = DispatchImageType(
+      type, [](auto s) -> ConverterState::ScanKernel { return &ScanGrey<decltype(s)::value>; });
+}
+
+GreyRangeScanner::~GreyRangeScanner() = default;
+
+void GreyRangeScanner::Scan(const unsigned char* pixels, int count, float& minGrey, float& maxGrey) const {
+  if (count > 0)
+    state_->scan(*state_, pixels, count, minGrey, maxGrey);
+}
+
+// --- RowReencoder -----------------------------------------------------------------------------------------
+
+struct RowReencoder::State {
+  EImageType type = IT_UNDEFINED;
+  std::vector<unsigned char> table8;
+  std::vector<unsigned short> table16;
+  // 16-bit images too small to pay for a table convert each value.
+  std::optional<GammaDecodeTable16> decode16;
+  std::optional<GammaEncoder16> encode16;
+
+  unsigned short Map16(unsigned short code) const {
+    return table16.empty() ? (*encode16)((*decode16)(code)) : table16[code];
+  }
+};
+
+RowReencoder::RowReencoder(EImageType type, GammaValue from, GammaValue to, std::int64_t valueCount)
+    : state_(std::make_unique<State>()) {
+  State& state = *state_;
+  if (!IsGammaEncoded(type))
+    return;
+  state.type = type;
+  // Colour goes through CLRFLOATFrom and ToRGB (single-precision powers); grey through the encoding of
+  // single values (double-precision powers).
+  const PowerPrecision precision = IsGrayscale(type) ? PowerPrecision::Double : PowerPrecision::Single;
+  if (!Is16Bit(type)) {
+    const GammaDecodeTable8 decode(from);
+    const GammaEncoder8 encode(to, precision);
+    state.table8.resize(256);
+    encode.EncodeRow(decode.Data(), state.table8.data(), 256);
+    return;
+  }
+  state.decode16.emplace(from);
+  state.encode16.emplace(to, precision);
+  if (valueCount >= 65536) {
+    state.table16.resize(65536);
+    state.encode16->EncodeRow(state.decode16->Data(), state.table16.data(), 65536);
+  }
+}
+
+RowReencoder::~RowReencoder() = default;
+
+void RowReencoder::Reencode(unsigned char* pixels, int count) const {
+  const State& state = *state_;
+  const int step = BytesPerPixel(state.type);
+  switch (state.type) {
+    case IT_RGB8:
+    case IT_RGBA8:
+      for (int i = 0; i < count; ++i, pixels += step) {
+        pixels[0] = state.table8[pixels[0]];
+        pixels[1] = state.table8[pixels[1]];
+        pixels[2] = state.table8[pixels[2]];
+      }
+      break;
+    case IT_Grayscale8:
+      for (int i = 0; i < count; ++i)
+        pixels[i] = state.table8[pixels[i]];
+      break;
+    case IT_RGB16:
+    case IT_RGBA16:
+      for (int i = 0; i < count; ++i, pixels += step) {
+        StoreBE16(pixels, state.Map16(LoadBE16(pixels)));
+        StoreBE16(pixels + 2, state.Map16(LoadBE16(pixels + 2)));
+        StoreBE16(pixels + 4, state.Map16(LoadBE16(pixels + 4)));
+      }
+      break;
+    case IT_Grayscale16:
+      for (int i = 0; i < count; ++i, pixels += step)
+        StoreBE16(pixels, state.Map16(LoadBE16(pixels)));
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace imagery::convert
