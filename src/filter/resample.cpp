@@ -12,6 +12,8 @@
 namespace imagery {
 namespace {
 
+constexpr auto kKeepImplementation = static_cast<ImplManagement>(1);
+
 template <class Pixel>
 struct ResampleColours;
 
@@ -56,7 +58,7 @@ void ResampleInto(const Image& source, Image& target, const ResampleOpts& option
 void ResampleInOnePass(Image& image, int width, int height, const ResampleOpts& options) {
   // Writing the new pixels into the factory's shared default implementation would resize every empty
   // handle in the process.
-  if (options.implManagement == IM_InPlace)
+  if (options.implManagement == kKeepImplementation)
     image.MakeUniqueIfFactoryDefault();
 
   const std::unique_ptr<Image> target(
@@ -83,7 +85,7 @@ void ResampleInOnePass(Image& image, int width, int height, const ResampleOpts& 
     return;
 
   ImageImpl& fresh = target->GetImplRef();
-  if (options.implManagement == IM_InPlace) {
+  if (options.implManagement == kKeepImplementation) {
     image.GetImplRef().CreateBackupDownSampling();
     image.GetImplRef().SwapAllPixelData(fresh);
   } else {
