@@ -13,7 +13,8 @@ namespace imagery {
 namespace {
 
 namespace xml = ::config::xml;
-using Bytes = std::vector<unsigned char>;
+using Byte = unsigned char;
+using Bytes = std::vector<Byte>;
 using Fill = std::function<void(ZELStream&)>;
 
 GammaSettings Make(float input, float output, float screen) {
@@ -30,37 +31,28 @@ void ExpectGammas(const GammaSettings& settings, float input, float output, floa
   EXPECT_EQ(settings.ScreenGamma().Value(), screen);
 }
 
-Fill Chunk(unsigned short id, const Fill& fill) {
+// Stream builders: a chunk holding whatever its parts write, typed values, and raw bytes.
+template <class... Part>
+Fill Chunk(unsigned short id, Part... parts) {
   return [=](ZELStream& s) {
     ZELWriteChunk chunk(&s, id);
-    fill(s);
+    (Fill(parts)(s), ...);
   };
 }
-template <class T>
-Fill Typed(T value) {
-  return [=](ZELStream& s) { s.WriteTyped(value); };
+template <class... T>
+Fill Values(T... values) {
+  return [=](ZELStream& s) { (s.WriteTyped(values), ...); };
 }
 Fill Raw(const Bytes& bytes) {
   return [=](ZELStream& s) { s.Write(bytes.data(), bytes.size()); };
 }
-template <class... F>
-Fill Seq(F... fills) {
-  return [=](ZELStream& s) { (Fill(fills)(s), ...); };
+Fill V0(Byte enabled) {
+  return Values(enabled, 0.5f, 0.6f, 0.7f, Byte{0});
 }
-Fill V0(unsigned char enabled, float input, float output, float screen) {
-  return Seq(Typed(enabled), Typed(input), Typed(output), Typed(screen), Typed<unsigned char>(0));
-}
-// A version 1 chunk whose screen value, between an input and an output value, is `screen`.
-Fill V1Around(const Fill& screen) {
-  return Chunk(kGammaSettingsChunkV1,
-               Seq(Chunk(kGammaSettingsInputChunk, Typed(0.5f)), Chunk(kGammaSettingsScreenChunk, screen),
-                   Chunk(kGammaSettingsOutputChunk, Typed(0.6f))));
-}
-Fill Written(int version, bool enabled = true) {
-  return [=](ZELStream& s) {
-    const GammaSettings settings = Make(0.5f, 0.6f, 0.7f);
-    EXPECT_TRUE(version == 0 ? settings.WriteV0(&s, enabled) : settings.WriteV1(&s));
-  };
+// A version 1 chunk in the order it is written, with `output` as its middle value.
+Fill V1With(const Fill& output) {
+  return Chunk(kGammaSettingsChunkV1, Chunk(kGammaSettingsInputChunk, Values(0.5f)),
+               Chunk(kGammaSettingsOutputChunk, output), Chunk(kGammaSettingsScreenChunk, Values(0.7f)));
 }
 Bytes Write(const Fill& fill) {
   ZELMemoryStream stream;
@@ -68,27 +60,17 @@ Bytes Write(const Fill& fill) {
   return stream.Bytes();
 }
 
-// Reads the chunk that `fill` writes into settings holding (3, 4, 5). Whatever the reader answers, the
-// caller's chunk must still end where its header says, so the marker chunk written after it comes next.
-bool ReadBack(const Fill& fill, GammaSettings& settings) {
-  ZELMemoryStream stream;
-  fill(stream);
-  Chunk(0x7777, Typed(0))(stream);
-  stream.Rewind();
-  settings = Make(3.0f, 4.0f, 5.0f);
-  bool ok = false;
-  {
-    ZELReadChunk chunk;
-    EXPECT_TRUE(chunk.InitChunk(&stream));
-    ok = settings.Read(&stream, chunk);
-  }
-  EXPECT_EQ(stream.GetNextChunkID(), 0x7777);
-  return ok;
+// Reads the chunk that `fill` writes into settings holding (3, 4, 5).
+void ExpectRead(const Fill& fill, bool ok, float input, float output, float screen) {
+  ZELMemoryStream stream(Write(fill));
+  GammaSettings settings = Make(3.0f, 4.0f, 5.0f);
+  ZELReadChunk chunk;
+  ASSERT_TRUE(chunk.InitChunk(&stream));
+  EXPECT_EQ(settings.Read(&stream, chunk), ok);
+  ExpectGammas(settings, input, output, screen);
 }
 
 TEST(GammaSettings, IntegerFormatsTakeTheStoredGammasAndEveryOtherFormatIsLinear) {
-  ExpectGammas(GammaSettings(), -2.0f, -2.0f, -2.0f);
-  EXPECT_EQ(&GetCurrentGammaSettings(), &GetCurrentGammaSettings());
   ExpectGammas(GetCurrentGammaSettings(), -2.0f, -2.0f, -2.0f);
   const GammaSettings settings = Make(2.2f, 1.8f, 2.4f);
   const std::set<int> integer = {IT_RGB8,   IT_Grayscale8,  IT_RGBA8,    IT_RGB16,
@@ -103,54 +85,39 @@ TEST(GammaSettings, IntegerFormatsTakeTheStoredGammasAndEveryOtherFormatIsLinear
               settings != Make(2.2f, 1.8f, 1.0f));
 }
 
-// The settings store is process-wide: leave it as the library registered it.
-class GammaSettingsStore : public ::testing::Test {
- protected:
-  void TearDown() override {
-    config::ScreenGamma.default_value = -2.0f;
-    xml::ResetToDefaults();
-  }
-};
-
-TEST_F(GammaSettingsStore, KeysHoldTheDefaultsAndFeedTheRightFields) {
+TEST(GammaSettings, KeysHoldTheDefaultsAndFeedTheRightFields) {
   for (const config::GammaKey* key : {&config::InputGamma, &config::OutputGamma, &config::ScreenGamma}) {
-    ASSERT_TRUE(xml::PropertyExists(key->name, "kor")) << key->name;
-    EXPECT_EQ(xml::GetPropertyRef(key->name, "kor", 0.0f), -2.0f) << key->name;
+    EXPECT_TRUE(xml::PropertyExists(key->name, "kor")) << key->name;
   }
-  xml::Clear();
   GammaSettings settings = Make(3.0f, 4.0f, 5.0f);
   settings.ReadFromConfigManager();
   ExpectGammas(settings, -2.0f, -2.0f, -2.0f);
-  EXPECT_EQ(xml::GetPropertyRef("imagery/ScreenGamma", "kor", 0.0f), -2.0f) << "the default is stored";
-
-  xml::SetProperty("imagery/InputGamma", 2.2f, "kor");
-  xml::SetProperty("imagery/OutputGamma", L"2.2", "kor");
-  xml::SetProperty("imagery/ScreenGamma", 1.0f, "kor");
-  settings.ReadFromConfigManager();
-  ExpectGammas(settings, 2.2f, -2.0f, 1.0f);
   Make(1.5f, 1.6f, 1.7f).WriteToConfigManager();
   settings.ReadFromConfigManager();
   ExpectGammas(settings, 1.5f, 1.6f, 1.7f);
+  xml::SetProperty("imagery/OutputGamma", L"1.6", "kor");  // not a float: read as the default
+  settings.ReadFromConfigManager();
+  ExpectGammas(settings, 1.5f, -2.0f, 1.7f);
 
   // The initialisers read the record when they run, so a host can change a default before a reset.
   config::ScreenGamma.default_value = 2.4f;
   xml::ResetToDefaults();
   settings.ReadFromConfigManager();
   ExpectGammas(settings, -2.0f, -2.0f, 2.4f);
-}
-
-TEST(GammaSettings, VersionZeroKeepsWhatWasReadBeforeAFailure) {
-  GammaSettings settings;
-  const Bytes data = Write(V0(1, 0.5f, 0.6f, 0.7f));
-  for (std::size_t cut = 0; cut < data.size(); ++cut) {
-    EXPECT_FALSE(
-        ReadBack(Chunk(kGammaSettingsChunkV0, Raw(Bytes(data.begin(), data.begin() + cut))), settings));
-    const std::size_t floats = cut < 3 ? 0 : (cut - 3) / 6;  // a flag, then floats of 6 bytes each
-    ExpectGammas(settings, floats > 0 ? 0.5f : 3.0f, floats > 1 ? 0.6f : 4.0f, floats > 2 ? 0.7f : 5.0f);
-  }
+  config::ScreenGamma.default_value = -2.0f;
+  xml::ResetToDefaults();
 }
 
 TEST(GammaSettings, ChunksChangeOnlyWhatTheyCarryAndStopAtTheFirstBrokenValue) {
+  const GammaSettings written = Make(0.5f, 0.6f, 0.7f);
+  EXPECT_EQ(Write([&](ZELStream& s) { EXPECT_TRUE(written.WriteV0(&s, true)); }),
+            Write(Chunk(kGammaSettingsChunkV0, V0(1))));
+  EXPECT_EQ(Write([&](ZELStream& s) { EXPECT_TRUE(written.WriteV1(&s)); }), Write(V1With(Values(0.6f))));
+  GammaSettings reader;
+  ZELReadChunk unopened;
+  EXPECT_FALSE(written.WriteV0(nullptr, true) || reader.ReadV0(nullptr, unopened) ||
+               reader.ReadV1(nullptr, unopened));
+
   struct Case {
     const char* what;
     Fill chunk;
@@ -158,38 +125,29 @@ TEST(GammaSettings, ChunksChangeOnlyWhatTheyCarryAndStopAtTheFirstBrokenValue) {
     float input, output, screen;
   };
   const Bytes garbage = {'a', 'b', 'c'};
-  const Fill subChunks = Seq(Chunk(0x1234, Typed(9.0f)), Chunk(kGammaSettingsInputChunk, Typed(9.0f)));
   // clang-format off
   const Case cases[] = {
-      {"v0 written", Written(0), true, 0.5f, 0.6f, 0.7f},
-      {"v0 written disabled", Written(0, false), true, 1, 1, 1},
-      {"v1 written", Written(1), true, 0.5f, 0.6f, 0.7f},
-      {"v0 disabled, sub-chunks skipped", Chunk(kGammaSettingsChunkV0, Seq(V0(0, 0.5f, 0.6f, 0.7f), subChunks)), true, 1, 1, 1},
-      {"v0 double value", Chunk(kGammaSettingsChunkV0, Seq(Typed<unsigned char>(1), Typed(0.5))), false, 3, 4, 5},
-      {"v0 bytes after it", Chunk(kGammaSettingsChunkV0, Seq(V0(1, 0.5f, 0.6f, 0.7f), Raw(garbage))), false, 0.5f, 0.6f, 0.7f},
-      {"unknown chunk", Chunk(0xFEBE, V0(1, 0.5f, 0.6f, 0.7f)), false, 3, 4, 5},
-      {"v1 empty", Chunk(kGammaSettingsChunkV1, Seq()), true, 3, 4, 5},
-      {"v1 output only", Chunk(kGammaSettingsChunkV1, Chunk(kGammaSettingsOutputChunk, Typed(0.6f))), true, 3, 0.6f, 5},
-      {"v1 skipped parts", Chunk(kGammaSettingsChunkV1, Seq(subChunks, Chunk(kGammaSettingsScreenChunk, Seq(Typed(0.7f), Typed(9.0f))))), true, 9, 4, 0.7f},
-      {"v1 in another order", V1Around(Typed(0.7f)), true, 0.5f, 0.6f, 0.7f},
-      {"v1 double", V1Around(Typed(0.7)), false, 0.5f, 4, 5},
-      {"v1 short", V1Around(Typed<short>(1)), false, 0.5f, 4, 5},
-      {"v1 truncated float", V1Around(Raw({3, 0, 'a', 'b'})), false, 0.5f, 4, 5},
-      {"v1 empty value", V1Around(Seq()), false, 0.5f, 4, 5},
+      {"v0", Chunk(kGammaSettingsChunkV0, V0(1)), true, 0.5f, 0.6f, 0.7f},
+      {"v0 disabled, sub-chunks skipped", Chunk(kGammaSettingsChunkV0, V0(0), Chunk(0x1234, Values(8.0f)), Chunk(kGammaSettingsInputChunk, Values(9.0f))), true, 1, 1, 1},
+      {"v0 bytes after it", Chunk(kGammaSettingsChunkV0, V0(1), Raw(garbage)), false, 0.5f, 0.6f, 0.7f},
+      {"unknown chunk", Chunk(0xFEBE, V0(1)), false, 3, 4, 5},
+      {"v1", V1With(Values(0.6f)), true, 0.5f, 0.6f, 0.7f},
+      {"v1 out of order, unknown parts skipped", Chunk(kGammaSettingsChunkV1, Chunk(kGammaSettingsScreenChunk, Values(0.7f, 9.0f)), Chunk(kGammaSettingsInputChunk, Values(9.0f)), Chunk(0x1234, Values(8.0f))), true, 9, 4, 0.7f},
+      {"v1 truncated float", V1With(Raw({3, 0, 'a', 'b'})), false, 0.5f, 4, 5},
       {"v1 garbage", Chunk(kGammaSettingsChunkV1, Raw(garbage)), false, 3, 4, 5},
   };
   // clang-format on
-  EXPECT_EQ(Write(Written(0)), Write(Chunk(kGammaSettingsChunkV0, V0(1, 0.5f, 0.6f, 0.7f))));
-  EXPECT_EQ(Write(Written(1)),
-            Write(Chunk(kGammaSettingsChunkV1, Seq(Chunk(kGammaSettingsInputChunk, Typed(0.5f)),
-                                                   Chunk(kGammaSettingsOutputChunk, Typed(0.6f)),
-                                                   Chunk(kGammaSettingsScreenChunk, Typed(0.7f))))));
-  EXPECT_FALSE(Make(1, 1, 1).WriteV0(nullptr, true));
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    GammaSettings settings;
-    EXPECT_EQ(ReadBack(c.chunk, settings), c.ok);
-    ExpectGammas(settings, c.input, c.output, c.screen);
+    ExpectRead(c.chunk, c.ok, c.input, c.output, c.screen);
+  }
+  // A version 0 chunk cut short keeps the values read before the cut.
+  const Bytes data = Write(V0(1));
+  for (std::size_t cut = 0; cut < data.size(); ++cut) {
+    SCOPED_TRACE(cut);
+    const std::size_t floats = cut < 3 ? 0 : (cut - 3) / 6;  // a flag, then floats of 6 bytes each
+    ExpectRead(Chunk(kGammaSettingsChunkV0, Raw(Bytes(data.begin(), data.begin() + cut))), false,
+               floats > 0 ? 0.5f : 3.0f, floats > 1 ? 0.6f : 4.0f, floats > 2 ? 0.7f : 5.0f);
   }
 }
 
