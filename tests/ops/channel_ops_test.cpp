@@ -1,0 +1,401 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "imagery/channel_ops.h"
+#include "imagery/image_factory.h"
+
+namespace imagery {
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+const EImageType kFormats[] = {IT_RGB8,    IT_Grayscale8,   IT_RGBA8,       IT_RGBEA,
+                               IT_RGB16,   IT_RGBA16,       IT_Grayscale16, IT_RGB32f,
+                               IT_RGBA32f, IT_Grayscale32f, IT_RGEncoded,   IT_RGEncodedAlpha};
+// 1 x 1, a column, a row, padded rows, and one large enough to spread over several threads.
+const int kSizes[][2] = {{1, 1}, {1, 9}, {9, 1}, {5, 3}, {131, 67}};
+
+// Random stored values (floats in [-0.25, 1.75]); row padding stays zero.
+Image RandomImage(EImageType type, int width, int height, std::mt19937& rng) {
+  Image image(width, height, type,
+              IsGammaEncoded(type) ? GammaValue(type == IT_RGB16 ? 2.2f : -2.0f) : gamma::Linear);
+  PixelPlane& plane = image.GetImplRef().Plane();
+  std::uniform_int_distribution<int> byte(0, 255);
+  std::uniform_real_distribution<float> value(-0.25f, 1.75f);
+  for (int y = 0; y < height; ++y) {
+    unsigned char* p = plane.Row(y);
+    for (int i = 0; i < width * plane.BytesPerPixel(); i += IsFloat(type) ? 4 : 1) {
+      const float f = value(rng);
+      if (IsFloat(type))
+        std::memcpy(p + i, &f, 4);
+      else
+        p[i] = static_cast<unsigned char>(byte(rng));
+    }
+  }
+  return image;
+}
+
+Bytes PlaneBytes(const Image& image) {
+  const PixelPlane& plane = image.GetImplRef().Plane();
+  return Bytes(plane.Data(), plane.Data() + plane.ByteSize());
+}
+
+// Every pixel of `source` through `op(x, y)` into a deep copy, which keeps the bytes op does not write.
+template <class Op>
+Bytes Reference(const Image& source, Op op) {
+  std::unique_ptr<Image> copy(source.DeepCopy());
+  for (int y = 0; y < source.Height(); ++y)
+    for (int x = 0; x < source.Width(); ++x)
+      op(*copy, x, y);
+  return PlaneBytes(*copy);
+}
+
+TEST(ChannelOps, AlphaOperationsMatchPerPixelReferences) {
+  std::mt19937 rng(7);
+  for (EImageType type : kFormats)
+    for (const auto& size : kSizes) {
+      SCOPED_TRACE(::testing::Message() << "format " << type << ", " << size[0] << " x " << size[1]);
+      const Image original = RandomImage(type, size[0], size[1], rng);
+      const Bytes before = PlaneBytes(original);
+
+      std::unique_ptr<Image> copy(original.DeepCopy());
+      Image& discarded = *copy;
+      discarded.SetInvertedAlpha(true);
+      discarded.SetPtype(PT_Bump);
+      DiscardAlphaInformation(discarded, CheckInImageList(false), CAI_Care);
+      const int in = BytesPerPixel(type);
+      const int kept = type == IT_RGBEA ? 5 : (HasAlpha(type) ? in * 3 / 4 : in);
+      ASSERT_EQ(discarded.BytesPerPixel(), kept);
+      EXPECT_EQ(discarded.GetInvertedAlpha(), !HasAlpha(type) || type == IT_RGBEA);
+      EXPECT_EQ(discarded.GetPtype(), PT_Bump);
+      for (int y = 0; y < size[1]; ++y)
+        for (int x = 0; x < size[0]; ++x) {
+          const unsigned char* from = original.GetImplRef().Plane().PixelAddress(x, y);
+          const unsigned char* to = discarded.GetImplRef().Plane().PixelAddress(x, y);
+          ASSERT_TRUE(std::memcmp(from, to, static_cast<std::size_t>(type == IT_RGBEA ? 4 : kept)) == 0 &&
+                      (type != IT_RGBEA || to[4] == 255));
+        }
+
+      // Alpha as grey, with every combination of the invert option and the handle's flag.
+      for (int flags = 0; flags < 4; ++flags) {
+        Image alpha = original;
+        alpha.SetInvertedAlpha(flags & 1);
+        ASSERT_EQ(ExtractAlphaInformation(alpha, CheckInImageList(false), InvertGrayRange(flags & 2)),
+                  HasAlpha(type));
+        if (!HasAlpha(type)) {
+          EXPECT_EQ(alpha.GetImpl(), original.GetImpl());
+          continue;
+        }
+        ASSERT_EQ(alpha.ImageType(), IT_Grayscale8);
+        EXPECT_TRUE(alpha.GetGamma() == gamma::Linear && alpha.GetPtype() == PT_Alpha &&
+                    alpha.GetImplRef().IsWorkCopy() && !alpha.GetInvertedAlpha());
+        const bool inverted = (flags & 1) != (flags >> 1);
+        for (int y = 0; y < size[1]; ++y)
+          for (int x = 0; x < size[0]; ++x) {
+            float a = 0.0f;
+            original.GetPixelAlpha(x, y, a, ATO_None);
+            const float scaled = std::min(255.0f, std::max(0.0f, (inverted ? 1.0f - a : a) * 255.0f));
+            ASSERT_EQ(*alpha.GetImplRef().Plane().PixelAddress(x, y),
+                      static_cast<int>(std::floor(scaled + 0.5f)));
+          }
+      }
+
+      const Bytes inverted = Reference(original, [&](Image& ref, int x, int y) {
+        LinearRGBA_T<float> c;
+        original.GetPixelRGBA(x, y, c, ATO_None);
+        ref.SetPixelRGBA(x, y, LinearRGBA_T<float>(c, 1.0f - c.a), ATO_None);
+      });
+      for (ImplManagement m : {IM_NewImpl, IM_InPlace}) {
+        std::unique_ptr<Image> image(original.DeepCopy());
+        InvertAlpha(*image, m);
+        EXPECT_EQ(PlaneBytes(*image), HasAlpha(type) ? inverted : before);
+      }
+      EXPECT_EQ(PlaneBytes(original), before);
+    }
+}
+
+TEST(ChannelOps, DiscardAlphaFromCountedPixels) {
+  Bytes pixels = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+  Bytes packed(9);
+  DiscardAlphaInformation(3, pixels.data(), packed.data());
+  EXPECT_EQ(packed, (Bytes{1, 2, 3, 5, 6, 7, 9, 10, 11}));
+  DiscardAlphaInformation(3, pixels.data(), pixels.data());
+  EXPECT_EQ(Bytes(pixels.begin(), pixels.begin() + 9), packed);
+}
+
+TEST(ChannelOps, ColourOperationsMatchPerPixelReferences) {
+  std::mt19937 rng(11);
+  for (EImageType type : kFormats)
+    for (const auto& size : kSizes) {
+      SCOPED_TRACE(::testing::Message() << "format " << type << ", " << size[0] << " x " << size[1]);
+      const Image original = RandomImage(type, size[0], size[1], rng);
+      const Bytes before = PlaneBytes(original);
+      const int bpp = BytesPerPixel(type);
+
+      const Bytes inverted = Reference(original, [&](Image& ref, int x, int y) {
+        if (IsGrayscale(type)) {
+          float g = 0.0f;
+          original.GetPixelGrayscaleNoGammaConversion(x, y, g, ATO_None);
+          ref.SetPixelGrayscaleNoGammaConversion(x, y, 1.0f - g, ATO_None);
+        } else {
+          LinearRGBA_T<float> c;
+          original.GetPixelRGBANoGammaConversion(x, y, c, ATO_None);
+          ref.SetPixelRGBANoGammaConversion(
+              x, y, LinearRGBA_T<float>(1.0f - c.r, 1.0f - c.g, 1.0f - c.b, c.a), ATO_None);
+        }
+      });
+      for (ImplManagement m : {IM_NewImpl, IM_InPlace}) {
+        std::unique_ptr<Image> image(original.DeepCopy());
+        InvertColorNoGamma(*image, m);
+        ASSERT_EQ(PlaneBytes(*image), inverted);
+        // Integer codes v become max - v: every pixel byte (not the zero padding) sums to 255.
+        if (type == IT_RGB8 || type == IT_Grayscale8 || type == IT_RGB16) {
+          int complements = 0;
+          for (std::size_t i = 0; i < before.size(); ++i)
+            complements += before[i] + inverted[i] == 255;
+          EXPECT_EQ(complements, size[0] * size[1] * bpp);
+        }
+
+        image.reset(original.DeepCopy());
+        RGBToBGR(*image, m);
+        Bytes swapped = before;
+        if (type == IT_RGB8 || type == IT_RGBA8)
+          for (int y = 0; y < size[1]; ++y)
+            for (int x = 0; x < size[0]; ++x)
+              std::swap(swapped[y * image->BytesPerLine() + x * bpp],
+                        swapped[y * image->BytesPerLine() + x * bpp + 2]);
+        EXPECT_EQ(PlaneBytes(*image), swapped);
+      }
+
+      float largest = 0.0f;
+      for (int y = 0; y < size[1]; ++y)
+        for (int x = 0; x < size[0]; ++x) {
+          LinearRGB_T<float> c;
+          original.GetPixelRGBNoGammaConversion(x, y, c, ATO_None);
+          largest = std::max({largest, std::fabs(c.r - c.g), std::fabs(c.r - c.b)});
+        }
+      const bool greyType = type == IT_Grayscale8 || type == IT_Grayscale16 || type == IT_Grayscale32f;
+      for (float tolerance : {0.0f, largest, std::nextafter(largest, 2.0f), 3.0f})
+        EXPECT_EQ(IsGrayscale(original, tolerance), greyType || largest < tolerance) << tolerance;
+    }
+}
+
+TEST(ChannelOps, NewImplementationsLeaveOtherHandlesAlone) {
+  std::mt19937 rng(3);
+  for (ImplManagement m : {IM_NewImpl, IM_InPlace}) {
+    Image image = RandomImage(IT_RGBA8, 6, 4, rng);
+    image.SetTitle(ZELString(L"leaf"));
+    image.SetPtype(PT_NormalMap);
+    const Image other = image;
+    const Bytes before = PlaneBytes(other);
+    InvertAlpha(image, m);
+    RGBToBGR(image, m);
+    InvertColorNoGamma(image, m);
+    EXPECT_EQ(image.GetImpl() == other.GetImpl(), m == IM_InPlace);
+    EXPECT_EQ(PlaneBytes(other) == before, m == IM_NewImpl);
+    EXPECT_TRUE(image.Title() == ZELString(L"leaf") && image.GetPtype() == PT_NormalMap);
+  }
+  // Work in place on an empty handle never reaches the default implementation that every empty handle
+  // shares.
+  Image empty;
+  const Bytes shared = PlaneBytes(empty);
+  InvertColorNoGamma(empty, IM_InPlace);
+  drawLine(empty, {0.0f, 0.0f}, {1.0f, 1.0f}, {1.0f, 1.0f, 1.0f}, {1.0f, 1.0f, 1.0f});
+  EXPECT_EQ(PlaneBytes(Image()), shared);
+  EXPECT_NE(PlaneBytes(empty), shared);
+}
+
+TEST(RegionOps, ZeroAndClearWriteRowZeroAndCopyItDown) {
+  std::mt19937 rng(5);
+  const LinearRGBA_T<float> colour(0.25f, 0.5f, 0.75f, 0.5f);
+  for (EImageType type : kFormats)
+    for (bool clear : {false, true}) {
+      SCOPED_TRACE(::testing::Message() << "format " << type << (clear ? ", clear" : ", zero"));
+      const Image original = RandomImage(type, 7, 5, rng);
+      const int bpp = original.BytesPerPixel();
+      // Row 0 pixel by pixel (the RG-encoded formats keep two bytes of each), then copied down.
+      const Bytes expected = Reference(original, [&](Image& ref, int x, int y) {
+        PixelPlane& plane = ref.GetImplRef().Plane();
+        if (y > 0)
+          std::memcpy(plane.PixelAddress(x, y), plane.PixelAddress(x, 0), static_cast<std::size_t>(bpp));
+        else if (clear)
+          ref.SetPixelRGBA(x, 0, colour, ATO_None);
+        else
+          ref.SetPixelRGBANoGammaConversion(x, 0, LinearRGBA_T<float>(), ATO_None);
+      });
+      std::unique_ptr<Image> image(original.DeepCopy());
+      image->GetImplRef().ValidateMipMaps(true, true);
+      clear ? ClearImage(image->GetImplRef(), colour) : ZeroImage(image->GetImplRef());
+      EXPECT_EQ(PlaneBytes(*image), expected);
+      EXPECT_EQ(image->ValidMipMapsGamma() && image->ValidMipMapsNoGamma(), !clear);
+    }
+}
+
+// The frame of `source` at (left, top): old pixel bytes where they exist, zero bytes elsewhere.
+Bytes Reframed(const Image& source, int left, int top, int width, int height) {
+  Image expected(width, height, source.ImageType(), source.GetGamma());
+  const PixelPlane& from = source.GetImplRef().Plane();
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x)
+      if (x + left >= 0 && x + left < from.Width() && y + top >= 0 && y + top < from.Height())
+        std::memcpy(expected.GetImplRef().Plane().PixelAddress(x, y), from.PixelAddress(x + left, y + top),
+                    static_cast<std::size_t>(from.BytesPerPixel()));
+  return PlaneBytes(expected);
+}
+
+TEST(RegionOps, CropAndReframeKeepThePixelsInTheFrame) {
+  constexpr unsigned long kKeep = std::numeric_limits<unsigned long>::max();
+  struct Crop {
+    int width, height, x, y;
+    unsigned long sizeX, sizeY;
+    int left, top, keptWidth, keptHeight;  // kept width -1: nothing done
+  };
+  const Crop crops[] = {
+      {25, 25, 10, 10, 20, 20, 10, 10, 15, 15}, {25, 25, -5, -5, 100, 100, 0, 0, -1, -1},
+      {25, 25, 0, 0, 25, 25, 0, 0, -1, -1},     {25, 25, -3, 4, 10, 100, 0, 4, 7, 21},
+      {25, 25, 30, 2, 5, 5, 24, 2, 1, 5},       {25, 25, 5, 5, 0, 3, 5, 5, 0, 3},
+      {7, 5, -10, 1, 4, 2, 0, 1, 0, 2},         {25, 25, 0, 0, kKeep, 10, 0, 0, 25, 10},
+  };
+  std::mt19937 rng(9);
+  for (const Crop& c : crops) {
+    SCOPED_TRACE(::testing::Message() << "crop at " << c.x << ", " << c.y);
+    Image image = RandomImage(IT_RGBA16, c.width, c.height, rng);
+    const Image original = image;
+    CropImage(image, {c.x, c.y}, {c.sizeX, c.sizeY});
+    if (c.keptWidth < 0) {
+      EXPECT_EQ(image.GetImpl(), original.GetImpl());
+      continue;
+    }
+    ASSERT_EQ(image.GetImplRef().Width(), c.keptWidth);
+    ASSERT_EQ(image.GetImplRef().Height(), c.keptHeight);
+    EXPECT_EQ(PlaneBytes(image), Reframed(original, c.left, c.top, c.keptWidth, c.keptHeight));
+  }
+
+  for (EImageType type : kFormats)
+    for (const auto& size : kSizes) {
+      SCOPED_TRACE(::testing::Message() << "format " << type << ", " << size[0] << " x " << size[1]);
+      const Image original = RandomImage(type, size[0], size[1], rng);
+      const Bytes before = PlaneBytes(original);
+      std::uniform_int_distribution<int> x(-size[0], size[0]), y(-size[1], size[1]);
+      std::uniform_int_distribution<int> width(0, 2 * size[0]), height(0, 2 * size[1]);
+      for (int i = 0; i < 5; ++i) {
+        const glm::tvec2<int> origin(i == 0 ? -2 : x(rng), i == 0 ? 0 : y(rng));
+        const glm::tvec2<unsigned long> frame(i < 2 ? kKeep : width(rng), i < 2 ? kKeep : height(rng));
+        Image image = original;
+        ReframeImage(image, origin, frame);
+        const int w = frame.x == kKeep ? size[0] : static_cast<int>(frame.x);
+        const int h = frame.y == kKeep ? size[1] : static_cast<int>(frame.y);
+        ASSERT_EQ(image.GetImplRef().Width(), w);
+        ASSERT_EQ(image.GetImplRef().Height(), h);
+        ASSERT_EQ(PlaneBytes(image), Reframed(original, origin.x, origin.y, w, h));
+      }
+      EXPECT_EQ(PlaneBytes(original), before);
+      Image image = original;
+      ReframeImage(image, {0, 0}, {1ul << 40, 1});
+      EXPECT_EQ(image.GetImpl(), original.GetImpl());
+    }
+}
+
+TEST(RegionOps, NormalizeNormalMapRenormalisesEveryBand) {
+  std::mt19937 rng(13);
+  // One band; several with a shorter last one; one row per band.
+  const int sizes[][2] = {{1, 1}, {5, 3}, {300, 700}, {70001, 2}};
+  for (EImageType type : {IT_RGB8, IT_RGBA8, IT_RGB16})
+    for (const auto& size : sizes) {
+      SCOPED_TRACE(::testing::Message() << "format " << type << ", " << size[0] << " x " << size[1]);
+      Image image = RandomImage(type, size[0], size[1], rng);
+      Bytes expected = PlaneBytes(image);
+      image.GetImplRef().ValidateMipMaps(true, true);
+      NormalizeNormalMap<IT_RGB8>(image);
+      if (type != IT_RGB16)
+        for (int y = 0; y < size[1]; ++y)
+          for (int x = 0; x < size[0]; ++x) {
+            unsigned char* p = &expected[static_cast<std::size_t>(y) * image.BytesPerLine() +
+                                         static_cast<std::size_t>(x) * image.BytesPerPixel()];
+            const CLR n = NormalizeEncodedNormal(CLR(p[2], p[1], p[0]));
+            p[0] = n.Blue();
+            p[1] = n.Green();
+            p[2] = n.Red();
+          }
+      ASSERT_EQ(PlaneBytes(image), expected);
+      EXPECT_EQ(image.ValidMipMapsGamma(), type == IT_RGB16);
+    }
+  Image known(2, 1, IT_RGB8, gamma::Linear);
+  unsigned char* p = known.GetImplRef().Plane().Data();
+  p[3] = 128;  // blue, green, red: the normal (1, 0, 0)
+  p[4] = 128;
+  p[5] = 255;
+  NormalizeNormalMap<IT_RGB8>(known);
+  EXPECT_EQ(Bytes(p, p + 6), (Bytes{54, 54, 54, 128, 128, 255}));
+}
+
+// Bresenham's rule in closed form: at step i the minor coordinate has moved by i x minor / major rounded
+// to nearest, halves down.
+void ReferenceLine(Image& image, int x0, int y0, int x1, int y1, LinearRGB_T<float> from,
+                   LinearRGB_T<float> to) {
+  const bool xMajor = std::abs(y1 - y0) <= std::abs(x1 - x0);
+  if (xMajor ? x1 < x0 : y1 < y0) {
+    std::swap(x0, x1);
+    std::swap(y0, y1);
+  }
+  const int major = xMajor ? x1 - x0 : y1 - y0;
+  const int minor = xMajor ? y1 - y0 : x1 - x0;
+  for (int i = 0; i <= major; ++i) {
+    const long long moved = major == 0 ? 0 : (2LL * i * std::abs(minor) + major - 1) / (2LL * major);
+    const int offset = static_cast<int>(minor < 0 ? -moved : moved);
+    const float t = major == 0 ? 0.0f : static_cast<float>(i) / static_cast<float>(major);
+    const LinearRGB_T<float> c(t * to.r + (1.0f - t) * from.r, t * to.g + (1.0f - t) * from.g,
+                               t * to.b + (1.0f - t) * from.b);
+    image.SetPixelRGBA(xMajor ? x0 + i : x0 + offset, xMajor ? y0 + offset : y0 + i,
+                       LinearRGBA_T<float>(c, 1.0f), ATO_None);
+  }
+}
+
+TEST(RegionOps, DrawLineFollowsBresenhamWithAColourRamp) {
+  const LinearRGB_T<float> from(1.0f, 0.5f, 0.0f), to(0.0f, 0.25f, 1.0f);
+  struct Line {
+    float fromX, fromY, toX, toY;
+    int x0, y0, x1, y1;  // after clipping, truncation and clamping
+  };
+  // Reversed (the ramp starts at x = 0), clipped, truncated, a point, x- and y-major with a falling
+  // minor coordinate, and wholly outside (clamped onto the border).
+  const Line lines[] = {
+      {10, 0, 0, 0, 10, 0, 0, 0}, {-10, 5, 50, 5, 0, 5, 19, 5},
+      {5, -3, 5, 30, 5, 0, 5, 9}, {2.7f, 1.2f, 17.9f, 8.6f, 2, 1, 17, 8},
+      {3, 3, 3, 3, 3, 3, 3, 3},   {0, 9, 19, 0, 0, 9, 19, 0},
+      {4, 0, 1, 9, 4, 0, 1, 9},   {30, 2, 40, 8, 19, 2, 19, 8},
+  };
+  std::mt19937 rng(17);
+  for (const Line& line : lines) {
+    SCOPED_TRACE(::testing::Message() << "line from " << line.fromX << ", " << line.fromY);
+    Image image = RandomImage(IT_RGB8, 20, 10, rng);
+    std::unique_ptr<Image> expected(image.DeepCopy());
+    image.GetImplRef().ValidateMipMaps(true, true);
+    drawLine(image, {line.fromX, line.fromY}, {line.toX, line.toY}, from, to);
+    ReferenceLine(*expected, line.x0, line.y0, line.x1, line.y1, from, to);
+    EXPECT_EQ(PlaneBytes(image), PlaneBytes(*expected));
+    EXPECT_FALSE(image.ValidMipMapsGamma() || image.ValidMipMapsNoGamma());
+  }
+
+  for (EImageType type : kFormats)
+    for (int i = 0; i < 12; ++i) {
+      Image image = RandomImage(type, 23, 17, rng);
+      std::unique_ptr<Image> expected(image.DeepCopy());
+      std::uniform_int_distribution<int> x(0, 22), y(0, 16);
+      const int x0 = x(rng), y0 = y(rng), x1 = x(rng), y1 = y(rng);
+      drawLine(image, {static_cast<float>(x0), static_cast<float>(y0)},
+               {static_cast<float>(x1), static_cast<float>(y1)}, from, to);
+      ReferenceLine(*expected, x0, y0, x1, y1, from, to);
+      ASSERT_EQ(PlaneBytes(image), PlaneBytes(*expected))
+          << type << ": " << x0 << "," << y0 << " " << x1 << "," << y1;
+    }
+}
+
+}  // namespace
+}  // namespace imagery
