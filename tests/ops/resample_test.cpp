@@ -1,0 +1,493 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "imagery/channel_ops.h"
+#include "imagery/image_factory.h"
+#include "imagery/resample.h"
+
+namespace imagery {
+namespace {
+
+using Channels4 = std::array<float, 4>;
+
+bool WithAlpha(EImageType type) {
+  return type == IT_RGBA8 || type == IT_RGBEA || type == IT_RGBA16 || type == IT_RGBA32f;
+}
+
+Channels4 Read(const Image& image, long x, long y, bool alpha) {
+  if (alpha) {
+    LinearRGBA_T<float> c;
+    image.GetPixelRGBA(static_cast<int>(x), static_cast<int>(y), c, ATO_None);
+    return {c.r, c.g, c.b, c.a};
+  }
+  LinearRGB_T<float> c;
+  image.GetPixelRGB(static_cast<int>(x), static_cast<int>(y), c, ATO_None);
+  return {c.r, c.g, c.b, 0.0f};
+}
+
+void Write(Image& image, long x, long y, const Channels4& c, bool alpha) {
+  if (alpha) {
+    image.SetPixelRGBA(static_cast<int>(x), static_cast<int>(y), {c[0], c[1], c[2], c[3]}, ATO_None);
+  } else {
+    image.SetPixelRGB(static_cast<int>(x), static_cast<int>(y), {c[0], c[1], c[2]}, ATO_None);
+  }
+}
+
+// One pass the plain way: every destination pixel on its own, every source pixel read through the
+// handle, in the arithmetic of the definition.
+std::unique_ptr<Image> ReferencePass(const Image& source, int width, int height, bool keepAspect,
+                                     bool white) {
+  auto result = std::make_unique<Image>(width, height, source.ImageType(), source.GetGamma());
+  const long w = source.GetImplRef().Width();
+  const long h = source.GetImplRef().Height();
+  const bool alpha = !(source.ImageType() < IT_UNDEFINED) || WithAlpha(source.ImageType());
+  float sx = static_cast<float>(w) / static_cast<float>(width);
+  float sy = static_cast<float>(h) / static_cast<float>(height);
+  long bx = 0, by = 0, ex = width, ey = height;
+  if (keepAspect) {
+    sx = sy = std::max(sx, sy);
+    bx = std::clamp<long>(static_cast<int>((static_cast<float>(width) - static_cast<float>(w) / sx) * 0.5f),
+                          0, width);
+    by = std::clamp<long>(static_cast<int>((static_cast<float>(height) - static_cast<float>(h) / sy) * 0.5f),
+                          0, height);
+    ex = std::clamp<long>(width - bx, 0, width);
+    ey = std::clamp<long>(height - by, 0, height);
+  }
+  const float m = white ? DecodeChannel8(255, gamma::sRGB) : 0.0f;
+  const Channels4 margin{m, m, m, 1.0f};
+  const bool up = width >= w && height >= h;
+  for (long y = 0; y < height; ++y) {
+    for (long x = 0; x < width; ++x) {
+      Channels4 out{};
+      if (x < bx || x >= ex || y < by || y >= ey) {
+        out = margin;
+      } else if (up) {
+        const float u = (static_cast<float>(x - bx) + 0.5f) * sx - 0.5f;
+        const float v = (static_cast<float>(y - by) + 0.5f) * sy - 0.5f;
+        const long x0 = static_cast<long>(std::floor(u));
+        const long y0 = static_cast<long>(std::floor(v));
+        const float fx = u - static_cast<float>(x0);
+        const float fy = v - static_cast<float>(y0);
+        const auto cx = [w](long i) { return std::clamp<long>(i, 0, w - 1); };
+        const auto cy = [h](long i) { return std::clamp<long>(i, 0, h - 1); };
+        const Channels4 c00 = Read(source, cx(x0), cy(y0), alpha);
+        const Channels4 c10 = Read(source, cx(x0 + 1), cy(y0), alpha);
+        const Channels4 c01 = Read(source, cx(x0), cy(y0 + 1), alpha);
+        const Channels4 c11 = Read(source, cx(x0 + 1), cy(y0 + 1), alpha);
+        for (int i = 0; i < 4; ++i)
+          out[i] =
+              (1.0f - fy) * ((1.0f - fx) * c00[i] + fx * c10[i]) + fy * ((1.0f - fx) * c01[i] + fx * c11[i]);
+      } else {
+        const float x0 = static_cast<float>(x - bx) * sx;
+        const float y0 = static_cast<float>(y - by) * sy;
+        const float x1 = std::clamp(x0 + sx, 0.0f, static_cast<float>(w));
+        const float y1 = std::clamp(y0 + sy, 0.0f, static_cast<float>(h));
+        Channels4 sum{};
+        float total = 0.0f;
+        for (float ry = std::clamp(y0, 0.0f, static_cast<float>(h)); ry < y1;) {
+          const float nextY = std::min(std::floor(ry) + 1.0f, y1);
+          for (float rx = std::clamp(x0, 0.0f, static_cast<float>(w)); rx < x1;) {
+            const float nextX = std::min(std::floor(rx) + 1.0f, x1);
+            const float weight = (nextX - rx) * (nextY - ry);
+            const Channels4 c =
+                Read(source, static_cast<long>(std::floor(rx)), static_cast<long>(std::floor(ry)), alpha);
+            for (int i = 0; i < 4; ++i)
+              sum[i] += weight * c[i];
+            total += weight;
+            rx = nextX;
+          }
+          ry = nextY;
+        }
+        if (total > 0.0f) {
+          for (int i = 0; i < 4; ++i)
+            out[i] = sum[i] / total;
+        }
+      }
+      Write(*result, x, y, out, alpha);
+    }
+  }
+  return result;
+}
+
+// What Resample should give: one pass, or width then height when one axis grows and the other shrinks.
+std::unique_ptr<Image> Reference(const Image& source, int width, int height, bool keepAspect, bool white) {
+  const int w = source.Width(), h = source.Height();
+  if (!keepAspect && width != w && height != h && (h < height) == (width <= w)) {
+    const std::unique_ptr<Image> first = ReferencePass(source, width, h, false, white);
+    return ReferencePass(*first, width, height, false, white);
+  }
+  return ReferencePass(source, width, height, keepAspect, white);
+}
+
+Image RandomImage(int width, int height, EImageType type, GammaValue gamma, unsigned seed) {
+  Image image(width, height, type, gamma);
+  std::mt19937 random(seed);
+  std::uniform_real_distribution<float> value(-0.05f, 1.1f);
+  std::uniform_real_distribution<float> alpha(0.0f, 1.0f);
+  PixelPlane& plane = image.GetImplRef().Plane();
+  for (int y = 0; y < height; ++y) {
+    PixelAccessNoGamma cursor(plane, 0, y);
+    for (int x = 0; x < width; ++x, cursor.Next())
+      cursor.SetPixelRGBA({value(random), value(random), value(random)}, alpha(random));
+  }
+  return image;
+}
+
+// Pixel bytes (not the row padding) equal, with the first difference reported.
+::testing::AssertionResult SamePixels(const Image& actual, const Image& expected) {
+  const PixelPlane& a = actual.GetImplRef().Plane();
+  const PixelPlane& e = expected.GetImplRef().Plane();
+  if (a.Width() != e.Width() || a.Height() != e.Height() || a.Type() != e.Type() || a.Gamma() != e.Gamma())
+    return ::testing::AssertionFailure() << "size or format differs: " << a.Width() << "x" << a.Height()
+                                         << " against " << e.Width() << "x" << e.Height();
+  const int bpp = a.BytesPerPixel();
+  for (int y = 0; y < a.Height(); ++y) {
+    for (int x = 0; x < a.Width(); ++x) {
+      if (std::memcmp(a.PixelAddress(x, y), e.PixelAddress(x, y), static_cast<std::size_t>(bpp)) != 0)
+        return ::testing::AssertionFailure() << "pixel (" << x << ", " << y << ") differs";
+    }
+  }
+  return ::testing::AssertionSuccess();
+}
+
+struct Format {
+  EImageType type;
+  GammaValue gamma;
+};
+const Format kFormats[] = {
+    {IT_RGB8, gamma::sRGB},
+    {IT_RGB8, GammaValue(2.2f)},
+    {IT_Grayscale8, gamma::sRGB},
+    {IT_RGBA8, gamma::sRGB},
+    {IT_RGBEA, gamma::Linear},
+    {IT_RGB16, GammaValue(1.8f)},
+    {IT_RGBA16, gamma::sRGB},
+    {IT_Grayscale16, gamma::Linear},
+    {IT_RGB32f, gamma::Linear},
+    {IT_RGBA32f, gamma::Linear},
+    {IT_Grayscale32f, gamma::Linear},
+    {IT_RGEncoded, gamma::Linear},
+    {IT_RGEncodedAlpha, gamma::Linear},
+};
+
+TEST(Resample, MatchesThePlainComputationOnEveryFormat) {
+  struct Case {
+    int w, h, targetW, targetH;
+    bool keep, white;
+  };
+  const Case cases[] = {
+      {1, 1, 3, 2, false, false},
+      {5, 3, 2, 2, false, false},
+      {7, 1, 3, 1, false, true},
+      {1, 7, 1, 3, false, false},
+      {3, 5, 7, 9, false, false},
+      {9, 4, 4, 4, true, false},
+      {3, 2, 11, 5, true, true},
+      {6, 9, 10, 4, true, false},
+      {5, 2, 3, 7, false, false},
+      // Above the sequential limit: rows run on the pool (source, destination, then both passes).
+      {61, 47, 23, 19, false, false},
+      {23, 19, 61, 47, true, true},
+      {45, 40, 40, 45, false, false},
+  };
+  unsigned seed = 1;
+  for (const Format& format : kFormats) {
+    for (const Case& c : cases) {
+      SCOPED_TRACE(::testing::Message()
+                   << "format " << int(format.type) << " gamma " << format.gamma.Value() << ", " << c.w << "x"
+                   << c.h << " -> " << c.targetW << "x" << c.targetH << (c.keep ? " keeping aspect" : "")
+                   << (c.white ? " white" : ""));
+      Image image = RandomImage(c.w, c.h, format.type, format.gamma, seed++);
+      const std::unique_ptr<Image> expected = Reference(image, c.targetW, c.targetH, c.keep, c.white);
+      ResampleOpts options;
+      options.keepAspectRatio = c.keep;
+      options.whiteMargin = c.white;
+      Resample(image, c.targetW, c.targetH, options);
+      EXPECT_TRUE(SamePixels(image, *expected));
+    }
+  }
+}
+
+TEST(Resample, TextbookCases) {
+  const auto at = [](const Image& image, int x, int y) { return Read(image, x, y, true); };
+  // 4 x 4 to 2 x 2: plain means of 2 x 2 blocks, each weight 1.
+  Image blocks = RandomImage(4, 4, IT_RGBA32f, gamma::Linear, 7);
+  const Image blocksBefore = *std::unique_ptr<Image>(blocks.DeepCopy());
+  Resample(blocks, 2, 2, ResampleOpts());
+  for (int y = 0; y < 2; ++y) {
+    for (int x = 0; x < 2; ++x) {
+      const Channels4 a = at(blocksBefore, 2 * x, 2 * y), b = at(blocksBefore, 2 * x + 1, 2 * y);
+      const Channels4 c = at(blocksBefore, 2 * x, 2 * y + 1), d = at(blocksBefore, 2 * x + 1, 2 * y + 1);
+      for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(at(blocks, x, y)[i], (((a[i] + b[i]) + c[i]) + d[i]) / 4.0f);
+    }
+  }
+  // 3 x 1 to 2 x 1: weights 1 and 0.5, then 0.5 and 1.
+  Image row = RandomImage(3, 1, IT_RGBA32f, gamma::Linear, 8);
+  const Channels4 p0 = at(row, 0, 0), p1 = at(row, 1, 0), p2 = at(row, 2, 0);
+  Resample(row, 2, 1, ResampleOpts());
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(at(row, 0, 0)[i], (p0[i] + 0.5f * p1[i]) / 1.5f);
+    EXPECT_EQ(at(row, 1, 0)[i], (0.5f * p1[i] + p2[i]) / 1.5f);
+  }
+  // 2 x 2 to 4 x 4: corners keep the source corners (clamped addressing); inner pixels blend.
+  Image small = RandomImage(2, 2, IT_RGBA8, gamma::sRGB, 9);
+  const Image smallBefore = *std::unique_ptr<Image>(small.DeepCopy());
+  Resample(small, 4, 4, ResampleOpts());
+  const PixelPlane& grown = small.GetImplRef().Plane();
+  const PixelPlane& corners = smallBefore.GetImplRef().Plane();
+  EXPECT_EQ(std::memcmp(grown.PixelAddress(0, 0), corners.PixelAddress(0, 0), 4), 0);
+  EXPECT_EQ(std::memcmp(grown.PixelAddress(3, 0), corners.PixelAddress(1, 0), 4), 0);
+  EXPECT_EQ(std::memcmp(grown.PixelAddress(0, 3), corners.PixelAddress(0, 1), 4), 0);
+  EXPECT_EQ(std::memcmp(grown.PixelAddress(3, 3), corners.PixelAddress(1, 1), 4), 0);
+  Image floats = RandomImage(2, 2, IT_RGB32f, gamma::Linear, 10);
+  const Channels4 c00 = at(floats, 0, 0), c10 = at(floats, 1, 0), c01 = at(floats, 0, 1),
+                  c11 = at(floats, 1, 1);
+  Resample(floats, 4, 4, ResampleOpts());
+  // Pixel (1, 1) samples (0.25, 0.25) past the first centre.
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(at(floats, 1, 1)[i],
+              0.75f * (0.75f * c00[i] + 0.25f * c10[i]) + 0.25f * (0.75f * c01[i] + 0.25f * c11[i]));
+}
+
+TEST(Resample, KeepingTheAspectRatioLeavesCentredMargins) {
+  for (bool white : {false, true}) {
+    for (EImageType type : {IT_RGB8, IT_RGBA8}) {
+      Image image = RandomImage(200, 100, type, gamma::sRGB, 11);
+      const std::unique_ptr<Image> expected = Reference(image, 100, 100, true, white);
+      ResampleOpts options;
+      options.keepAspectRatio = true;
+      options.whiteMargin = white;
+      Resample(image, 100, 100, options);
+      EXPECT_TRUE(SamePixels(image, *expected));
+      const PixelPlane& plane = image.GetImplRef().Plane();
+      const unsigned char marginByte = white ? 255 : 0;
+      for (int y = 0; y < 100; ++y) {
+        const bool content = y >= 25 && y < 75;
+        int marginPixels = 0;
+        for (int x = 0; x < 100; ++x) {
+          const unsigned char* p = plane.PixelAddress(x, y);
+          const bool isMargin = p[0] == marginByte && p[1] == marginByte && p[2] == marginByte &&
+                                (type == IT_RGB8 || p[3] == 255);
+          marginPixels += isMargin ? 1 : 0;
+        }
+        if (content) {
+          EXPECT_LT(marginPixels, 100) << "row " << y;
+        } else {
+          EXPECT_EQ(marginPixels, 100) << "row " << y;
+        }
+      }
+    }
+  }
+}
+
+TEST(Resample, CrossedSizesTakeTwoPassesAndShareTheProgress) {
+  for (bool useProgress : {false, true}) {
+    Image image = RandomImage(100, 50, IT_RGBA16, gamma::sRGB, 12);
+    const std::unique_ptr<Image> width = ReferencePass(image, 50, 50, false, false);
+    const std::unique_ptr<Image> expected = ReferencePass(*width, 50, 100, false, false);
+    KORProgress progress;
+    ResampleOpts options;
+    options.useProgress = useProgress;
+    options.progress = &progress;
+    Resample(image, 50, 100, options);
+    EXPECT_TRUE(SamePixels(image, *expected));
+    // Each pass is a sub-step, completed when it ends whether or not it reported into it.
+    EXPECT_FLOAT_EQ(progress.GetValue(), 1.0f);
+  }
+}
+
+TEST(Resample, ProgressIsReportedOnlyWhenAsked) {
+  for (int size : {20, 60}) {  // sequential rows, then rows on the pool
+    for (bool useProgress : {false, true}) {
+      Image image = RandomImage(size, size, IT_RGB8, gamma::sRGB, 13);
+      KORProgress progress;
+      ResampleOpts options;
+      options.useProgress = useProgress;
+      options.progress = &progress;
+      Resample(image, size / 2, size / 2, options);
+      if (!useProgress) {
+        EXPECT_EQ(progress.GetValue(), 0.0f);
+      } else if (size / 2 * (size / 2) <= 1599 && size * size <= 1599) {
+        EXPECT_FLOAT_EQ(progress.GetValue(), 1.0f);
+      } else {
+        // The pool's loop counts one step more than there are rows.
+        EXPECT_GT(progress.GetValue(), 0.9f);
+      }
+    }
+  }
+}
+
+TEST(Resample, WhereTheNewPixelsGo) {
+  const ZELPath path(ZELString::FromUTF8("/nowhere/picture.png"));
+  // A new implementation: other handles keep the old pixels; the picture's properties come along.
+  {
+    Image image = RandomImage(9, 7, IT_RGB8, gamma::sRGB, 14);
+    image.SetTitle(ZELString::FromUTF8("title"));
+    image.SetFilePath(path);
+    const Image other = image;
+    const std::unique_ptr<Image> before(image.DeepCopy());
+    Resample(image, 4, 3, ResampleOpts());
+    EXPECT_NE(image.GetImpl(), other.GetImpl());
+    EXPECT_EQ(image.Width(), 4);
+    EXPECT_EQ(image.Title(), ZELString::FromUTF8("title"));
+    EXPECT_EQ(image.FileName(), ZELString::FromUTF8("/nowhere/picture.png"));
+    EXPECT_FALSE(image.GetImplRef().HasDownSamplingBackup());
+    EXPECT_TRUE(SamePixels(other, *before));
+  }
+  // In place: every handle sees the new pixels; the old ones become the down-sampling backup.
+  {
+    Image image = RandomImage(9, 7, IT_RGBA8, gamma::sRGB, 15);
+    image.GetImplRef().AllocateMipMapGamma();
+    const Image other = image;
+    const std::unique_ptr<Image> before(image.DeepCopy());
+    const std::unique_ptr<Image> expected = Reference(image, 4, 3, false, false);
+    ResampleOpts options;
+    options.implManagement = IM_InPlace;
+    Resample(image, 4, 3, options);
+    EXPECT_EQ(image.GetImpl(), other.GetImpl());
+    EXPECT_TRUE(SamePixels(other, *expected));
+    EXPECT_FALSE(image.ValidMipMapsGamma());
+    const PixelPlane* backup = image.GetImplRef().DownSamplingBackup();
+    ASSERT_NE(backup, nullptr);
+    EXPECT_EQ(backup->Width(), 9);
+    EXPECT_EQ(std::memcmp(backup->Data(), before->GetImplRef().Plane().Data(), backup->ByteSize()), 0);
+    // A second reduction keeps the first backup.
+    Resample(image, 2, 2, options);
+    EXPECT_EQ(image.GetImplRef().DownSamplingBackup()->Width(), 9);
+    EXPECT_EQ(image.GetImplRef().DownSamplingRate(), 5);
+  }
+  // The same size: nothing at all, not even a backup.
+  {
+    Image image = RandomImage(5, 5, IT_RGB8, gamma::sRGB, 16);
+    ImageImpl* impl = image.GetImpl();
+    const std::unique_ptr<Image> before(image.DeepCopy());
+    ResampleOpts options;
+    options.implManagement = IM_InPlace;
+    Resample(image, 5, 5, options);
+    EXPECT_EQ(image.GetImpl(), impl);
+    EXPECT_FALSE(impl->HasDownSamplingBackup());
+    EXPECT_TRUE(SamePixels(image, *before));
+  }
+  // The shared default implementation is never resized.
+  {
+    Image empty;
+    ResampleOpts options;
+    options.implManagement = IM_InPlace;
+    Resample(empty, 3, 3, options);
+    EXPECT_EQ(empty.Width(), 3);
+    EXPECT_FALSE(empty.IsEmpty());
+    EXPECT_EQ(Image().Width(), 1);
+    EXPECT_EQ(Image().Height(), 1);
+  }
+}
+
+// Says yes a given number of times, then no, from any thread.
+class CountdownInterruptor : public ZELInterruptor {
+ public:
+  explicit CountdownInterruptor(int yes) : remaining_(yes) {}
+  bool DoShouldContinue() const override { return remaining_.fetch_sub(1) > 0; }
+
+ private:
+  mutable std::atomic<int> remaining_;
+};
+
+TEST(Resample, AnInterruptedResamplingLeavesTheImageAsItWas) {
+  struct Case {
+    int w, h, targetW, targetH, yes;
+  };
+  // Small and large images, reductions, enlargements and crossed sizes, stopped at once or later.
+  const Case cases[] = {{9, 7, 4, 3, 0},    {9, 7, 4, 3, 3},    {60, 50, 20, 20, 5}, {20, 20, 70, 60, 5},
+                        {12, 10, 6, 20, 0}, {12, 10, 6, 20, 4}, {80, 40, 40, 80, 2}};
+  for (const Case& c : cases) {
+    for (ImplManagement management : {IM_NewImpl, IM_InPlace}) {
+      SCOPED_TRACE(::testing::Message() << c.w << "x" << c.h << " -> " << c.targetW << "x" << c.targetH
+                                        << " after " << c.yes << ", management " << int(management));
+      Image image = RandomImage(c.w, c.h, IT_RGBA8, gamma::sRGB, 17);
+      ImageImpl* impl = image.GetImpl();
+      const std::unique_ptr<Image> before(image.DeepCopy());
+      CountdownInterruptor interruptor(c.yes);
+      ResampleOpts options;
+      options.implManagement = management;
+      options.interruptor = &interruptor;
+      Resample(image, c.targetW, c.targetH, options);
+      EXPECT_EQ(image.GetImpl(), impl);
+      EXPECT_FALSE(impl->HasDownSamplingBackup());
+      EXPECT_TRUE(SamePixels(image, *before));
+    }
+  }
+}
+
+TEST(Resample, EngineOnRuntimeAdapters) {
+  tools::ThreadStateDispatcher dispatcher;
+  ZELNullInterruptor never;
+  KORProgress progress;
+  tools::InterruptorAndProgress control{never, progress};
+  const LinearRGBA_T<float> empty(0.0f, 0.0f, 0.0f, 0.0f);
+  const LinearRGBA_T<float> margin(0.0f, 0.0f, 0.0f, 1.0f);
+  // The adapters with a switch per pixel give what Resample gives through its typed ones, sequential
+  // or on the pool.
+  for (bool parallel : {false, true}) {
+    const Image source = RandomImage(47, 41, IT_RGBA16, GammaValue(2.2f), 18);
+    Image target(30, 52, IT_RGBA16, GammaValue(2.2f));
+    ResamplingHelpers::Rgba to(target);
+    tools::resample<LinearRGBA_T<float>>(ResamplingHelpers::Rgba(source), to, tools::ResampleSize(30, 52),
+                                         empty, margin, dispatcher, control, true, parallel);
+    Image expected = source;
+    ResampleOpts options;
+    options.keepAspectRatio = true;
+    Resample(expected, 30, 52, options);
+    EXPECT_TRUE(SamePixels(target, expected));
+  }
+  // A source without pixels fills the destination with the empty colour; equal sizes copy; a target
+  // with a zero dimension or of another size than the destination's is left alone.
+  Image filled = RandomImage(3, 2, IT_RGBA8, gamma::sRGB, 19);
+  const std::unique_ptr<Image> original(filled.DeepCopy());
+  ResamplingHelpers::Rgba into(filled);
+  const Image nothing(0, 4, IT_RGBA8, gamma::sRGB);
+  tools::resample<LinearRGBA_T<float>>(ResamplingHelpers::Rgba(nothing), into, tools::ResampleSize(3, 0),
+                                       empty, margin, dispatcher, control, false, false);
+  tools::resample<LinearRGBA_T<float>>(ResamplingHelpers::Rgba(nothing), into, tools::ResampleSize(4, 2),
+                                       empty, margin, dispatcher, control, false, false);
+  EXPECT_TRUE(SamePixels(filled, *original));
+  tools::resample<LinearRGBA_T<float>>(ResamplingHelpers::Rgba(nothing), into, tools::ResampleSize(3, 2),
+                                       empty, margin, dispatcher, control, false, false);
+  EXPECT_TRUE(SamePixels(filled, Image(3, 2, IT_RGBA8, gamma::sRGB)));
+  tools::resample<LinearRGBA_T<float>>(ResamplingHelpers::Rgba(*original), into, tools::ResampleSize(3, 2),
+                                       empty, margin, dispatcher, control, false, false);
+  EXPECT_TRUE(SamePixels(filled, *original));
+}
+
+TEST(Resample, BorderAddressing) {
+  // Positions -4 .. 7 on an axis of 3 pixels.
+  const long long wrap[] = {2, 0, 1, 2, 0, 1, 2, 0, 1, 2, 0, 1};
+  const long long mirror[] = {2, 2, 1, 0, 0, 1, 2, 2, 1, 0, 0, 1};
+  const long long clamp[] = {0, 0, 0, 0, 0, 1, 2, 2, 2, 2, 2, 2};
+  for (long long p = -4; p <= 7; ++p) {
+    EXPECT_EQ(interp2D::AddressBorder(interp2D::BA_Wrap, p, 3), wrap[p + 4]) << p;
+    EXPECT_EQ(interp2D::AddressBorder(interp2D::BA_Mirror, p, 3), mirror[p + 4]) << p;
+    EXPECT_EQ(interp2D::AddressBorder(interp2D::BA_Clamp, p, 3), clamp[p + 4]) << p;
+    EXPECT_EQ(interp2D::AddressBorder(interp2D::BA_ClampToEdge, p, 3), clamp[p + 4]) << p;
+  }
+  // Interpolating at a pixel centre gives that pixel; wrapping blends the last column with the first.
+  const Image map = RandomImage(3, 2, IT_RGB32f, gamma::Linear, 20);
+  const ResamplingHelpers::Rgb adapter(map);
+  const LinearRGB_T<float> centre = interp2D::InterpolateMap<1>(adapter, 1.5f, 0.5f, 3, 3);
+  EXPECT_EQ(centre, adapter.get({1, 0}));
+  const LinearRGB_T<float> seam = interp2D::InterpolateMap<1>(adapter, 3.0f, 0.5f, interp2D::BA_Wrap, 3);
+  const LinearRGB_T<float> top[] = {adapter.get({2, 0}), adapter.get({0, 0})};
+  const LinearRGB_T<float> bottom[] = {adapter.get({2, 1}), adapter.get({0, 1})};
+  EXPECT_EQ(seam.g,
+            1.0f * (0.5f * top[0].g + 0.5f * top[1].g) + 0.0f * (0.5f * bottom[0].g + 0.5f * bottom[1].g));
+}
+
+}  // namespace
+}  // namespace imagery
