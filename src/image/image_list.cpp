@@ -1,15 +1,59 @@
 #include "imagery/image_list.h"
 
+#include <array>
+
 #include <algorithm>
 #include <atomic>
 #include <memory>
 
+#include "imagery/channel_ops.h"
+#include "imagery/conversions.h"
 #include "imagery/image.h"
 #include "imagery/image_factory.h"
+#include "imagery/resample.h"
+#include "imagery_host/logger.h"
 
 namespace imagery {
 
 namespace {
+
+// Formats that may stand in for a requested one, best first.
+const std::vector<EImageType>& FallbackTypes(EImageType requested) {
+  static const std::array<std::vector<EImageType>, 12> kFallbacks = {{
+      {IT_RGBA8, IT_RGBEA, IT_RGB16, IT_RGBA16, IT_RGB32f, IT_RGBA32f},
+      {IT_Grayscale16, IT_RGEncoded, IT_RGEncodedAlpha, IT_Grayscale32f, IT_RGB8, IT_RGBA8, IT_RGBEA,
+       IT_RGB16, IT_RGBA16, IT_RGB32f, IT_RGBA32f},
+      {IT_RGBEA, IT_RGBA16, IT_RGBA32f, IT_RGB8, IT_RGB16, IT_RGB32f},
+      {IT_RGBA16, IT_RGBA32f, IT_RGB16, IT_RGB32f},
+      {IT_RGBA16, IT_RGB32f, IT_RGBA32f, IT_RGBEA},
+      {IT_RGBA32f, IT_RGBEA, IT_RGB16, IT_RGB32f},
+      {IT_RGEncoded, IT_RGEncodedAlpha, IT_Grayscale32f, IT_RGB16, IT_RGBA16, IT_RGB32f, IT_RGBA32f,
+       IT_RGBEA},
+      {IT_RGBA32f},
+      {IT_RGB32f},
+      {IT_RGB32f, IT_RGBA32f},
+      {IT_RGEncodedAlpha, IT_Grayscale32f, IT_RGB16, IT_RGBA16, IT_RGB32f, IT_RGBA32f, IT_RGBEA},
+      {IT_RGEncoded, IT_Grayscale32f, IT_RGB16, IT_RGBA16, IT_RGB32f, IT_RGBA32f, IT_RGBEA},
+  }};
+  return kFallbacks[requested];
+}
+
+bool StandsFor(const ImageImpl& impl, const ZELPath& path) {
+  if (impl.FilePath() == path)
+    return true;
+  for (const ZELPath& location : impl.OriginalLocations()) {
+    if (location == path)
+      return true;
+  }
+  return false;
+}
+
+ReadOptions ReloadOptions() {
+  ReadOptions options;
+  options.isReload = true;
+  options.bypassReaderCache = true;
+  return options;
+}
 
 // References taken on implementations the list only points to, released together.
 class HeldImpls {
@@ -116,24 +160,6 @@ void ImageList::ForceFlushCache() {
   count_.store(0, std::memory_order_relaxed);
 }
 
-bool ImageList::DoUpdate(ImageImpl* impl) {
-  std::unique_ptr<Image> fresh(impl->GetFactory()->Build());
-  if (impl->FilePath().empty())
-    return false;
-  ReadOptions options;
-  options.isReload = true;
-  options.bypassReaderCache = true;
-  int extra = 0;
-  if (fresh->ReadFromSource(impl->FilePath(), impl->ImageType(), extra, options).IsBad())
-    return false;
-  fresh->SetPtype(impl->GetPtype());
-  fresh->SetGamma(impl->GetGamma());
-  if (fresh->GetImpl() == impl)
-    return false;
-  impl->NextImpl(fresh->GetImpl());
-  return true;
-}
-
 bool ImageList::Update(ImageImpl* impl, zellib::TaggedValue<bool, ForceReloadOnUpdateTag> force) {
   Lock lock(mutex_);
   if (!NeedUpdate(impl, force))
@@ -186,6 +212,130 @@ bool ImageList::NextImplNoLoop(ImageImpl* impl, boost::scoped_ptr<Image>& image)
     return false;
   impl->NextImpl(image->GetImpl());
   return true;
+}
+
+bool ImageList::Load(Image* image, const ZELPath& path, EImageType requested,
+                     zellib::TaggedValue<bool, AutoScaleGrayScaleTag> autoScale) const {
+  if (path.empty())
+    return false;
+  Lock lock(mutex_);
+  ImageImpl* chosen = nullptr;
+  std::array<ImageImpl*, 12> byType{};
+  for (ImageImpl* impl : impls_) {
+    if ((impl->Width() == 1 && impl->Height() == 1) || impl->IsWorkCopy())
+      continue;
+    ImageImpl* last = impl->LastImpl();
+    if (!StandsFor(*last, path))
+      continue;
+    if (last->ImageType() == requested) {
+      chosen = last;
+      break;
+    }
+    if (last->ImageType() < byType.size())
+      byType[last->ImageType()] = last;
+  }
+  if (chosen == nullptr) {
+    if (requested > IT_RGEncodedAlpha)
+      return false;
+    for (const EImageType type : FallbackTypes(requested)) {
+      if (byType[type] != nullptr) {
+        chosen = byType[type];
+        break;
+      }
+    }
+    if (chosen == nullptr)
+      return false;
+  }
+  chosen = chosen->LastImpl();
+  if (!chosen->IsUpToDate() || chosen->References() == 0)
+    return false;
+  if (image->GetImpl() != chosen)
+    image->MergeImpl(chosen);
+
+  if (IsGrayscale(requested)) {
+    ToGrayscaleUsingBitDepth(*image, requested, image->GetGamma(),
+                             zellib::TaggedValue<bool, CheckInImageListTag>(false), autoScale);
+  }
+  if (!HasAlpha(requested) && HasAlpha(image->ImageType()))
+    DiscardAlphaInformation(*image, zellib::TaggedValue<bool, CheckInImageListTag>(false), CAI_Care);
+  ZEL_LOG(L"import", L"DEBUG", "Imagery/ImageList", L"ImageList found " << path);
+  return true;
+}
+
+bool ImageList::DoUpdate(ImageImpl* impl) {
+  std::unique_ptr<Image> fresh(impl->GetFactory()->Build());
+  if (impl->FilePath().empty())
+    return false;
+  int extra = 0;
+  if (fresh->ReadFromSource(impl->FilePath(), impl->ImageType(), extra, ReloadOptions()).IsBad())
+    return false;
+  fresh->SetPtype(impl->GetPtype());
+  fresh->SetGamma(impl->GetGamma());
+  if (impl->HasDownSamplingBackup()) {
+    // A texture that was reduced keeps its reduced size across reloads.
+    int originalWidth = 0, originalHeight = 0;
+    impl->OriginalSize(originalWidth, originalHeight);
+    const ImageImpl& loaded = fresh->GetImplRef();
+    if (impl->FileExistsFlag() && loaded.FileExistsFlag() &&
+        (impl->Width() != originalWidth || impl->Height() != originalHeight) &&
+        loaded.Width() == originalWidth && loaded.Height() == originalHeight) {
+      fresh->Synchronized(false);
+      ResampleOpts options{};
+      options.useProgress = true;
+      options.whiteMargin = true;
+      options.keepAspectRatio = true;
+      options.careAboutIncorporation = CAI_Care;
+      options.implManagement = IM_InPlace;
+      Resample(*fresh, impl->Width(), impl->Height(), options);
+    }
+  }
+  if (fresh->GetImpl() == impl)
+    return false;
+  impl->NextImpl(fresh->GetImpl());
+  return true;
+}
+
+void ImageList::Replace(ImageImpl* impl, const ZELPath& path) {
+  Lock lock(mutex_);
+  std::unique_ptr<Image> fresh(impl->GetFactory()->Build());
+  if (path.empty())
+    return;
+  int extra = 0;
+  if (fresh->ReadFromSource(path, impl->ImageType(), extra, ReloadOptions()).IsOk())
+    Replace(impl->FilePath(), *fresh);
+}
+
+void ImageList::Replace(const ZELPath& path, const Image& image) {
+  Lock lock(mutex_);
+  if (path == image.FilePath())
+    return;
+  HeldImpls replaced;
+  for (ImageImpl* impl : std::vector<ImageImpl*>(impls_)) {
+    if (impl->FilePath() == path)
+      replaced.Hold(impl);
+  }
+  std::array<std::unique_ptr<Image>, 12> converted;
+  for (ImageImpl* impl : replaced.impls()) {
+    WillReplaceImageImpl(impl, image);
+    const EImageType type = impl->ImageType();
+    if (type != image.ImageType() && type < converted.size() && !converted[type])
+      converted[type].reset(image.GetFactory()->Build());
+  }
+  for (std::size_t type = 0; type < converted.size(); ++type) {
+    if (converted[type]) {
+      *converted[type] = image;
+      ToImageType(*converted[type], static_cast<EImageType>(type), false);
+    }
+  }
+  for (ImageImpl* impl : replaced.impls()) {
+    std::unique_ptr<Image> copy(image.ShallowCopy());
+    if (copy->ImageType() != impl->ImageType() && impl->ImageType() < converted.size() &&
+        converted[impl->ImageType()])
+      *copy = *converted[impl->ImageType()];
+    if (copy->GetImpl() != impl)
+      impl->NextImpl(copy->GetImpl());
+  }
+  OnImageChanged();
 }
 
 }  // namespace imagery
