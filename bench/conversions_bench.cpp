@@ -1,0 +1,176 @@
+// Every conversion of a 4096 x 4096 image from every source format, against a memcpy of the source
+// bytes measured in the same run: "ratio_to_memcpy" is the time of one conversion divided by the time
+// of that copy, "cpu_ms" the processor time of one conversion summed over its threads. Sources are sRGB where
+// the format is gamma encoded; grey conversions auto-scale where noted (a second pass over the source).
+//
+// Every conversion allocates its result, which the library zero-fills. Large blocks come from the
+// system fresh each time, and on some virtual machines the page faults of touching them cost many
+// times the conversion itself. With IMAGERY_BENCH_KEEP_HEAP=1 in the environment, the process keeps
+// freed memory for reuse instead (no mmap, no trimming), which shows the cost of the conversion alone.
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include "imagery/conversions.h"
+
+namespace imagery {
+namespace {
+
+constexpr int kSize = 4096;
+using Clock = std::chrono::steady_clock;
+
+const bool kHeapKept = [] {
+  const char* keep = std::getenv("IMAGERY_BENCH_KEEP_HEAP");
+  if (keep == nullptr || std::strcmp(keep, "1") != 0)
+    return false;
+  mallopt(M_MMAP_MAX, 0);
+  mallopt(M_TRIM_THRESHOLD, INT_MAX);
+  return true;
+}();
+
+// The source of the last format asked for, kept while the benchmarks of that format run, so that
+// only one large source lives at a time.
+const Image& Source(EImageType type) {
+  static std::unique_ptr<Image> image;
+  if (!image || image->ImageType() != type) {
+    image.reset();
+    image = std::make_unique<Image>(kSize, kSize, type, gamma::sRGB);
+    PixelPlane& plane = image->GetImplRef().Plane();
+    std::mt19937 random(type);
+    std::uniform_real_distribution<float> value(-0.02f, 1.05f);
+    for (int y = 0; y < kSize; ++y) {
+      unsigned char* p = plane.Row(y);
+      const int bytes = kSize * plane.BytesPerPixel();
+      if (IsFloat(type)) {
+        for (int i = 0; i < bytes; i += 4) {
+          const float v = value(random);
+          std::memcpy(p + i, &v, sizeof v);
+        }
+      } else {
+        for (int i = 0; i < bytes; i += 4) {
+          const std::uint32_t word = random();
+          std::memcpy(p + i, &word, static_cast<std::size_t>(std::min(4, bytes - i)));
+        }
+      }
+    }
+  }
+  return *image;
+}
+
+using Conversion = std::function<void(Image&)>;
+
+void BM_Convert(benchmark::State& state, EImageType type, const Conversion& convert, bool inPlace) {
+  const Image& source = Source(type);
+  const PixelPlane& plane = source.GetImplRef().Plane();
+  const std::size_t bytes = static_cast<std::size_t>(plane.ByteSize());
+  std::vector<unsigned char> copy(bytes);
+  std::memcpy(copy.data(), plane.Data(), bytes);  // touch the pages once
+  {
+    // One pass first, so that the result's memory is at hand when the process keeps its heap.
+    std::unique_ptr<Image> warmUp(inPlace ? source.DeepCopy() : new Image(source));
+    convert(*warmUp);
+  }
+  double convertSeconds = 0.0;
+  double convertCpuSeconds = 0.0;
+  double copySeconds = 0.0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    std::unique_ptr<Image> image(inPlace ? source.DeepCopy() : new Image(source));
+    state.ResumeTiming();
+    const auto start = Clock::now();
+    const std::clock_t cpuStart = std::clock();
+    convert(*image);
+    benchmark::ClobberMemory();
+    convertSeconds += std::chrono::duration<double>(Clock::now() - start).count();
+    convertCpuSeconds += static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC;
+
+    state.PauseTiming();
+    image.reset();
+    const auto copyStart = Clock::now();
+    std::memcpy(copy.data(), plane.Data(), bytes);
+    benchmark::ClobberMemory();
+    copySeconds += std::chrono::duration<double>(Clock::now() - copyStart).count();
+    state.ResumeTiming();
+  }
+  state.counters["ratio_to_memcpy"] = convertSeconds / copySeconds;
+  // Processor time of every thread of the process: less disturbed than wall time on a busy machine.
+  state.counters["cpu_ms"] = convertCpuSeconds * 1e3 / static_cast<double>(state.iterations());
+  state.counters["heap_kept"] = kHeapKept ? 1 : 0;
+  state.counters["ns_per_pixel"] =
+      convertSeconds * 1e9 / (static_cast<double>(state.iterations()) * kSize * kSize);
+}
+
+const char* FormatName(EImageType type) {
+  static const char* const kNames[] = {"RGB8",    "Grayscale8",   "RGBA8",       "RGBEA",
+                                       "RGB16",   "RGBA16",       "Grayscale16", "RGB32f",
+                                       "RGBA32f", "Grayscale32f", "RGEncoded",   "RGEncodedAlpha"};
+  return kNames[type];
+}
+
+struct Target {
+  const char* name;
+  EImageType result;  // the benchmark is skipped when the source already has this format
+  Conversion convert;
+  bool inPlace = false;  // rewrites the image's own pixels, so each pass works on a deep copy
+};
+
+const std::vector<Target>& Targets() {
+  const AlphaConversionOptions opaque(false, false);
+  const AlphaConversionOptions alpha(true, true);
+  static const std::vector<Target> targets = {
+      {"ToGrayscale8", IT_Grayscale8,
+       [](Image& i) {
+         ToGrayscale8(i, gamma::sRGB, CheckInImageList(false), AutoScaleGrayScale(false),
+                      InvertGrayRange(false), CAI_Care);
+       }},
+      {"ToGrayscale8/autoscale", IT_Grayscale8,
+       [](Image& i) {
+         ToGrayscale8(i, gamma::sRGB, CheckInImageList(false), AutoScaleGrayScale(true),
+                      InvertGrayRange(false), CAI_Care);
+       }},
+      {"ToGrayscale16/autoscale", IT_Grayscale16,
+       [](Image& i) { ToGrayscale16(i, gamma::sRGB, CheckInImageList(false), AutoScaleGrayScale(true)); }},
+      {"ToGrayScale32f", IT_Grayscale32f,
+       [](Image& i) { ToGrayScale32f(i, CheckInImageList(false), AutoScaleGrayScale(false)); }},
+      {"ToRGB8", IT_RGB8, [opaque](Image& i) { ToRGB8(i, gamma::sRGB, opaque, CAI_Care); }},
+      {"ToRGBA8", IT_RGBA8, [alpha](Image& i) { ToRGB8(i, gamma::sRGB, alpha, CAI_Care); }},
+      {"ToRGB16", IT_RGB16, [opaque](Image& i) { ToRGB16(i, gamma::sRGB, opaque); }},
+      {"ToRGBA16", IT_RGBA16, [alpha](Image& i) { ToRGB16(i, gamma::sRGB, alpha); }},
+      {"ToRGB32f", IT_RGB32f, [opaque](Image& i) { ToRGB32f(i, opaque); }},
+      {"ToRGBA32f", IT_RGBA32f, [alpha](Image& i) { ToRGB32f(i, alpha); }},
+      {"ToRGBEA", IT_RGBEA, [](Image& i) { ToRGBEA(i); }},
+      {"Reencode/power2.2", IT_UNDEFINED, [](Image& i) { Reencode(i, GammaValue(2.2f)); }, true},
+  };
+  return targets;
+}
+
+// Registered by source format, so that the benchmarks of one source run one after another.
+const bool kRegistered = [] {
+  for (int t = IT_RGB8; t < IT_UNDEFINED; ++t) {
+    const EImageType type = static_cast<EImageType>(t);
+    for (const Target& target : Targets()) {
+      if (target.result == type || (target.result == IT_UNDEFINED && !IsGammaEncoded(type)))
+        continue;
+      benchmark::RegisterBenchmark(
+          (std::string("BM_Convert/") + FormatName(type) + "/" + target.name).c_str(), BM_Convert, type,
+          target.convert, target.inPlace)
+          ->Unit(benchmark::kMillisecond)
+          ->Iterations(4);
+    }
+  }
+  return true;
+}();
+
+}  // namespace
+}  // namespace imagery
