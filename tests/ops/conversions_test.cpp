@@ -467,6 +467,27 @@ TEST(Conversions, OtherHandlesKeepTheirPixelsAndPropertiesCarryOver) {
   EXPECT_EQ(PixelBytes(empty), Bytes(4 * 6, 0));
 }
 
+TEST(Conversions, GreyVersionsComeFromTheImageList) {
+  const ZELPath path(L"/nonexistent/imagery-conversions/bricks_rough.png");
+  Image grey = RandomImage(IT_Grayscale8, {4, 4}, gamma::sRGB, 20);
+  grey.SetFilePath(path);
+  Image colour = RandomImage(IT_RGB8, {4, 4}, gamma::sRGB, 21);
+  colour.SetFilePath(path);
+  Image listed(colour), inverted(colour), unlisted(colour);
+  ToGrayscale8(listed, gamma::sRGB, CheckInImageList(true), AutoScaleGrayScale(false), InvertGrayRange(false),
+               CAI_Care);
+  EXPECT_EQ(listed.GetImpl(), grey.GetImpl());
+  // Inverting never takes the listed version, and without the check the pixels are converted.
+  ToGrayscale8(inverted, gamma::sRGB, CheckInImageList(true), AutoScaleGrayScale(false),
+               InvertGrayRange(true), CAI_Care);
+  EXPECT_EQ(PixelBytes(inverted), Reference(colour, IT_Grayscale8, gamma::sRGB, 0, 1, true));
+  ToGrayscale8(unlisted, gamma::sRGB, CheckInImageList(false), AutoScaleGrayScale(false),
+               InvertGrayRange(false), CAI_Care);
+  EXPECT_NE(unlisted.GetImpl(), grey.GetImpl());
+  EXPECT_EQ(PixelBytes(unlisted), Reference(colour, IT_Grayscale8, gamma::sRGB, 0, 1, false));
+  EXPECT_EQ(unlisted.FilePath(), path);
+}
+
 // --- Gamma re-encoding -----------------------------------------------------------------------------
 
 TEST(Conversions, ReencodeRewritesColourCodesInPlace) {
