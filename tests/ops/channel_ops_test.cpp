@@ -129,6 +129,19 @@ TEST(ChannelOps, DiscardAlphaFromCountedPixels) {
   EXPECT_EQ(Bytes(pixels.begin(), pixels.begin() + 9), packed);
 }
 
+TEST(ChannelOps, DiscardAlphaTakesTheImageListsVersionWhenAsked) {
+  const ZELPath path(L"/nonexistent/discard_alpha_source.png");
+  Image registered(4, 3, IT_RGB8, gamma::sRGB);
+  registered.SetFilePath(path);
+  for (bool check : {false, true}) {
+    Image image(4, 3, IT_RGBA8, gamma::sRGB);
+    image.SetFilePath(path);
+    DiscardAlphaInformation(image, CheckInImageList(check), CAI_Care);
+    EXPECT_EQ(image.ImageType(), IT_RGB8);
+    EXPECT_EQ(image.GetImpl() == registered.GetImpl(), check);
+  }
+}
+
 TEST(ChannelOps, ColourOperationsMatchPerPixelReferences) {
   std::mt19937 rng(11);
   for (EImageType type : kFormats)
