@@ -18,8 +18,6 @@ namespace imagery {
 
 namespace {
 
-using AutoScaleGrayScale = zellib::TaggedValue<bool, AutoScaleGrayScaleTag>;
-
 // The handle the loop reads from. For work in a new implementation, a shallow copy taken before the
 // handle gets it, which keeps the old pixels alive meanwhile; for work in place, a second handle on the
 // current implementation (never the factory's shared default, which the handle first leaves).
@@ -88,8 +86,9 @@ void DiscardAlphaInformation(Image& image, CheckInImageList checkInList, CareAbo
   const EImageType target = WithoutAlpha(type);
   if (target == IT_UNDEFINED)
     return;
-  if (checkInList && ImageFactory::GetInstance().GetImageList()->Load(&image, ZELPath(image.FileName()),
-                                                                      target, AutoScaleGrayScale(true)))
+  if (checkInList &&
+      ImageFactory::GetInstance().GetImageList()->Load(
+          &image, ZELPath(image.FileName()), target, zellib::TaggedValue<bool, AutoScaleGrayScaleTag>(true)))
     return;
   const GammaValue gamma = image.GetImplRef().GetGamma();
   const EPictureType pictureType = image.GetImplRef().GetPtype();
