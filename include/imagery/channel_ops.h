@@ -7,11 +7,11 @@
 //   change pixels leave both mip chains invalid, except ZeroImage, which does not touch them.
 // - Copy on write. Operations taking an ImplManagement give the handle a new implementation first with
 //   IM_NewImpl (other handles sharing the old one keep its pixels), and rewrite the current one with
-//   IM_InPlace (every handle sharing it sees the change). DiscardAlphaInformation, ExtractAlpha-
-//   Information, CropImage and ReframeImage always give the handle a new implementation when they
-//   change anything (except DiscardAlphaInformation on IT_RGBEA, which rewrites the alpha in place);
-//   NormalizeNormalMap and drawLine rewrite the current one. Nothing ever writes into the factory's
-//   shared default implementation: a handle on it gets an implementation of its own first.
+//   IM_InPlace (every handle sharing it sees the change). Dropping or extracting alpha, cropping and
+//   reframing always give the handle a new implementation when they change anything, except that
+//   dropping the alpha of IT_RGBEA rewrites it in place; NormalizeNormalMap and drawLine rewrite the
+//   current one. Nothing ever writes into the factory's shared default implementation: a handle on
+//   it gets an implementation of its own first.
 // - A request that does not apply to the image's format leaves it untouched; nothing reports an error.
 // - Results are computed per pixel and never depend on the number of threads.
 // - Not thread-safe for one image: nobody may use the image while an operation runs.
