@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <optional>
 #include <type_traits>
 #include <vector>
@@ -19,6 +20,11 @@
 #include "imagery/colour_spaces.h"
 #include "imagery/gamma_tables.h"
 #include "imagery/pixel_access.h"
+
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define IMAGERY_CONVERT_SSE2 1
+#endif
 
 namespace imagery::convert {
 
@@ -96,6 +102,57 @@ inline void PackRGBE(float r, float g, float b, unsigned char* p) {
   p[2] = detail::TruncToByte(b * scale);
   p[3] = static_cast<unsigned char>(n + 128);
 }
+
+#if defined(IMAGERY_CONVERT_SSE2)
+// The smallest float whose double value is at least 1e-12, the threshold of PackRGBE in single precision.
+const float kRGBEMinimum = [] {
+  float f = static_cast<float>(1e-12);
+  return static_cast<double>(f) < 1e-12 ? std::nextafter(f, 1.0f) : f;
+}();
+
+// PackRGBE on four pixels at once, the first four bytes of each pixel written `step` bytes apart.
+// Lanes of black, infinite or NaN maxima take the scalar path. A truncation out of the int range
+// gives 0x80000000, whose low byte is the 0 of TruncToByte.
+inline void PackRGBEFour(const float* r, const float* g, const float* b, unsigned char* p, int step) {
+  const __m128 red = _mm_loadu_ps(r);
+  const __m128 green = _mm_loadu_ps(g);
+  const __m128 blue = _mm_loadu_ps(b);
+  // std::max(a, b) keeps a unless a < b: maxps(b, a).
+  const __m128 m = _mm_max_ps(blue, _mm_max_ps(green, red));
+  const __m128 normal = _mm_and_ps(_mm_cmpge_ps(m, _mm_set1_ps(kRGBEMinimum)),
+                                   _mm_cmplt_ps(m, _mm_set1_ps(std::numeric_limits<float>::infinity())));
+  if (_mm_movemask_ps(normal) != 0xF) {
+    for (int i = 0; i < 4; ++i)
+      PackRGBE(r[i], g[i], b[i], p + i * step);
+    return;
+  }
+  // Biased exponent E: n = E - 126, and the scale 255 x 2^-n has the double exponent 1149 - E.
+  const __m128i biased = _mm_and_si128(_mm_srli_epi32(_mm_castps_si128(m), 23), _mm_set1_epi32(0xFF));
+  const __m128i powers = _mm_sub_epi32(_mm_set1_epi32(1149), biased);
+  const __m128d k255 = _mm_set1_pd(255.0);
+  const __m128d scaleLow =
+      _mm_mul_pd(k255, _mm_castsi128_pd(_mm_slli_epi64(_mm_unpacklo_epi32(powers, _mm_setzero_si128()), 52)));
+  const __m128d scaleHigh =
+      _mm_mul_pd(k255, _mm_castsi128_pd(_mm_slli_epi64(_mm_unpackhi_epi32(powers, _mm_setzero_si128()), 52)));
+  auto mantissas = [&](__m128 channel) {
+    const __m128i low = _mm_cvttpd_epi32(_mm_mul_pd(_mm_cvtps_pd(channel), scaleLow));
+    const __m128i high =
+        _mm_cvttpd_epi32(_mm_mul_pd(_mm_cvtps_pd(_mm_movehl_ps(channel, channel)), scaleHigh));
+    return _mm_unpacklo_epi64(low, high);
+  };
+  alignas(16) std::int32_t codes[4][4];
+  _mm_store_si128(reinterpret_cast<__m128i*>(codes[0]), mantissas(red));
+  _mm_store_si128(reinterpret_cast<__m128i*>(codes[1]), mantissas(green));
+  _mm_store_si128(reinterpret_cast<__m128i*>(codes[2]), mantissas(blue));
+  _mm_store_si128(reinterpret_cast<__m128i*>(codes[3]), _mm_add_epi32(biased, _mm_set1_epi32(2)));
+  for (int i = 0; i < 4; ++i, p += step) {
+    p[0] = static_cast<unsigned char>(codes[0][i]);
+    p[1] = static_cast<unsigned char>(codes[1][i]);
+    p[2] = static_cast<unsigned char>(codes[2][i]);
+    p[3] = static_cast<unsigned char>(codes[3][i]);
+  }
+}
+#endif
 
 inline float GreyOfGrey(float v) {
   return (0.35f * v + 0.5f * v) + 0.15f * v;
@@ -342,10 +399,15 @@ void EncodeColour(const ConverterState& state, const Planar& in, int n, unsigned
   } else {
     static_assert(D == Layout::RGBEA);
     static_cast<void>(state);
-    for (int i = 0; i < n; ++i, q += kStep) {
-      PackRGBE(in.r[i], in.g[i], in.b[i], q);
-      q[4] = detail::ScaleTo8(in.a[i]);
-    }
+    int i = 0;
+#if defined(IMAGERY_CONVERT_SSE2)
+    for (; i + 4 <= n; i += 4)
+      PackRGBEFour(in.r + i, in.g + i, in.b + i, q + i * kStep, kStep);
+#endif
+    for (; i < n; ++i)
+      PackRGBE(in.r[i], in.g[i], in.b[i], q + i * kStep);
+    for (i = 0; i < n; ++i)
+      q[i * kStep + 4] = detail::ScaleTo8(in.a[i]);
   }
 }
 
