@@ -27,6 +27,7 @@
 #include <cmath>
 #include <cstdint>
 #include <optional>
+#include <type_traits>
 #include <vector>
 
 #include <glm/vec2.hpp>
@@ -106,6 +107,11 @@ struct RuntimeAccess {
   static void Write(PixelPlane& plane, const Position& p, const LinearRGBA_T<float>& c) {
     PixelAccess(plane, static_cast<int>(p.x), static_cast<int>(p.y)).SetPixelRGBA(c, c.a);
   }
+  template <class Pixel>
+  static void WriteRow(PixelPlane& plane, Position p, const Pixel* values, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i, ++p.x)
+      Write(plane, p, values[i]);
+  }
 };
 
 // For planes of format T: the conversions of the typed cursors (decode tables, table encoders), which
@@ -132,6 +138,43 @@ class TypedAccess {
   }
   void Write(PixelPlane& plane, const Position& p, const LinearRGBA_T<float>& c) const {
     imagery::detail::WriteRGBA<T>(Address(plane, p), *encoder_, c, c.a);
+  }
+  // `count` pixels from p to the right. 8-bit colour through the gamma tables goes through the
+  // encoder's row form (the same codes, several channels at a time), in pieces small enough for the
+  // stack; the pixel kind must carry exactly the format's channels, or alpha would be lost or invented.
+  template <class Pixel>
+  void WriteRow(PixelPlane& plane, Position p, const Pixel* values, std::size_t count) const {
+    constexpr bool kAlpha = std::is_same_v<Pixel, LinearRGBA_T<float>>;
+    constexpr bool kRowEncoded = imagery::detail::kUsesTables<T, PixelConversion::Gamma> &&
+                                 ((T == IT_RGB8 && !kAlpha) || (T == IT_RGBA8 && kAlpha));
+    if constexpr (kRowEncoded) {
+      constexpr std::size_t kChannels = kAlpha ? 4 : 3;
+      constexpr std::size_t kPiece = 64;
+      unsigned char* bytes = Address(plane, p);
+      float linear[kPiece * kChannels];
+      for (std::size_t done = 0; done < count;) {
+        const std::size_t n = std::min(kPiece, count - done);
+        // In stored order: blue, green, red (, alpha, rewritten below without gamma).
+        for (std::size_t i = 0; i < n; ++i) {
+          const Pixel& c = values[done + i];
+          linear[i * kChannels] = c.b;
+          linear[i * kChannels + 1] = c.g;
+          linear[i * kChannels + 2] = c.r;
+          if constexpr (kAlpha)
+            linear[i * kChannels + 3] = 0.0f;
+        }
+        encoder_->encoder.EncodeRow(linear, bytes, n * kChannels);
+        if constexpr (kAlpha) {
+          for (std::size_t i = 0; i < n; ++i)
+            bytes[i * kChannels + 3] = imagery::detail::ScaleTo8(values[done + i].a);
+        }
+        bytes += n * kChannels;
+        done += n;
+      }
+    } else {
+      for (std::size_t i = 0; i < count; ++i, ++p.x)
+        Write(plane, p, values[i]);
+    }
   }
 
  private:
@@ -176,6 +219,11 @@ class ImageAdapter {
   void set(const Position& p, const Pixel& c) const {
     assert(writable_ != nullptr);
     access_.Write(*writable_, p, c);
+  }
+  // set() of `count` pixels from p to the right, in one go.
+  void setRow(const Position& p, const Pixel* values, std::size_t count) const {
+    assert(writable_ != nullptr);
+    access_.WriteRow(*writable_, p, values, count);
   }
 
  private:
@@ -432,6 +480,30 @@ void FillSpan(Destination& destination, std::int64_t y, std::int64_t from, std::
     destination.set(At(x, y), colour);
 }
 
+// Content is computed in pieces of this many pixels, handed to the destination together.
+inline constexpr std::int64_t kRowPiece = 64;
+
+template <class Destination, class Pixel, class = void>
+struct HasSetRow : std::false_type {};
+template <class Destination, class Pixel>
+struct HasSetRow<Destination, Pixel,
+                 std::void_t<decltype(std::declval<Destination&>().setRow(
+                     std::declval<const ResampleSize&>(), std::declval<const Pixel*>(), std::size_t{}))>>
+    : std::true_type {};
+
+// Writes pixels (x, y) .. (x + count - 1, y): with the adapter's setRow when it has one, else pixel by
+// pixel.
+template <class Destination, class Pixel>
+void WriteRun(Destination& destination, std::int64_t x, std::int64_t y, const Pixel* values,
+              std::int64_t count) {
+  if constexpr (HasSetRow<Destination, Pixel>::value) {
+    destination.setRow(At(x, y), values, static_cast<std::size_t>(count));
+  } else {
+    for (std::int64_t i = 0; i < count; ++i)
+      destination.set(At(x + i, y), values[i]);
+  }
+}
+
 // One step of the box filter's walk over an axis: from `position` to the next whole number or `end`,
 // whichever comes first. Answers false once the walk is over; also when the floats can no longer tell
 // the next whole number from the position, which only images wider than 2^24 pixels reach.
@@ -499,10 +571,14 @@ void upsample(const Source& source, Destination* destination, const Pixel& margi
     const interp2D::AxisSample rowSample =
         interp2D::SampleAxis(position, u.sourceHeight, interp2D::BA_ClampToEdge);
     Detail::Resample::FillSpan(target, y, 0, u.beginX, marginColour);
-    for (std::int64_t x = u.beginX; x < u.endX; ++x) {
-      target.set(Detail::Resample::At(x, y),
-                 interp2D::Bilinear<interp2D::NoClamp>(
-                     source, columns[static_cast<std::size_t>(x - u.beginX)], rowSample));
+    Pixel piece[Detail::Resample::kRowPiece];
+    for (std::int64_t x = u.beginX; x < u.endX;) {
+      const std::int64_t n = std::min(Detail::Resample::kRowPiece, u.endX - x);
+      const interp2D::AxisSample* column = &columns[static_cast<std::size_t>(x - u.beginX)];
+      for (std::int64_t i = 0; i < n; ++i)
+        piece[i] = interp2D::Bilinear<interp2D::NoClamp>(source, column[i], rowSample);
+      Detail::Resample::WriteRun(target, x, y, piece, n);
+      x += n;
     }
     Detail::Resample::FillSpan(target, y, u.endX, width, marginColour);
   };
@@ -552,17 +628,23 @@ void downsample(const Detail::Resample::TaskUniforms& u, const Source& source, D
     const float rowBegin = std::clamp(y0, 0.0f, sourceHeight);
     const float rowEnd = std::clamp(y0 + u.scaleY, 0.0f, sourceHeight);
     Detail::Resample::FillSpan(destination, y, 0, u.beginX, marginColour);
-    for (std::int64_t x = u.beginX; x < u.endX; ++x) {
-      const auto column = static_cast<std::size_t>(x - u.beginX);
-      Accumulator sum;
-      float position = rowBegin;
-      std::int64_t sourceRow = 0;
-      float rowPart = 0.0f;
-      while (Detail::Resample::NextPart(position, rowEnd, sourceRow, rowPart)) {
-        for (std::size_t i = first[column]; i < first[column + 1]; ++i)
-          sum.Add(source.get(Detail::Resample::At(parts[i].column, sourceRow)), parts[i].part * rowPart);
+    Pixel piece[Detail::Resample::kRowPiece];
+    for (std::int64_t x = u.beginX; x < u.endX;) {
+      const std::int64_t n = std::min(Detail::Resample::kRowPiece, u.endX - x);
+      for (std::int64_t i = 0; i < n; ++i) {
+        const auto column = static_cast<std::size_t>(x + i - u.beginX);
+        Accumulator sum;
+        float position = rowBegin;
+        std::int64_t sourceRow = 0;
+        float rowPart = 0.0f;
+        while (Detail::Resample::NextPart(position, rowEnd, sourceRow, rowPart)) {
+          for (std::size_t k = first[column]; k < first[column + 1]; ++k)
+            sum.Add(source.get(Detail::Resample::At(parts[k].column, sourceRow)), parts[k].part * rowPart);
+        }
+        piece[i] = sum.Result(emptyColour);
       }
-      destination.set(Detail::Resample::At(x, y), sum.Result(emptyColour));
+      Detail::Resample::WriteRun(destination, x, y, piece, n);
+      x += n;
     }
     Detail::Resample::FillSpan(destination, y, u.endX, width, marginColour);
   };

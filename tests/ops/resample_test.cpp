@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <type_traits>
 #include <vector>
 
 #include "imagery/channel_ops.h"
@@ -193,6 +194,9 @@ TEST(Resample, MatchesThePlainComputationOnEveryFormat) {
       {3, 2, 11, 5, true, true},
       {6, 9, 10, 4, true, false},
       {5, 2, 3, 7, false, false},
+      // Rows longer than the pieces the engine writes at once, with and without side margins.
+      {150, 20, 131, 9, false, false},
+      {40, 10, 133, 30, true, false},
       // Above the sequential limit: rows run on the pool (source, destination, then both passes).
       {61, 47, 23, 19, false, false},
       {23, 19, 61, 47, true, true},
@@ -464,6 +468,40 @@ TEST(Resample, EngineOnRuntimeAdapters) {
   tools::resample<LinearRGBA_T<float>>(ResamplingHelpers::Rgba(*original), into, tools::ResampleSize(3, 2),
                                        empty, margin, dispatcher, control, false, false);
   EXPECT_TRUE(SamePixels(filled, *original));
+}
+
+// Row writes of the typed adapters (several channels encoded at a time for 8-bit colour) store what
+// pixel writes through the cursors store, over runs longer than one piece.
+template <EImageType T, class Pixel, template <EImageType> class Typed>
+void CheckRowWrites(GammaValue gamma) {
+  SCOPED_TRACE(::testing::Message() << "format " << int(T) << " gamma " << gamma.Value());
+  std::mt19937 random(21);
+  std::uniform_real_distribution<float> value(-0.1f, 1.2f);
+  std::vector<Pixel> row(150);
+  for (Pixel& c : row) {
+    c.r = value(random);
+    c.g = value(random);
+    c.b = value(random);
+    if constexpr (std::is_same_v<Pixel, LinearRGBA_T<float>>)
+      c.a = value(random);
+  }
+  Image rowWise = RandomImage(157, 2, T, gamma, 22);
+  Image pixelWise = *std::unique_ptr<Image>(rowWise.DeepCopy());
+  Typed<T>(rowWise).setRow({5, 1}, row.data(), row.size());
+  const ResamplingHelpers::ImageAdapter<Pixel> cursors(pixelWise);
+  for (unsigned long i = 0; i < row.size(); ++i)
+    cursors.set({5 + i, 1}, row[i]);
+  EXPECT_TRUE(SamePixels(rowWise, pixelWise));
+}
+
+TEST(Resample, RowWritesMatchPixelWrites) {
+  CheckRowWrites<IT_RGB8, LinearRGB_T<float>, ResamplingHelpers::TypedRgb>(gamma::sRGB);
+  CheckRowWrites<IT_RGB8, LinearRGB_T<float>, ResamplingHelpers::TypedRgb>(GammaValue(2.2f));
+  CheckRowWrites<IT_RGBA8, LinearRGBA_T<float>, ResamplingHelpers::TypedRgba>(gamma::sRGB);
+  CheckRowWrites<IT_RGBA8, LinearRGBA_T<float>, ResamplingHelpers::TypedRgba>(GammaValue(1.8f));
+  // Colour-only writes leave the alpha of a format with alpha alone.
+  CheckRowWrites<IT_RGBA8, LinearRGB_T<float>, ResamplingHelpers::TypedRgb>(gamma::sRGB);
+  CheckRowWrites<IT_RGBA16, LinearRGBA_T<float>, ResamplingHelpers::TypedRgba>(gamma::sRGB);
 }
 
 TEST(Resample, BorderAddressing) {
