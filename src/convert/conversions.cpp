@@ -280,6 +280,8 @@ EColorMode FormatImageInExpectedFormat(Image& image, EImageType expected) {
 void Reencode(Image& image, GammaValue gamma) {
   if (image.GetGamma() == gamma)
     return;
+  // Every empty handle shares the factory's default implementation, which must stay as it is.
+  image.MakeUniqueIfFactoryDefault();
   const PixelPlane& plane = image.GetImplRef().Plane();
   if (IsGammaEncoded(plane.Type()) && plane.Width() > 0 && plane.Height() > 0) {
     const int width = plane.Width();

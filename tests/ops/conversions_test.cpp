@@ -465,6 +465,20 @@ TEST(Conversions, OtherHandlesKeepTheirPixelsAndPropertiesCarryOver) {
   EXPECT_EQ(empty.ImageType(), IT_RGB16);
   EXPECT_EQ(empty.Width(), 1);
   EXPECT_EQ(PixelBytes(empty), Bytes(4 * 6, 0));
+
+  // A plane without a format reads black and opaque.
+  Image undefined(3, 2, IT_UNDEFINED, gamma::sRGB);
+  ToRGB8(undefined, gamma::sRGB, AlphaConversionOptions(true, true), CAI_Care);
+  EXPECT_EQ(undefined.ImageType(), IT_RGBA8);
+  EXPECT_EQ(PixelBytes(undefined),
+            (Bytes{0, 0, 0, 255, 0, 0, 0, 255, 0, 0, 0, 255, 0, 0, 0, 255, 0, 0, 0, 255, 0, 0, 0, 255}));
+
+  // Re-encoding an empty handle leaves the implementation every empty handle shares.
+  Image blank;
+  const GammaValue shared = blank.GetGamma();
+  Reencode(blank, GammaValue(3.0f));
+  EXPECT_EQ(blank.GetGamma(), GammaValue(3.0f));
+  EXPECT_EQ(Image().GetGamma(), shared);
 }
 
 TEST(Conversions, GreyVersionsComeFromTheImageList) {
