@@ -32,6 +32,7 @@
 
 #include <glm/vec2.hpp>
 
+#include "imagery/channel_ops.h"
 #include "imagery/color.h"
 #include "imagery/image.h"
 #include "imagery/image_impl.h"
@@ -40,10 +41,6 @@
 #include "imagery_host/progress.h"
 
 namespace imagery {
-
-// Where an operation puts its result: 0 (IM_NewImpl) in a new implementation, 1 (IM_InPlace) in the
-// handle's current one. Defined with the channel operations.
-enum ImplManagement : int;
 
 // Options of Resample. All-zero options (the defaults) resample with black margins, without keeping
 // the aspect ratio, into a new implementation, reporting nowhere.
@@ -58,7 +55,7 @@ struct ResampleOpts {
   CareAboutIncorporation careAboutIncorporation = CAI_DontCare;
   // IM_InPlace keeps the implementation (its pixels from before become its down-sampling backup, and
   // every handle sharing it sees the new pixels); anything else gives the handle a new implementation.
-  ImplManagement implManagement = static_cast<ImplManagement>(0);
+  ImplManagement implManagement = IM_NewImpl;
   // May be null.
   KORProgress* progress = nullptr;
   // May be null, which never interrupts.

@@ -12,8 +12,6 @@
 namespace imagery {
 namespace {
 
-constexpr auto kKeepImplementation = static_cast<ImplManagement>(1);
-
 template <class Pixel>
 struct ResampleColours;
 
@@ -58,7 +56,7 @@ void ResampleInto(const Image& source, Image& target, const ResampleOpts& option
 void ResampleInOnePass(Image& image, int width, int height, const ResampleOpts& options) {
   // Writing the new pixels into the factory's shared default implementation would resize every empty
   // handle in the process.
-  if (options.implManagement == kKeepImplementation)
+  if (options.implManagement == IM_InPlace)
     image.MakeUniqueIfFactoryDefault();
 
   const std::unique_ptr<Image> target(
@@ -85,7 +83,7 @@ void ResampleInOnePass(Image& image, int width, int height, const ResampleOpts& 
     return;
 
   ImageImpl& fresh = target->GetImplRef();
-  if (options.implManagement == kKeepImplementation) {
+  if (options.implManagement == IM_InPlace) {
     image.GetImplRef().CreateBackupDownSampling();
     image.GetImplRef().SwapAllPixelData(fresh);
   } else {
