@@ -47,7 +47,7 @@ namespace imagery {
 struct ResampleOpts {
   // Report to `progress` (otherwise a private progress object is used).
   bool useProgress = false;
-  // Margins are white (1, 1, 1, alpha 1) instead of black (0, 0, 0, alpha 1).
+  // Margins are white (the 8-bit 255 decoded as sRGB, alpha 1) instead of black (0, 0, 0, alpha 1).
   bool whiteMargin = false;
   // Scale both axes by the larger of the two factors and centre the result between margins.
   bool keepAspectRatio = false;
@@ -64,7 +64,7 @@ struct ResampleOpts {
 
 // Resizes `image` to width x height (level 0 of its current implementation; the handle's
 // transformations are neither applied nor changed).
-// - The same size: nothing at all happens.
+// - The same size (as Width() and Height() give it): nothing at all happens.
 // - One axis grows while the other shrinks, without keepAspectRatio: two passes, first the width, then
 //   the height, so that each is a pure enlargement or reduction. A progress in the options (whatever
 //   useProgress says) is given 2 steps, one per pass. When the first pass is interrupted the second is
