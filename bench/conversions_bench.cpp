@@ -22,6 +22,7 @@
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
+#include "imagery/colour_spaces.h"
 #include "imagery/conversions.h"
 
 namespace imagery {
@@ -56,6 +57,18 @@ const Image& Source(EImageType type) {
         for (int i = 0; i < bytes; i += 4) {
           const float v = value(random);
           std::memcpy(p + i, &v, sizeof v);
+        }
+      } else if (type == IT_RGBEA) {
+        // Packed colours of the same range: random exponent bytes would mostly stand for values far
+        // below the smallest normal float, which no picture holds and which slow every operation down.
+        for (int i = 0; i < bytes; i += 5) {
+          RGBECLR packed;
+          packed.FromFloat({value(random), value(random), value(random)});
+          p[i] = packed.r;
+          p[i + 1] = packed.g;
+          p[i + 2] = packed.b;
+          p[i + 3] = packed.e;
+          p[i + 4] = static_cast<unsigned char>(random());
         }
       } else {
         for (int i = 0; i < bytes; i += 4) {
