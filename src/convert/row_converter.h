@@ -44,8 +44,8 @@ struct ConverterState;
 // many threads may convert rows with one object at once.
 class RowConverter {
  public:
-  // `valueCount` is the number of channel values the conversion will encode; code-to-code tables of 16-bit
-  // sources are built only when it is large enough to pay for them.
+  // `pixelCount` is the number of pixels the conversion will convert; code-to-code tables of 16-bit
+  // sources are built only when they have enough values to pay for them.
   RowConverter(EImageType sourceType, GammaValue sourceGamma, Layout target, GammaValue targetGamma,
                const GreyStretch& stretch, std::int64_t valueCount);
   ~RowConverter();
