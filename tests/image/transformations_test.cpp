@@ -9,7 +9,7 @@ namespace imagery {
 namespace {
 
 using Point = std::pair<int, int>;
-using RGB = LinearRGB_T<float>;
+using RGBA = LinearRGBA_T<float>;
 
 Point Map(const ImageTransformations& t, int w, int h, int x, int y, ApplyTransformOpts options) {
   Point p;
@@ -25,7 +25,7 @@ ImageTransformations Rotated(float angle, bool mirrorX = false, bool mirrorY = f
   return t;
 }
 
-TEST(ImageTransformations, AnglesAreKeptBetweenZeroAndThreeSixty) {
+TEST(ImageTransformations, AnglesAndQuarterTurns) {
   const std::pair<float, double> cases[] = {{-90.0f, 270.0}, {450.5f, 90.5},     {720.0f, 0.0},
                                             {-0.5f, 359.5},  {-720.25f, 359.75}, {-1e9f, 80.0}};
   for (const auto& [given, expected] : cases)
@@ -33,145 +33,119 @@ TEST(ImageTransformations, AnglesAreKeptBetweenZeroAndThreeSixty) {
   ImageTransformations t;
   for (int i = 0; i < 4; ++i)
     t.Rotate90(true);
-  EXPECT_EQ(t.GetAngle(), 0.0);
   t.Rotate90(false);
   EXPECT_EQ(t.GetAngle(), 270.0);
-}
 
-TEST(ImageTransformations, QuarterTurnsSwapTheFrameOthersOnlyMirror) {
-  const ImageTransformations t = Rotated(90);
-  EXPECT_TRUE(t.IsTransformedSizeSwapped());
-  EXPECT_EQ(Point(t.TransformedWidth(4, 2), t.TransformedHeight(4, 2)), Point(2, 4));
-  EXPECT_EQ(Point(t.TransformedWidth(4, 2, 1), t.TransformedHeight(4, 2, 40)), Point(1, 1));
-  EXPECT_EQ(Map(t, 4, 2, 0, 0, ATO_TransformedFrame | ATO_Geometry), Point(0, 1));
+  // A quarter turn swaps the frame, down to 1 x 1 at deep levels. In the transformed frame of a 4 x 2
+  // plane, (1, 2) is stored (2, 0) after a quarter turn and (1, 1) after three quarters; (1, 0) after a
+  // half turn is (2, 1).
+  const ImageTransformations quarter = Rotated(90);
+  EXPECT_EQ(Point(quarter.TransformedWidth(4, 2), quarter.TransformedHeight(4, 2)), Point(2, 4));
+  EXPECT_EQ(Point(quarter.TransformedWidth(4, 2, 2), quarter.TransformedHeight(4, 2, 40)), Point(1, 1));
+  EXPECT_EQ(Map(quarter, 4, 2, 1, 2, ATO_TransformedFrame | ATO_Geometry), Point(2, 0));
+  EXPECT_EQ(Map(Rotated(270), 4, 2, 1, 2, ATO_TransformedFrame), Point(1, 1));
+  EXPECT_EQ(Map(Rotated(180), 4, 2, 1, 0, ATO_TransformedFrame), Point(2, 1));
   // Stored frame: (3, 1) turns to (1, 0), then stretches to (trunc(1 * 4 / 2), trunc(0 * 2 / 4)).
-  EXPECT_EQ(Map(t, 4, 2, 3, 1, ATO_Geometry), Point(2, 0));
-  EXPECT_EQ(Map(t, 4, 2, 3, 1, ATO_ExposureContrast | ATO_Inversions), Point(3, 1));
-
+  EXPECT_EQ(Map(quarter, 4, 2, 3, 1, ATO_Geometry), Point(2, 0));
+  EXPECT_EQ(Map(quarter, 4, 2, 3, 1, ATO_ExposureContrast | ATO_Inversions), Point(3, 1));
+  // Other angles are carried and count as a transformation, but only mirror.
   const ImageTransformations odd = Rotated(45, true);
-  EXPECT_FALSE(odd.IsTransformedSizeSwapped());
   EXPECT_EQ(Map(odd, 4, 2, 0, 1, ATO_Geometry), Point(3, 1));
-  EXPECT_EQ(Map(odd, 4, 2, 0, 1, ATO_TransformedFrame), Point(3, 1));
   EXPECT_TRUE(odd.HasTransformationsOtherThan(ImageTransformations::kAllFlags));
 }
 
 // Sweeps odd sizes: in the transformed frame every pixel reaches a distinct stored pixel; in the stored
 // frame every pixel lands inside the plane, exactly where the transformed frame puts it unless a quarter
-// turn of a non-square plane stretches it. Turns compose: two quarters make a half, a quarter and three
-// quarters cancel.
+// turn of a non-square plane stretches it.
 TEST(ImageTransformations, GeometrySweep) {
   const ApplyTransformOpts frame = ATO_TransformedFrame;
-  const Point sizes[] = {{1, 1}, {1, 5}, {3, 5}, {4, 2}, {6, 6}};
-  for (const auto& [w, h] : sizes) {
+  for (const auto& [w, h] : {Point(1, 1), Point(1, 5), Point(3, 5), Point(4, 2), Point(6, 6)}) {
     for (float angle : {0.0f, 90.0f, 180.0f, 270.0f, 45.0f}) {
       for (int mirror = 0; mirror < 4; ++mirror) {
         const ImageTransformations t = Rotated(angle, mirror & 1, mirror & 2);
         const bool stretched = w != h && t.IsTransformedSizeSwapped();
+        const int tw = t.TransformedWidth(w, h);
         std::set<Point> reached;
-        for (int y = 0; y < t.TransformedHeight(w, h); ++y) {
-          for (int x = 0; x < t.TransformedWidth(w, h); ++x)
-            reached.insert(Map(t, w, h, x, y, frame));
-        }
+        for (int i = 0; i < w * h; ++i)
+          reached.insert(Map(t, w, h, i % tw, i / tw, frame));
         EXPECT_EQ(reached.size(), static_cast<std::size_t>(w * h)) << w << "x" << h << " angle " << angle;
-        for (int y = 0; y < h; ++y) {
-          for (int x = 0; x < w; ++x) {
-            const Point p = Map(t, w, h, x, y, ATO_Geometry);
-            EXPECT_TRUE(reached.count(p) == 1 && (stretched || p == Map(t, w, h, x, y, frame))) << angle;
-          }
+        for (int i = 0; i < w * h; ++i) {
+          const Point p = Map(t, w, h, i % w, i / w, ATO_Geometry);
+          EXPECT_TRUE(reached.count(p) == 1 && (stretched || p == Map(t, w, h, i % w, i / w, frame)))
+              << angle;
         }
-      }
-    }
-    const ImageTransformations quarter = Rotated(90), half = Rotated(180), three = Rotated(270);
-    for (int y = 0; y < h; ++y) {
-      for (int x = 0; x < w; ++x) {
-        const Point once = Map(quarter, h, w, x, y, frame);
-        EXPECT_EQ(Map(quarter, w, h, once.first, once.second, frame), Map(half, w, h, x, y, frame));
-        const Point back = Map(three, h, w, x, y, frame);
-        EXPECT_EQ(Map(quarter, w, h, back.first, back.second, frame), Point(x, y));
       }
     }
   }
 }
 
 TEST(ImageTransformations, FlagRules) {
+  // Colour and normal inversion exclude each other, so InvertColor twice undoes itself only when normal
+  // inversion was off; exposure / contrast is flagged while either value is non-zero.
   ImageTransformations t;
   t.SetInvertedColor(true);
   t.SetInvertedNormal(true);
   t.SetInvertedColor(false);
   EXPECT_EQ(t.GetFlags(), TransfoFlags(TF_InvertedNormal));
-  // InvertColor twice undoes itself only when normal inversion was off.
   t.InvertColor();
   t.InvertColor();
   t.Mirror(true);
-  t.Mirror(false);
-  t.MirrorY();
   t.InvertNormalGreen();
   t.SetExposure(0.5f);
   t.SetContrast(0.25f);
   t.SetExposure(0.0f);
-  EXPECT_EQ(t.GetFlags(), TF_MirrorX | TF_InvertedNormalGreen | TF_ExposureContrast);
+  EXPECT_EQ(t.GetFlags(), TF_MirrorY | TF_InvertedNormalGreen | TF_ExposureContrast);
   t.SetContrast(0.0f);
   EXPECT_FALSE(t.HasExposureOrContrast());
 
-  // Only the seven named bits count, and only when not allowed; a rotation always counts.
+  // Only the seven named bits count, and only when not allowed.
   t.SetFlags(TransfoFlags(128ull));
   EXPECT_FALSE(t.HasTransformationsOtherThan(TransfoFlags()));
   for (unsigned long long bit = 1; bit <= 64; bit <<= 1) {
     t.SetFlags(TransfoFlags(bit));
-    EXPECT_TRUE(t.HasTransformationsOtherThan(TransfoFlags(~bit)) &&
-                !t.HasTransformationsOtherThan(TransfoFlags(bit)))
-        << bit;
+    EXPECT_TRUE(t.HasTransformationsOtherThan(~t.GetFlags()) && !t.HasTransformationsOtherThan(t.GetFlags()));
   }
 }
 
+// One pixel through several records. Each has exposure -1 and contrast 1 (c <- max(0, 2c - 1)), applied
+// only under its flag.
 TEST(ImageTransformations, ValueMappings) {
+  const RGBA in(1.5f, 0.25f, -0.5f, -2);
+  const float greyIn = 1.5f;
+  const struct {
+    TransfoFlags flags;
+    ApplyTransformOpts options;
+    RGBA out;
+    float greyOut;
+  } cases[] = {
+      // Normal inversion inverts red and green and clamps all three; normal green clamps all three and
+      // inverts green; grey ignores both.
+      {TF_InvertedNormal | TF_InvertedNormalGreen, ATO_Inversions, {0, 0.25f, 0, -2}, greyIn},
+      {TransfoFlags(TF_InvertedNormalGreen), ATO_Inversions, {1, 0.75f, 0, -2}, greyIn},
+      // Colour inversion wins over normal inversion and applies to grey; alpha inversion clamps.
+      {TF_InvertedColor | TF_InvertedNormal | TF_InvertedAlpha, ATO_Inversions, {0, 0.75f, 1, 1}, 0},
+      {TF_InvertedColor | TF_InvertedAlpha, ATO_Geometry | ATO_ExposureContrast, in, greyIn},
+      {TransfoFlags(TF_ExposureContrast), ATO_ExposureContrast, {2, 0, 0, -2}, 2},
+      {TransfoFlags(TF_ExposureContrast), ATO_Geometry | ATO_Inversions, in, greyIn},
+      {TransfoFlags(), ATO_ExposureContrast, in, greyIn},
+  };
   ImageTransformations t;
-  t.SetInvertedNormal(true);
-  t.SetInvertedNormalGreen(true);
-  RGB c(0.2f, 0.3f, 0.4f);
-  t.ApplyTransform(c, ATO_Inversions);
-  EXPECT_FLOAT_EQ(c.r, 0.8f);
-  EXPECT_FLOAT_EQ(c.g, 0.3f);
-  EXPECT_EQ(c.b, 0.4f);
-  // Normal inversion clamps blue without inverting it; grey ignores the normal flags.
-  t.SetInvertedNormalGreen(false);
-  c = {1.2f, -0.5f, 1.4f};
-  float grey = 1.5f;
-  t.ApplyTransform(c, ATO_Inversions);
-  t.ApplyTransform(grey, ATO_Inversions);
-  EXPECT_TRUE(c == RGB(0.0f, 1.0f, 1.0f) && grey == 1.5f);
-
-  t.SetInvertedColor(true);
-  t.SetInvertedAlpha(true);
-  LinearRGBA_T<float> rgba(1.5f, -0.5f, 0.25f, -2.0f);
-  t.ApplyTransform(rgba, ATO_Geometry | ATO_ExposureContrast);
-  t.ApplyTransform(rgba, ATO_Inversions);
-  t.ApplyTransform(grey, ATO_Inversions);
-  EXPECT_TRUE(rgba == LinearRGBA_T<float>(0.0f, 1.0f, 0.75f, 1.0f) && grey == 0.0f);
-
-  ImageTransformations e;
-  e.SetExposure(0.1f);
-  e.SetContrast(1.0f);
-  grey = 0.25f;
-  e.ApplyTransform(grey, ATO_ExposureContrast);
-  EXPECT_EQ(grey, 0.6f);
-  c = {0.25f, 0.5f, 2.0f};
-  e.ApplyTransform(c, ATO_None);
-  e.SetExposure(-1.0f);
-  e.ApplyTransform(c, ATO_ExposureContrast);
-  EXPECT_EQ(c, RGB(0.0f, 0.0f, 3.0f));
-  // Values restored with the flag clear are carried but not applied.
-  e.SetFlags(TransfoFlags());
-  e.ApplyTransform(c, ATO_ExposureContrast);
-  EXPECT_EQ(c, RGB(0.0f, 0.0f, 3.0f));
+  t.SetExposureContrastRaw(-1.0f, 1.0f);
+  for (const auto& c : cases) {
+    t.SetFlags(c.flags);
+    RGBA rgba = in;
+    float grey = greyIn;
+    t.ApplyTransform(rgba, c.options);
+    t.ApplyTransform(grey, c.options);
+    EXPECT_TRUE(rgba == c.out && grey == c.greyOut) << "case " << &c - cases;
+    EXPECT_EQ(t.HasExposureOrContrast(), c.flags.IsSet(TF_ExposureContrast)) << "case " << &c - cases;
+  }
 }
 
 TEST(ImageTransformations, EqualityAndDigests) {
   ImageTransformations a, b;
-  EXPECT_TRUE(a == b && a.GetDigest() == b.GetDigest());
   b.DPI(300);
   EXPECT_TRUE(a != b && a.GetDigest() != b.GetDigest());
-
   b.SetRotationAngle(90.0f);
   b.SetExposure(0.5f);
   b.SetContrast(-0.25f);
