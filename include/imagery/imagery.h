@@ -19,8 +19,10 @@
 #include "imagery_host/zel_path.h"
 #include "imagery_host/zel_string.h"
 
+#include "imagery/channel_ops.h"
 #include "imagery/color.h"
 #include "imagery/colour_spaces.h"
+#include "imagery/conversions.h"
 #include "imagery/gamma.h"
 #include "imagery/gamma_settings.h"
 #include "imagery/gamma_tables.h"
@@ -36,6 +38,7 @@
 #include "imagery/pixel_tasks.h"
 #include "imagery/process_pixels.h"
 #include "imagery/read_options.h"
+#include "imagery/resample.h"
 #include "imagery/resource_text.h"
 #include "imagery/tags.h"
 #include "imagery/transformations.h"
