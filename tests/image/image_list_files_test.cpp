@@ -68,6 +68,7 @@ class ImageListFiles : public ::testing::Test {
   ImageList& list_ = ImageList::Instance();
   TempFolder folder_;
   using Force = zellib::TaggedValue<bool, ForceReloadOnUpdateTag>;
+  using AutoScale = zellib::TaggedValue<bool, AutoScaleGrayScaleTag>;
 };
 
 TEST_F(ImageListFiles, UpdateReloadsChangedFilesAndHandlesFollow) {
@@ -115,6 +116,97 @@ TEST_F(ImageListFiles, UpdateSynchronizedReloadsAndShortensChains) {
   EXPECT_NEAR(Grey(image), 0.6f, 1.0f / 255);
   EXPECT_TRUE(unsynchronised.IsMostRecentVersion());
   EXPECT_NEAR(Grey(unsynchronised), 0.2f, 1.0f / 255);
+}
+
+TEST_F(ImageListFiles, LoadSharesARegisteredVersionOfTheFile) {
+  const ZELPath path = Write("brick.txt", "4 3 0.5 1");
+  Image first = Read(path, IT_RGB8);
+  Image second;
+  EXPECT_TRUE(list_.Load(&second, path, IT_RGB8, AutoScale(false)));
+  EXPECT_EQ(second.GetImpl(), first.GetImpl());
+
+  // Known under another name too.
+  const ZELPath alias(L"/elsewhere/brick.txt");
+  first.AddOriginalLocation(alias.GetString());
+  Image third;
+  EXPECT_TRUE(list_.Load(&third, alias, IT_RGB8, AutoScale(false)));
+  EXPECT_EQ(third.GetImpl(), first.GetImpl());
+
+  Image none;
+  EXPECT_FALSE(list_.Load(&none, ZELPath(), IT_RGB8, AutoScale(false)));
+  EXPECT_FALSE(list_.Load(&none, path, IT_UNDEFINED, AutoScale(false)));
+  EXPECT_FALSE(list_.Load(&none, ToZELPath(folder_.path() / "other.txt"), IT_RGB8, AutoScale(false)));
+
+  // A changed file is not shared.
+  Touch(path);
+  EXPECT_FALSE(list_.Load(&none, path, IT_RGB8, AutoScale(false)));
+  EXPECT_TRUE(none.IsEmpty());
+}
+
+TEST_F(ImageListFiles, LoadIgnoresPlaceholdersAndWorkCopies) {
+  const ZELPath path = Write("tiny.txt", "1 1 0.5 1");
+  Image tiny = Read(path, IT_RGB8);
+  Image none;
+  EXPECT_FALSE(list_.Load(&none, path, IT_RGB8, AutoScale(false)));
+
+  const ZELPath big = Write("work.txt", "3 3 0.5 1");
+  Image original = Read(big, IT_RGB8);
+  std::unique_ptr<Image> work(original.DeepCopy());
+  original.Reset();
+  EXPECT_FALSE(list_.Load(&none, big, IT_RGB8, AutoScale(false)));
+}
+
+TEST_F(ImageListFiles, LoadFallsBackToAnotherFormatAndConvertsIt) {
+  const ZELPath path = Write("glass.txt", "5 2 0.25 0.5");
+  Image rgba = Read(path, IT_RGBA8);
+  Image rgb;
+  ASSERT_TRUE(list_.Load(&rgb, path, IT_RGB8, AutoScale(false)));
+  EXPECT_EQ(rgb.ImageType(), IT_RGB8);
+  EXPECT_NE(rgb.GetImpl(), rgba.GetImpl());
+  EXPECT_EQ(rgba.ImageType(), IT_RGBA8);  // the shared version is untouched
+  EXPECT_FLOAT_EQ(Grey(rgb), Grey(rgba));
+
+  // 16-bit grey may not stand on 8-bit colour; 8-bit grey may.
+  Image grey;
+  EXPECT_FALSE(list_.Load(&grey, path, IT_Grayscale16, AutoScale(false)));
+  ASSERT_TRUE(list_.Load(&grey, path, IT_Grayscale8, AutoScale(false)));
+  EXPECT_EQ(grey.ImageType(), IT_Grayscale8);
+  EXPECT_NEAR(Grey(grey), Grey(rgba), 1.0f / 255);
+}
+
+TEST_F(ImageListFiles, ReplaceReachesEveryFormatOfTheFile) {
+  const ZELPath path = Write("wall.txt", "4 4 0.2 1");
+  Image colour = Read(path, IT_RGB8);
+  Image grey = Read(path, IT_Grayscale16);
+  Image replacement = Read(Write("new_wall.txt", "4 4 0.8 1"), IT_RGBA8);
+
+  list_.Replace(path, replacement);
+  EXPECT_TRUE(colour.UpdateImage());
+  EXPECT_TRUE(grey.UpdateImage());
+  EXPECT_EQ(colour.ImageType(), IT_RGB8);
+  EXPECT_EQ(grey.ImageType(), IT_Grayscale16);
+  EXPECT_NEAR(Grey(colour), 0.8f, 1.0f / 255);
+  EXPECT_NEAR(Grey(grey), 0.8f, 1.0f / 255);
+
+  // Replacing from a file, and the no-loop link.
+  Write("newer_wall.txt", "4 4 0.4 1");
+  list_.Replace(colour.GetImpl(), ToZELPath(folder_.path() / "newer_wall.txt"));
+  EXPECT_TRUE(colour.UpdateImage());
+  EXPECT_NEAR(Grey(colour), 0.4f, 1.0f / 255);
+  boost::scoped_ptr<Image> same(new Image(colour));
+  EXPECT_FALSE(list_.NextImplNoLoop(colour.GetImpl(), same));
+}
+
+TEST_F(ImageListFiles, ReloadedTexturesKeepTheirReducedSize) {
+  const ZELPath path = Write("big.txt", "8 4 0.5 1");
+  Image image = Read(path, IT_RGB8);
+  image.GetImplRef().CreateBackupDownSampling();
+  image.GetImplRef().Plane().Alloc(4, 2, IT_RGB8, gamma::Linear);
+  Touch(path);
+  ASSERT_TRUE(list_.Update(image.GetImpl(), Force(false)));
+  image.UpdateImage();
+  EXPECT_EQ(image.Width(), 4);
+  EXPECT_EQ(image.Height(), 2);
 }
 
 }  // namespace
