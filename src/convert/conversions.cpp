@@ -198,41 +198,52 @@ void ToRGBEA(Image& image) {
   ConvertImage(image, IT_RGBEA, gamma::Linear, CAI_Care, Layout::RGBEA, GreyStretch());
 }
 
-void ToImageType(Image& image, EImageType target, bool addAlphaIfMissing) {
-  if (image.ImageType() == target || target == IT_UNDEFINED)
-    return;
-  const AlphaConversionOptions options(HasAlpha(target) || target > IT_UNDEFINED, addAlphaIfMissing);
-  const GammaSettings& settings = GetCurrentGammaSettings();
+namespace {
+// The conversion to `target` shared by ToImageType and FormatImageInExpectedFormat; they differ in the
+// gamma of the integer targets and in whether grey targets consult the image list and auto-scale.
+template <class GammaFor>
+void ConvertToType(Image& image, EImageType target, GammaFor gammaFor, const AlphaConversionOptions& options,
+                   bool listAndAutoScale) {
   switch (target) {
     case IT_RGB8:
     case IT_RGBA8:
-      ToRGB8(image, settings.OutputGamma(IT_RGB8), options, CAI_Care);
+      ToRGB8(image, gammaFor(IT_RGB8), options, CAI_Care);
       break;
     case IT_Grayscale8:
-      ToGrayscale8(image, settings.OutputGamma(IT_Grayscale8), CheckInImageList(true),
-                   AutoScaleGrayScale(true), InvertGrayRange(false), CAI_Care);
+      ToGrayscale8(image, gammaFor(IT_Grayscale8), CheckInImageList(listAndAutoScale),
+                   AutoScaleGrayScale(listAndAutoScale), InvertGrayRange(false), CAI_Care);
       break;
     case IT_RGBEA:
       ToRGBEA(image);
       break;
     case IT_RGB16:
     case IT_RGBA16:
-      ToRGB16(image, settings.OutputGamma(IT_RGB16), options);
+      ToRGB16(image, gammaFor(IT_RGB16), options);
       break;
     case IT_Grayscale16:
-      ToGrayscale16(image, settings.OutputGamma(IT_Grayscale16), CheckInImageList(true),
-                    AutoScaleGrayScale(true));
+      ToGrayscale16(image, gammaFor(IT_Grayscale16), CheckInImageList(listAndAutoScale),
+                    AutoScaleGrayScale(listAndAutoScale));
       break;
     case IT_RGB32f:
     case IT_RGBA32f:
       ToRGB32f(image, options);
       break;
     case IT_Grayscale32f:
-      ToGrayScale32f(image, CheckInImageList(true), AutoScaleGrayScale(true));
+      ToGrayScale32f(image, CheckInImageList(listAndAutoScale), AutoScaleGrayScale(listAndAutoScale));
       break;
     default:
       break;
   }
+}
+}  // namespace
+
+void ToImageType(Image& image, EImageType target, bool addAlphaIfMissing) {
+  if (image.ImageType() == target || target == IT_UNDEFINED)
+    return;
+  const AlphaConversionOptions options(HasAlpha(target) || target > IT_UNDEFINED, addAlphaIfMissing);
+  const GammaSettings& settings = GetCurrentGammaSettings();
+  ConvertToType(
+      image, target, [&settings](EImageType type) { return settings.OutputGamma(type); }, options, true);
 }
 
 EColorMode FormatImageInExpectedFormat(Image& image, EImageType expected) {
@@ -240,35 +251,8 @@ EColorMode FormatImageInExpectedFormat(Image& image, EImageType expected) {
     return GetColorModeFromImageType(expected);
   const GammaValue gamma = image.GetGamma();
   const AlphaConversionOptions options(HasAlpha(expected), true);
-  switch (expected) {
-    case IT_RGB8:
-    case IT_RGBA8:
-      ToRGB8(image, gamma, options, CAI_Care);
-      break;
-    case IT_Grayscale8:
-      ToGrayscale8(image, gamma, CheckInImageList(false), AutoScaleGrayScale(false), InvertGrayRange(false),
-                   CAI_Care);
-      break;
-    case IT_RGBEA:
-      ToRGBEA(image);
-      break;
-    case IT_RGB16:
-    case IT_RGBA16:
-      ToRGB16(image, gamma, options);
-      break;
-    case IT_Grayscale16:
-      ToGrayscale16(image, gamma, CheckInImageList(false), AutoScaleGrayScale(false));
-      break;
-    case IT_RGB32f:
-    case IT_RGBA32f:
-      ToRGB32f(image, options);
-      break;
-    case IT_Grayscale32f:
-      ToGrayScale32f(image, CheckInImageList(false), AutoScaleGrayScale(false));
-      break;
-    default:
-      break;
-  }
+  ConvertToType(
+      image, expected, [gamma](EImageType) { return gamma; }, options, false);
   const GammaValue now = image.GetGamma();
   if (now != gamma) {
     ZEL_LOG_AT(L"gamma", L"DEBUG", "Imagery/ImgUtils", "FormatImageInExpectedFormat", __LINE__,
