@@ -128,9 +128,9 @@ std::unique_ptr<Image> Reference(const Image& source, int width, int height, boo
   return ReferencePass(source, width, height, keepAspect, white);
 }
 
-Image RandomImage(int width, int height, EImageType type, GammaValue gamma, unsigned seed) {
+Image RandomImage(int width, int height, EImageType type, GammaValue gamma, unsigned start) {
   Image image(width, height, type, gamma);
-  std::mt19937 random(seed);
+  std::mt19937 random(start);
   std::uniform_real_distribution<float> value(-0.05f, 1.1f);
   std::uniform_real_distribution<float> alpha(0.0f, 1.0f);
   PixelPlane& plane = image.GetImplRef().Plane();
@@ -202,14 +202,14 @@ TEST(Resample, MatchesThePlainComputationOnEveryFormat) {
       {23, 19, 61, 47, true, true},
       {45, 40, 40, 45, false, false},
   };
-  unsigned seed = 1;
+  unsigned stream = 1;
   for (const Format& format : kFormats) {
     for (const Case& c : cases) {
       SCOPED_TRACE(::testing::Message()
                    << "format " << int(format.type) << " gamma " << format.gamma.Value() << ", " << c.w << "x"
                    << c.h << " -> " << c.targetW << "x" << c.targetH << (c.keep ? " keeping aspect" : "")
                    << (c.white ? " white" : ""));
-      Image image = RandomImage(c.w, c.h, format.type, format.gamma, seed++);
+      Image image = RandomImage(c.w, c.h, format.type, format.gamma, stream++);
       const std::unique_ptr<Image> expected = Reference(image, c.targetW, c.targetH, c.keep, c.white);
       ResampleOpts options;
       options.keepAspectRatio = c.keep;
