@@ -181,7 +181,8 @@ int GetOptimizedMaxJobThreadAllowed(int requested, long long count) {
     return 1;
   }
   const int machine = GetScheduler<SchedulerType::Default>().GetWorkerCount() + 1;
-  const int limit = requested >= 1 ? std::min(requested, machine) : machine;
+  const int cap = requested >= 1 ? requested : GetJobThreadLimit();
+  const int limit = cap >= 1 ? std::min(cap, machine) : machine;
   return static_cast<int>(std::min<long long>(limit, count));
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 
 namespace tools {
 namespace {
@@ -11,6 +12,10 @@ namespace {
 // Long enough not to spin, short enough that a wake-up lost between a waiter's last look at its tasks
 // and its sleep costs nothing noticeable.
 constexpr std::chrono::milliseconds kIdleWait{2};
+
+constexpr long kMaxConfiguredWorkers = 256;
+
+std::atomic<int> jobThreadLimit{0};
 
 // Wakes threads waiting for tasks to finish. Deliberately never destroyed: workers of any scheduler,
 // including one being torn down at exit, may still finish tasks.
@@ -119,7 +124,21 @@ void CScheduler::AddTask(const std::shared_ptr<CTask>& task) {
   wake_.notify_one();
 }
 
+void SetJobThreadLimit(int limit) {
+  jobThreadLimit.store(std::max(limit, 0), std::memory_order_relaxed);
+}
+
+int GetJobThreadLimit() {
+  return jobThreadLimit.load(std::memory_order_relaxed);
+}
+
 int CScheduler::DefaultWorkerCount() {
+  if (const char* configured = std::getenv("IMAGERY_WORKER_THREADS")) {
+    char* end = nullptr;
+    const long count = std::strtol(configured, &end, 10);
+    if (end != configured && *end == '\0' && count >= 1 && count <= kMaxConfiguredWorkers)
+      return static_cast<int>(count);
+  }
   const int hardware = static_cast<int>(std::thread::hardware_concurrency());
   return std::max(1, hardware - 1);
 }

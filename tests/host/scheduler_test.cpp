@@ -4,11 +4,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "imagery_host/parallel.h"
 #include "imagery_host/scheduler.h"
 
 namespace {
@@ -121,3 +124,45 @@ TEST(CScheduler, QueuedTasksOfAStoppedSchedulerAreLeftToTheirWaiters) {
 }
 
 }  // namespace
+
+TEST(CScheduler, WorkerCountFromTheEnvironmentAndTheJobThreadLimit) {
+  const char* const saved = std::getenv("IMAGERY_WORKER_THREADS");
+  const std::string savedValue = saved ? saved : "";
+  ::unsetenv("IMAGERY_WORKER_THREADS");
+  const int fromHardware = tools::CScheduler::DefaultWorkerCount();
+  EXPECT_GE(fromHardware, 1);
+  ::setenv("IMAGERY_WORKER_THREADS", "7", 1);
+  EXPECT_EQ(tools::CScheduler::DefaultWorkerCount(), 7);
+  for (const char* ignored : {"0", "-3", "257", "4x", ""}) {
+    ::setenv("IMAGERY_WORKER_THREADS", ignored, 1);
+    EXPECT_EQ(tools::CScheduler::DefaultWorkerCount(), fromHardware) << '"' << ignored << '"';
+  }
+  if (saved)
+    ::setenv("IMAGERY_WORKER_THREADS", savedValue.c_str(), 1);
+  else
+    ::unsetenv("IMAGERY_WORKER_THREADS");
+
+  // Under a limit of 1 the waiting thread runs every task itself, in the waiting order.
+  const std::thread::id caller = std::this_thread::get_id();
+  std::vector<int> order;
+  bool allOnCaller = true;
+  TaskList tasks;
+  for (int i = 0; i < 50; ++i)
+    tasks.push_back(std::make_shared<Task>([i, caller, &order, &allOnCaller] {
+      allOnCaller = allOnCaller && std::this_thread::get_id() == caller;
+      order.push_back(i);
+    }));
+  {
+    const tools::ScopedJobThreadLimit oneThread(1);
+    EXPECT_EQ(tools::GetJobThreadLimit(), 1);
+    tools::ProcessAndWaitTasks(tasks, true);
+    // Loops that leave the choice to the library get one thread; explicit requests are kept.
+    const int machine = tools::GetScheduler<tools::SchedulerType::Default>().GetWorkerCount() + 1;
+    EXPECT_EQ(tools::multiproc::GetOptimizedMaxJobThreadAllowed(-2, 1000), 1);
+    EXPECT_EQ(tools::multiproc::GetOptimizedMaxJobThreadAllowed(2, 1000), std::min(2, machine));
+  }
+  EXPECT_EQ(tools::GetJobThreadLimit(), 0);
+  EXPECT_TRUE(allOnCaller);
+  ASSERT_EQ(order.size(), 50u);
+  EXPECT_TRUE(std::is_sorted(order.rbegin(), order.rend()));
+}

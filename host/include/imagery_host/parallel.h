@@ -73,7 +73,8 @@ struct ParallelContext {
 using LoopBody = boost::function<void(long long, const ParallelContext*)>;
 
 // Number of threads for a loop of `count` iterations: the pool's workers plus the caller, no more than
-// `requested` when that is 1 or more, never more than `count`, and at least 1.
+// `requested` when that is 1 or more, otherwise no more than tools::GetJobThreadLimit() when one is set,
+// never more than `count`, and at least 1.
 int GetOptimizedMaxJobThreadAllowed(int requested, long long count);
 
 // Calls body(i, context) exactly once for every i in [begin, end) and returns when all calls are over.

@@ -98,6 +98,8 @@ class CScheduler {
 
   // The size of the process-wide pool: one worker per hardware thread but one, since the thread that
   // waits for its tasks helps run them, and never fewer than one, so that tasks nobody waits for run.
+  // The environment variable IMAGERY_WORKER_THREADS (1 to 256) overrides it, so that a machine can be
+  // given more or fewer workers than its processors suggest.
   static int DefaultWorkerCount();
 
  private:
@@ -116,6 +118,25 @@ template <SchedulerType Type>
 CScheduler& GetScheduler();
 template <>
 CScheduler& GetScheduler<SchedulerType::Default>();
+
+// A process-wide cap on the threads working on one job (a parallel loop that leaves the choice to the
+// library, or a list of tasks waited for), for hosts that share the machine with other work and for
+// runs compared across thread counts. 0, the default, means no cap; negative values count as 0.
+void SetJobThreadLimit(int limit);
+int GetJobThreadLimit();
+
+// Sets the job thread limit for the lifetime of the object and restores the previous one afterwards.
+// The limit is one process-wide value: scopes on different threads do not nest.
+class ScopedJobThreadLimit {
+ public:
+  explicit ScopedJobThreadLimit(int limit) : previous_(GetJobThreadLimit()) { SetJobThreadLimit(limit); }
+  ~ScopedJobThreadLimit() { SetJobThreadLimit(previous_); }
+  ScopedJobThreadLimit(const ScopedJobThreadLimit&) = delete;
+  ScopedJobThreadLimit& operator=(const ScopedJobThreadLimit&) = delete;
+
+ private:
+  int previous_;
+};
 
 // With a task: claims it and runs it on the calling thread, unless another thread has taken it already
 // (then returns at once). With an empty pointer: waits until some task finishes, at most a couple of
@@ -147,7 +168,8 @@ std::shared_ptr<CTask> GetTaskToDo(std::vector<TaskPointer>& pending) {
 }
 
 // Submits every task and returns once all are finished; the calling thread runs the tasks that no
-// worker has taken yet, so a wait never idles while work is queued.
+// worker has taken yet, so a wait never idles while work is queued. Under a job thread limit of 1 the
+// calling thread runs them all itself, in the same order.
 template <class TaskPointer>
 void ProcessAndWaitTasks(const std::vector<TaskPointer>& tasks, bool mayBlock) {
   if (tasks.empty())
@@ -158,9 +180,11 @@ void ProcessAndWaitTasks(const std::vector<TaskPointer>& tasks, bool mayBlock) {
     if (task)
       pending.push_back(task);
   }
-  CScheduler& scheduler = GetScheduler<SchedulerType::Default>();
-  for (const TaskPointer& task : pending)
-    scheduler.AddTask(task);
+  if (GetJobThreadLimit() != 1) {
+    CScheduler& scheduler = GetScheduler<SchedulerType::Default>();
+    for (const TaskPointer& task : pending)
+      scheduler.AddTask(task);
+  }
   while (!pending.empty()) {
     const std::shared_ptr<CTask> task = GetTaskToDo(pending);
     ProcessOrSleep(task, mayBlock);
