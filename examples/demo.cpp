@@ -1,11 +1,13 @@
 // Example program: walks through what the library offers so far and prints what it did.
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <numeric>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "imagery/imagery.h"
@@ -208,15 +210,177 @@ void ShowImagesAndChannels() {
               gammas.ScreenGamma().Value());
 }
 
+// The host application reads picture files. Like a host's reader, this one first asks the image list
+// for a version of the file it already holds (in the requested format, or converted from another),
+// unless the library is reloading the file; otherwise it reads binary PPM (P6, 8-bit) and converts.
+zel::ErrorCode ReadPPM(imagery::Image* image, const ZELPath& path, imagery::EImageType type, int*,
+                       const imagery::ReadOptions& options) {
+  if (!options.bypassReaderCache &&
+      imagery::ImageList::Instance().Load(image, path, type, imagery::AutoScaleGrayScale(false)))
+    return zel::ErrorCode();
+  std::ifstream in(path.local_string(), std::ios::binary);
+  std::string magic;
+  int width = 0, height = 0, maxValue = 0;
+  in >> magic;
+  for (int* field : {&width, &height, &maxValue}) {
+    while (in >> std::ws && in.peek() == '#')
+      in.ignore(1 << 20, '\n');
+    in >> *field;
+  }
+  if (!in || magic != "P6" || maxValue != 255 || width < 1 || height < 1 || width > 16384 || height > 16384)
+    return zel::ErrorCode::Io("not an 8-bit binary PPM");
+  in.get();
+  std::vector<unsigned char> rgb(static_cast<std::size_t>(width) * height * 3);
+  if (!in.read(reinterpret_cast<char*>(rgb.data()), static_cast<std::streamsize>(rgb.size())))
+    return zel::ErrorCode::Io("truncated PPM");
+  imagery::Image loaded(width, height, imagery::IT_RGB8, imagery::gamma::sRGB);
+  imagery::PixelPlane& plane = loaded.GetImplRef().Plane();
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) {
+      const unsigned char* source = rgb.data() + (static_cast<std::size_t>(y) * width + x) * 3;
+      unsigned char* stored = plane.PixelAddress(x, y);
+      stored[0] = source[2];
+      stored[1] = source[1];
+      stored[2] = source[0];
+    }
+  loaded.SetFilePath(path);
+  loaded.UpdateLastModif();
+  imagery::ToImageType(loaded, type, false);
+  *image = loaded;
+  return zel::ErrorCode();
+}
+
+double MillisecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+}
+
+template <class F>
+double Time(F&& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return MillisecondsSince(start);
+}
+
+// Loads the bundled sample through the image list: the same file asked for twice is read once, a
+// change on disk is picked up, and every format is a conversion away.
+void ShowImageList(const std::filesystem::path& sample) {
+  using namespace imagery;
+  std::cout << "The image list and the bundled sample " << sample.filename().string() << '\n';
+  ImageFactory::GetInstance().SetAdditionalFeaturesFunc(&ReadPPM);
+  const auto folder = std::filesystem::temp_directory_path() / "imagery_demo_list";
+  std::filesystem::create_directories(folder);
+  const auto file = folder / "brick_Color.ppm";
+  std::filesystem::copy_file(sample, file, std::filesystem::copy_options::overwrite_existing);
+  const ZELPath path(ZELString::FromUTF8(file.string()));
+
+  Image first, second, grey;
+  int extra = 0;
+  const bool read = first.ReadFromSource(path, IT_RGB8, extra, ReadOptions()).IsOk();
+  second.ReadFromSource(path, IT_RGB8, extra, ReadOptions());
+  grey.ReadFromSource(path, IT_Grayscale8, extra, ReadOptions());
+  std::printf("  read: %s, %d x %d; the second reader shares the first one's pixels: %s\n",
+              read ? "yes" : "no", first.Width(), first.Height(),
+              first.GetImpl() == second.GetImpl() ? "yes" : "no");
+  std::cout << "  the same file asked for in 8-bit grey comes from the list, converted: "
+            << HumanReadableBitDepth(grey.ImageType()) << " " << HumanReadableColorType(grey.ImageType())
+            << ", " << ImageList::Instance().CountImages() << " images registered\n";
+
+  Image small(first);
+  Resample(small, 12, 8, ResampleOpts());
+  std::cout << "  reduced to 12 x 8 by area averaging (grey 0-9):\n";
+  PrintGrid(small);
+
+  // Overwrite the file with a flat grey picture and move its time forward, as an editor saving would.
+  {
+    std::ofstream out(file, std::ios::binary);
+    out << "P6\n4 4\n255\n" << std::string(48, '\x80');
+  }
+  std::filesystem::last_write_time(file, std::filesystem::last_write_time(file) + std::chrono::hours(1));
+  const bool reloaded = ImageList::Instance().UpdateSynchronized();
+  const bool moved = first.UpdateImage();
+  LinearRGB_T<float> colour{};
+  first.GetPixelRGB(0, 0, colour, ATO_None);
+  std::printf(
+      "  after the file changed on disk: reloaded %s, the handle moved to the new version %s, now %d x "
+      "%d with red %.3f\n\n",
+      reloaded ? "yes" : "no", moved ? "yes" : "no", first.Width(), first.Height(), colour.r);
+  ImageFactory::GetInstance().SetAdditionalFeaturesFunc(nullptr);
+  std::filesystem::remove_all(folder);
+}
+
+void ShowChannelOperations() {
+  using namespace imagery;
+  std::cout << "Channel and region operations\n";
+  Image canvas(16, 6, IT_RGBA8, gamma::sRGB);
+  drawLine(canvas, zel::TPoint2<float>(0, 0), zel::TPoint2<float>(15, 5), LinearRGB_T<float>{1, 1, 1},
+           LinearRGB_T<float>{0.1f, 0.1f, 0.1f});
+  std::cout << "  a ramp drawn from (0, 0) to (15, 5):\n";
+  PrintGrid(canvas);
+  CropImage(canvas, glm::tvec2<int>(4, 1), glm::tvec2<unsigned long>(8, 4));
+  std::cout << "  cropped to 8 x 4 from (4, 1):\n";
+  PrintGrid(canvas);
+  ExtractAlphaInformation(canvas, CheckInImageList(false), InvertGrayRange(false));
+  std::cout << "  its alpha as an image: " << canvas << '\n';
+
+  Image normals(1, 1, IT_RGB8, gamma::Linear);
+  normals.GetImplRef().Plane().PixelAddress(0, 0)[0] = 200;  // a tilted, unnormalised normal
+  NormalizeNormalMap<IT_RGB8>(normals);
+  const unsigned char* n = normals.GetImplRef().Plane().PixelAddress(0, 0);
+  std::printf("  normal bytes (b g r) 200 0 0 renormalised to %d %d %d\n\n", n[0], n[1], n[2]);
+}
+
+// A 4096 x 4096 float texture through the operations that matter on big images, each timed next to a
+// plain copy of the same bytes.
+void ShowBigImageTimings() {
+  using namespace imagery;
+  constexpr int kSize = 4096;
+  std::cout << "A " << kSize << " x " << kSize << " RGBA float texture on up to "
+            << tools::multiproc::GetOptimizedMaxJobThreadAllowed(-2, kSize) << " threads\n";
+  Image texture(kSize, kSize, IT_RGBA32f, gamma::Linear);
+  PixelPlane& plane = texture.GetImplRef().Plane();
+  std::mt19937 random(11);
+  std::uniform_real_distribution<float> light(0.0f, 1.0f);
+  std::vector<float> row(static_cast<std::size_t>(kSize) * 4);
+  for (int y = 0; y < kSize; ++y) {
+    for (float& value : row)
+      value = light(random);
+    std::memcpy(plane.Row(y), row.data(), row.size() * sizeof(float));
+  }
+  std::vector<unsigned char> copy(plane.ByteSize());
+  const double copyMs = Time([&] { std::memcpy(copy.data(), plane.Data(), copy.size()); });
+  copy.clear();
+  copy.shrink_to_fit();
+
+  Image encoded(texture);
+  const double encodeMs = Time([&] { ToRGB8(encoded, gamma::sRGB, AlphaConversionOptions(), CAI_DontCare); });
+  Image grey(texture);
+  const double greyMs =
+      Time([&] { ToGrayscale16(grey, gamma::sRGB, CheckInImageList(false), AutoScaleGrayScale(true)); });
+  Image reduced(texture);
+  const double reduceMs = Time([&] { Resample(reduced, kSize / 4, kSize / 4, ResampleOpts()); });
+  std::printf("  memcpy of its %zu MB: %.1f ms\n", static_cast<std::size_t>(plane.ByteSize() >> 20), copyMs);
+  std::printf("  to 8-bit sRGB with alpha: %.1f ms\n", encodeMs);
+  std::printf("  to auto-scaled 16-bit grey: %.1f ms\n", greyMs);
+  std::printf("  reduced to %d x %d by exact area weights: %.1f ms\n", reduced.Width(), reduced.Height(),
+              reduceMs);
+  LinearRGBA_T<float> centre{};
+  reduced.GetPixelRGBA(kSize / 8, kSize / 8, centre, ATO_None);
+  std::printf("  a reduced pixel averages 256 random values: (%.3f, %.3f, %.3f, %.3f)\n\n", centre.r,
+              centre.g, centre.b, centre.a);
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
   std::cout << "imagery demo\n\n";
   ShowGammaCurves();
   DecodePlaneInParallel();
   ShowColourSpaces();
   RoundTripThroughTheSceneStream();
   ShowImagesAndChannels();
+  ShowImageList(argc > 1 ? std::filesystem::path(argv[1]) : std::filesystem::path(IMAGERY_DEMO_SAMPLE));
+  ShowChannelOperations();
+  ShowBigImageTimings();
   UseSettingsAndLogger();
   return 0;
 }
