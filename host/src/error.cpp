@@ -16,9 +16,13 @@ ErrorCode ErrorCode::Internal(const std::string& tag, const std::string& detail)
   return ErrorCode(exception::InternalError(tag, detail));
 }
 
-ErrorCode ErrorCode::UserCancelled() { return ErrorCode(Kind::UserCancel, std::string(), "user cancel"); }
+ErrorCode ErrorCode::UserCancelled() {
+  return ErrorCode(Kind::UserCancel, std::string(), "user cancel");
+}
 
-ErrorCode ErrorCode::Io(const std::string& message) { return ErrorCode(Kind::IoError, std::string(), message); }
+ErrorCode ErrorCode::Io(const std::string& message) {
+  return ErrorCode(Kind::IoError, std::string(), message);
+}
 
 std::string ErrorCode::ToString() const {
   switch (kind_) {
