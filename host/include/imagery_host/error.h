@@ -43,7 +43,9 @@ class ErrorCode {
   // "ok", "user cancel", the tag (with its detail), or the I/O message.
   std::string ToString() const;
 
-  friend bool operator==(const ErrorCode& a, const ErrorCode& b) { return a.kind_ == b.kind_ && a.tag_ == b.tag_; }
+  friend bool operator==(const ErrorCode& a, const ErrorCode& b) {
+    return a.kind_ == b.kind_ && a.tag_ == b.tag_;
+  }
   friend bool operator!=(const ErrorCode& a, const ErrorCode& b) { return !(a == b); }
 
  private:
@@ -56,6 +58,8 @@ class ErrorCode {
 };
 
 // True for the code of an operation the user cancelled, which callers may treat as success.
-inline bool IsUserCancel(const ErrorCode& code) { return code.GetKind() == ErrorCode::Kind::UserCancel; }
+inline bool IsUserCancel(const ErrorCode& code) {
+  return code.GetKind() == ErrorCode::Kind::UserCancel;
+}
 
 }  // namespace zel

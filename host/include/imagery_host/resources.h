@@ -30,7 +30,8 @@ class ResourceNumericId {
   enum class Kind { Empty, Crc, Integer };
 
   ResourceNumericId() = default;
-  ResourceNumericId(Tools::CRC crc) : kind_(Kind::Crc), value_(crc.value) {}  // NOLINT(google-explicit-constructor)
+  ResourceNumericId(Tools::CRC crc)
+      : kind_(Kind::Crc), value_(crc.value) {}  // NOLINT(google-explicit-constructor)
   static ResourceNumericId FromInteger(int value);
 
   Kind GetKind() const { return kind_; }
