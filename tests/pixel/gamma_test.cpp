@@ -195,8 +195,10 @@ std::vector<float> EncoderInputs(GammaValue g, int ulps) {
     inputs.push_back(FromBits(b));
   const float inf = std::numeric_limits<float>::infinity();
   inputs.insert(inputs.end(),
-                {-0.0f, std::numeric_limits<float>::denorm_min(), -5.0f, 1.0000001f, inf, -inf, std::nanf(""),
-                 0.0031308f, std::nextafter(0.0031308f, 1.0f), 0.0523f, std::nextafter(0.0523f, 1.0f)});
+                {-0.0f, std::numeric_limits<float>::denorm_min(), -std::numeric_limits<float>::denorm_min(),
+                 std::numeric_limits<float>::min(), 3e-39f, -5.0f, -1e30f, 1.0000001f, 2.0f, 1e30f, inf, -inf,
+                 std::nanf(""), -std::nanf(""), 0.0031308f, std::nextafter(0.0031308f, 1.0f), 0.0523f,
+                 std::nextafter(0.0523f, 1.0f)});
   return inputs;
 }
 
@@ -220,6 +222,21 @@ void ExpectEncoderMatchesReference(int ulps) {
         ASSERT_TRUE(std::equal(codes.begin() + 3, codes.end() - 1, expected.begin() + 3)) << count;
         ASSERT_EQ(codes.front(), Code(0x5A));
         ASSERT_EQ(codes.back(), Code(0x5A));
+      }
+      // Every sRGB kernel this processor has, not only the widest that EncodeRow takes.
+      if (!g.IsSRGB())
+        continue;
+      for (auto kernel : {detail::SRGBRowKernel::Scalar, detail::SRGBRowKernel::SSE2,
+                          detail::SRGBRowKernel::AVX2, detail::SRGBRowKernel::AVX512}) {
+        if (!detail::SRGBRowKernelAvailable(kernel))
+          continue;
+        for (std::size_t start : {std::size_t{0}, std::size_t{5}}) {
+          std::vector<Code> codes(inputs.size() - start + 1, Code(0x5A));
+          detail::EncodeSRGBRow(kernel, inputs.data() + start, codes.data(), inputs.size() - start);
+          ASSERT_TRUE(std::equal(codes.begin(), codes.end() - 1, expected.begin() + start))
+              << "kernel " << static_cast<int>(kernel) << " from " << start;
+          ASSERT_EQ(codes.back(), Code(0x5A));
+        }
       }
     }
   }
