@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <memory>
 
@@ -25,23 +26,30 @@ using RowFunction = std::function<void(ConstRawAccess&, RawAccess&, int)>;
 
 // Gives the image a new implementation of `type` and `gamma` and fills it from the old one, which a
 // shallow copy keeps alive meanwhile. The new implementation may be larger than the old one (never
-// below 1 x 1): only the pixels both share are converted, the others stay zero.
+// below 1 x 1): only the pixels both share are converted. Every other byte, row padding included, is
+// written 0 here, so the new pixels need no zero fill beforehand.
 void ConvertImage(Image& image, EImageType type, GammaValue gamma, CareAboutIncorporation care, Layout layout,
                   const GreyStretch& stretch) {
   const std::unique_ptr<Image> source(image.ShallowCopy());
-  image.NewImplFromExisting(type, gamma, care, source.get());
+  image.NewImplFromExisting(type, gamma, care, source.get(), Image::NewPixels::Unset);
   const PixelPlane& from = source->GetImplRef().Plane();
   const PixelPlane& to = image.GetImplRef().Plane();
-  const int width = std::min(from.Width(), to.Width());
+  const int width = std::max(std::min(from.Width(), to.Width()), 0);
   const int rows = std::min(from.Height(), to.Height());
+  const int lineBytes = to.BytesPerLine();
+  const int convertedBytes = width * to.BytesPerPixel();
   const convert::RowConverter converter(from.Type(), from.Gamma(), layout, to.Gamma(), stretch,
-                                        static_cast<std::int64_t>(std::max(width, 0)) * std::max(rows, 0));
-  const RowFunction perRow = [&converter, width, rows](ConstRawAccess& src, RawAccess& dst, int y) {
-    if (y >= rows || width < 1)
-      return;
-    src.MoveTo(0, y);
+                                        static_cast<std::int64_t>(width) * std::max(rows, 0));
+  const RowFunction perRow = [&](ConstRawAccess& src, RawAccess& dst, int y) {
     dst.MoveTo(0, y);
-    converter.Convert(src.Pointer(), dst.Pointer(), width);
+    unsigned char* row = dst.Pointer();
+    int written = 0;
+    if (y < rows && width > 0) {
+      src.MoveTo(0, y);
+      converter.Convert(src.Pointer(), row, width);
+      written = convertedBytes;
+    }
+    std::memset(row + written, 0, static_cast<std::size_t>(lineBytes - written));
   };
   ProcessPixelsT<ConstRawAccess, RawAccess>(image, *source, perRow, InParallel(true), 0, -1);
 }

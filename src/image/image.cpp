@@ -106,8 +106,17 @@ void Image::NewImplFromExisting(int width, int height, CareAboutIncorporation ca
 
 void Image::NewImplFromExisting(EImageType type, GammaValue gamma, CareAboutIncorporation care,
                                 Image* keeper) {
-  ImageImpl* created =
-      impl_->GetFactory()->CreateImpl(std::max(1, impl_->Width()), std::max(1, impl_->Height()), type, gamma);
+  NewImplFromExisting(type, gamma, care, keeper, NewPixels::Zeroed);
+}
+
+void Image::NewImplFromExisting(EImageType type, GammaValue gamma, CareAboutIncorporation care, Image* keeper,
+                                NewPixels fill) {
+  ImageImpl* created;
+  {
+    const PixelPlane::SkipZeroFill unset(fill == NewPixels::Unset);
+    created = impl_->GetFactory()->CreateImpl(std::max(1, impl_->Width()), std::max(1, impl_->Height()), type,
+                                              gamma);
+  }
   OwnNewImplBeforeCallingCommonCopy(created, care, keeper);
 }
 
