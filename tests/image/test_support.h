@@ -6,6 +6,7 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -65,37 +66,34 @@ class TempFolder {
   std::filesystem::path path_;
 };
 
-// Captures the lines of one channel at one level through the real logger for the life of the object.
+// Captures the lines of one channel at one level through the real logger for the life of the object,
+// each as "channel level file function line: message".
 class LogCapture {
  public:
   LogCapture(const wchar_t* channel, const wchar_t* level) : channel_(channel) {
     Logger::instance().Enable(channel, level);
     previous_ = Logger::instance().SetSink([this](const LogRecord& record) {
+      std::wostringstream line;
+      line << record.channel << L' ' << record.level << L' ' << record.file << L' ' << record.function << L' '
+           << record.line << L": " << record.message;
       std::lock_guard<std::mutex> lock(mutex_);
-      records_.push_back({std::wstring(record.channel), std::wstring(record.level), record.file,
-                          record.function, record.line, std::wstring(record.message)});
+      lines_.push_back(line.str());
     });
   }
   ~LogCapture() {
     Logger::instance().SetSink(previous_);
     Logger::instance().Disable(channel_);
   }
-  struct Line {
-    std::wstring channel, level;
-    std::string file, function;
-    int line;
-    std::wstring message;
-  };
-  std::vector<Line> Lines() const {
+  std::vector<std::wstring> Lines() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return records_;
+    return lines_;
   }
 
  private:
   std::wstring channel_;
   Logger::Sink previous_;
   mutable std::mutex mutex_;
-  std::vector<Line> records_;
+  std::vector<std::wstring> lines_;
 };
 
 inline ZELPath ToZELPath(const std::filesystem::path& path) {
