@@ -64,20 +64,19 @@ TEST(ChannelOps, AlphaOperationsMatchPerPixelReferences) {
       const Image original = RandomImage(type, size[0], size[1], rng);
       const Bytes before = PlaneBytes(original);
 
-      std::unique_ptr<Image> copy(original.DeepCopy());
-      Image& discarded = *copy;
-      discarded.SetInvertedAlpha(true);
-      discarded.SetPtype(PT_Bump);
-      DiscardAlphaInformation(discarded, CheckInImageList(false), CAI_Care);
+      std::unique_ptr<Image> discarded(original.DeepCopy());
+      discarded->SetInvertedAlpha(true);
+      discarded->SetPtype(PT_Bump);
+      DiscardAlphaInformation(*discarded, CheckInImageList(false), CAI_Care);
       const int in = BytesPerPixel(type);
       const int kept = type == IT_RGBEA ? 5 : (HasAlpha(type) ? in * 3 / 4 : in);
-      ASSERT_EQ(discarded.BytesPerPixel(), kept);
-      EXPECT_EQ(discarded.GetInvertedAlpha(), !HasAlpha(type) || type == IT_RGBEA);
-      EXPECT_EQ(discarded.GetPtype(), PT_Bump);
+      ASSERT_EQ(discarded->BytesPerPixel(), kept);
+      EXPECT_EQ(discarded->GetInvertedAlpha(), !HasAlpha(type) || type == IT_RGBEA);
+      EXPECT_EQ(discarded->GetPtype(), PT_Bump);
       for (int y = 0; y < size[1]; ++y)
         for (int x = 0; x < size[0]; ++x) {
           const unsigned char* from = original.GetImplRef().Plane().PixelAddress(x, y);
-          const unsigned char* to = discarded.GetImplRef().Plane().PixelAddress(x, y);
+          const unsigned char* to = discarded->GetImplRef().Plane().PixelAddress(x, y);
           ASSERT_TRUE(std::memcmp(from, to, static_cast<std::size_t>(type == IT_RGBEA ? 4 : kept)) == 0 &&
                       (type != IT_RGBEA || to[4] == 255));
         }
@@ -163,18 +162,17 @@ TEST(ChannelOps, ColourOperationsMatchPerPixelReferences) {
               x, y, LinearRGBA_T<float>(1.0f - c.r, 1.0f - c.g, 1.0f - c.b, c.a), ATO_None);
         }
       });
+      // Integer codes v become max - v: every pixel byte (not the zero padding) sums to 255.
+      if (type == IT_RGB8 || type == IT_Grayscale8 || type == IT_RGB16) {
+        int complements = 0;
+        for (std::size_t i = 0; i < before.size(); ++i)
+          complements += before[i] + inverted[i] == 255;
+        EXPECT_EQ(complements, size[0] * size[1] * bpp);
+      }
       for (ImplManagement m : {IM_NewImpl, IM_InPlace}) {
         std::unique_ptr<Image> image(original.DeepCopy());
         InvertColorNoGamma(*image, m);
         ASSERT_EQ(PlaneBytes(*image), inverted);
-        // Integer codes v become max - v: every pixel byte (not the zero padding) sums to 255.
-        if (type == IT_RGB8 || type == IT_Grayscale8 || type == IT_RGB16) {
-          int complements = 0;
-          for (std::size_t i = 0; i < before.size(); ++i)
-            complements += before[i] + inverted[i] == 255;
-          EXPECT_EQ(complements, size[0] * size[1] * bpp);
-        }
-
         image.reset(original.DeepCopy());
         RGBToBGR(*image, m);
         Bytes swapped = before;
