@@ -67,11 +67,12 @@ constexpr std::size_t CodeCount(EImageType s) {
 }
 
 // Code-to-result tables: colour codes to colour codes per channel; grey codes to any code layout
-// (stretched grey for the grey layouts, the value itself in every channel for the colour layouts) and
-// to floats.
+// (stretched grey for the grey layouts, the value itself in every channel for the colour layouts), to
+// floats and to the four shared-exponent bytes of the value in every channel.
 template <EImageType S, Layout D>
 constexpr bool kTableKernel = IsCoded(S) && (D == Layout::RGB8 || D == Layout::RGBA8 || D == Layout::RGB16 ||
-                                             D == Layout::RGBA16 || (IsGrayscale(S) && IsGreyLayout(D)));
+                                             D == Layout::RGBA16 ||
+                                             (IsGrayscale(S) && (IsGreyLayout(D) || D == Layout::RGBEA)));
 
 // --- Packing the shared-exponent colour ------------------------------------------------------------
 
@@ -140,17 +141,17 @@ inline void PackRGBEFour(const float* r, const float* g, const float* b, unsigne
         _mm_cvttpd_epi32(_mm_mul_pd(_mm_cvtps_pd(_mm_movehl_ps(channel, channel)), scaleHigh));
     return _mm_unpacklo_epi64(low, high);
   };
-  alignas(16) std::int32_t codes[4][4];
-  _mm_store_si128(reinterpret_cast<__m128i*>(codes[0]), mantissas(red));
-  _mm_store_si128(reinterpret_cast<__m128i*>(codes[1]), mantissas(green));
-  _mm_store_si128(reinterpret_cast<__m128i*>(codes[2]), mantissas(blue));
-  _mm_store_si128(reinterpret_cast<__m128i*>(codes[3]), _mm_add_epi32(biased, _mm_set1_epi32(2)));
-  for (int i = 0; i < 4; ++i, p += step) {
-    p[0] = static_cast<unsigned char>(codes[0][i]);
-    p[1] = static_cast<unsigned char>(codes[1][i]);
-    p[2] = static_cast<unsigned char>(codes[2][i]);
-    p[3] = static_cast<unsigned char>(codes[3][i]);
-  }
+  // The low byte of each code in memory order red, green, blue, exponent: one little-endian word per
+  // pixel.
+  const __m128i byte = _mm_set1_epi32(0xFF);
+  __m128i words = _mm_and_si128(mantissas(red), byte);
+  words = _mm_or_si128(words, _mm_slli_epi32(_mm_and_si128(mantissas(green), byte), 8));
+  words = _mm_or_si128(words, _mm_slli_epi32(_mm_and_si128(mantissas(blue), byte), 16));
+  words = _mm_or_si128(words, _mm_slli_epi32(_mm_add_epi32(biased, _mm_set1_epi32(2)), 24));
+  alignas(16) std::uint32_t packed[4];
+  _mm_store_si128(reinterpret_cast<__m128i*>(packed), words);
+  for (int i = 0; i < 4; ++i, p += step)
+    std::memcpy(p, &packed[i], 4);
 }
 #endif
 
@@ -180,6 +181,9 @@ struct ConverterState {
   std::vector<unsigned char> table8;
   std::vector<unsigned short> table16;
   std::vector<float> tableFloat;
+  std::vector<std::uint32_t> tableRGBE;  // the four bytes in memory order
+  // 8-bit colour: 0.35, 0.5 and 0.15 times the linear value of each code, one run of 256 each.
+  std::vector<float> weighted8;
   Kernel kernel = nullptr;
   ScanKernel scan = nullptr;
 
@@ -188,6 +192,16 @@ struct ConverterState {
       decode8.emplace(gamma);
     else if (Is16Bit(s))
       decode16.emplace(gamma);
+    if (s == IT_RGB8 || s == IT_RGBA8) {
+      // The three products of the grey sum per code: the same floats the sum would multiply out.
+      weighted8.resize(3 * 256);
+      for (int v = 0; v < 256; ++v) {
+        const float linear = (*decode8)(static_cast<unsigned char>(v));
+        weighted8[v] = 0.35f * linear;
+        weighted8[256 + v] = 0.5f * linear;
+        weighted8[512 + v] = 0.15f * linear;
+      }
+    }
   }
 
   void SetStretch(const GreyStretch& s) {
@@ -312,6 +326,11 @@ void DecodeGrey(const ConverterState& state, const unsigned char* p, int n, Plan
     static_cast<void>(scratch);
     for (int i = 0; i < n; ++i, p += BytesPerPixel(S))
       grey[i] = GreyOfGrey(GreyLinear<S>(state, p));
+  } else if constexpr (S == IT_RGB8 || S == IT_RGBA8) {
+    static_cast<void>(scratch);
+    const float* w = state.weighted8.data();
+    for (int i = 0; i < n; ++i, p += BytesPerPixel(S))
+      grey[i] = (w[p[2]] + w[256 + p[1]]) + w[512 + p[0]];
   } else {
     DecodeColour<S>(state, p, n, scratch);
     for (int i = 0; i < n; ++i)
@@ -453,6 +472,13 @@ void ConvertByTable(const ConverterState& state, const unsigned char* p, unsigne
     for (int i = 0; i < count; ++i, p += kIn, q += kOut)
       StoreFloat(q, table[GreyCode<S>(p)]);
     return;
+  } else if constexpr (D == Layout::RGBEA) {
+    const std::uint32_t* table = state.tableRGBE.data();
+    for (int i = 0; i < count; ++i, p += kIn, q += kOut) {
+      std::memcpy(q, &table[GreyCode<S>(p)], 4);
+      q[4] = HasAlpha(S) ? detail::ScaleTo8(AlphaOf<S>(p)) : kOpaque8;
+    }
+    return;
   } else {
     using Code = std::conditional_t<Is8BitCodeLayout(D), unsigned char, unsigned short>;
     const Code* table;
@@ -497,6 +523,13 @@ void BuildTable(ConverterState& state) {
   }
   if constexpr (D == Layout::Grey32f) {
     state.tableFloat = std::move(linear);
+  } else if constexpr (D == Layout::RGBEA) {
+    state.tableRGBE.resize(linear.size());
+    for (std::size_t code = 0; code < linear.size(); ++code) {
+      unsigned char bytes[4];
+      PackRGBE(linear[code], linear[code], linear[code], bytes);
+      std::memcpy(&state.tableRGBE[code], bytes, 4);
+    }
   } else if constexpr (Is8BitCodeLayout(D)) {
     state.table8.resize(linear.size());
     state.encode8->EncodeRow(linear.data(), state.table8.data(), linear.size());
@@ -506,6 +539,65 @@ void BuildTable(ConverterState& state) {
   }
 }
 
+// The running extremes of ScanGrey in several independent lanes. Folding lane by lane and then the
+// lanes together gives the extremes of one pass in pixel order only where equal values are the same
+// bits: grey of codes is never -0, so it qualifies; floats (a -0 among zeros) do not.
+struct GreyLanes {
+#if defined(IMAGERY_CONVERT_SSE2)
+  __m128 low[2], high[2];
+
+  GreyLanes(float l, float h) : low{_mm_set1_ps(l), _mm_set1_ps(l)}, high{_mm_set1_ps(h), _mm_set1_ps(h)} {}
+
+  // `n` is a multiple of 8.
+  void Fold(const float* grey, int n) {
+    for (int i = 0; i < n; i += 8) {
+      for (int k = 0; k < 2; ++k) {
+        const __m128 g = _mm_loadu_ps(grey + i + 4 * k);
+        const __m128 below = _mm_cmple_ps(g, low[k]);
+        low[k] = _mm_or_ps(_mm_and_ps(below, g), _mm_andnot_ps(below, low[k]));
+        const __m128 above = _mm_cmpgt_ps(g, high[k]);
+        high[k] = _mm_or_ps(_mm_and_ps(above, g), _mm_andnot_ps(above, high[k]));
+      }
+    }
+  }
+
+  void Into(float& minGrey, float& maxGrey) const {
+    alignas(16) float lows[8], highs[8];
+    for (int k = 0; k < 2; ++k) {
+      _mm_store_ps(lows + 4 * k, low[k]);
+      _mm_store_ps(highs + 4 * k, high[k]);
+    }
+    for (int i = 0; i < 8; ++i) {
+      minGrey = lows[i] <= minGrey ? lows[i] : minGrey;
+      maxGrey = highs[i] > maxGrey ? highs[i] : maxGrey;
+    }
+  }
+#else
+  float low[8], high[8];
+
+  GreyLanes(float l, float h) {
+    std::fill(low, low + 8, l);
+    std::fill(high, high + 8, h);
+  }
+
+  void Fold(const float* grey, int n) {
+    for (int i = 0; i < n; i += 8) {
+      for (int k = 0; k < 8; ++k) {
+        low[k] = grey[i + k] <= low[k] ? grey[i + k] : low[k];
+        high[k] = grey[i + k] > high[k] ? grey[i + k] : high[k];
+      }
+    }
+  }
+
+  void Into(float& minGrey, float& maxGrey) const {
+    for (int i = 0; i < 8; ++i) {
+      minGrey = low[i] <= minGrey ? low[i] : minGrey;
+      maxGrey = high[i] > maxGrey ? high[i] : maxGrey;
+    }
+  }
+#endif
+};
+
 template <EImageType S>
 void ScanGrey(const ConverterState& state, const unsigned char* p, int count, float& minGrey,
               float& maxGrey) {
@@ -513,16 +605,24 @@ void ScanGrey(const ConverterState& state, const unsigned char* p, int count, fl
   float grey[kChunk];
   float low = minGrey;
   float high = maxGrey;
+  GreyLanes lanes(low, high);
   for (int done = 0; done < count; done += kChunk) {
     const int n = std::min(kChunk, count - done);
     DecodeGrey<S>(state, p, n, planar, grey);
-    for (int i = 0; i < n; ++i) {
+    int i = 0;
+    if constexpr (IsCoded(S)) {
+      i = n / 8 * 8;
+      lanes.Fold(grey, i);
+    }
+    for (; i < n; ++i) {
       const float g = grey[i];
       low = g <= low ? g : low;
       high = g > high ? g : high;
     }
     p += static_cast<std::ptrdiff_t>(n) * BytesPerPixel(S);
   }
+  if constexpr (IsCoded(S))
+    lanes.Into(low, high);
   minGrey = low;
   maxGrey = high;
 }
