@@ -10,6 +10,7 @@
 #include "convert/row_converter.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -154,6 +155,24 @@ inline void PackRGBEFour(const float* r, const float* g, const float* b, unsigne
     std::memcpy(p, &packed[i], 4);
 }
 #endif
+
+// RGBECLR::ToFloat by a table of the scale of each exponent byte: 2^(e - 128) / 255 as that computes it,
+// and 0 for e = 0, where every channel is 0. The largest exponent reads zero mantissas as 0.
+const std::array<float, 256> kRGBEScales = [] {
+  std::array<float, 256> scales{};
+  for (unsigned e = 1; e < 256; ++e) {
+    const std::uint32_t bits = e == 1 ? 0x00400000u : (e - 1) << 23;
+    float power;
+    std::memcpy(&power, &bits, sizeof power);
+    scales[e] = power * kInv255;
+  }
+  return scales;
+}();
+
+inline float RGBEChannel(unsigned mantissa, unsigned e, float scale) {
+  const float value = (static_cast<float>(mantissa) + 0.5f) * scale;
+  return e == 0xFF && mantissa == 0 ? 0.0f : value;
+}
 
 inline float GreyOfGrey(float v) {
   return (0.35f * v + 0.5f * v) + 0.15f * v;
@@ -301,11 +320,13 @@ void DecodeColour(const ConverterState& state, const unsigned char* p, int n, Pl
       out.b[i] = LoadFloat(p);
     }
   } else if constexpr (S == IT_RGBEA) {
+    static_cast<void>(state);
     for (int i = 0; i < n; ++i, p += kStep) {
-      const LinearRGB_T<float> c = RGBECLR(p[0], p[1], p[2], p[3]).ToFloat();
-      out.r[i] = c.r;
-      out.g[i] = c.g;
-      out.b[i] = c.b;
+      const unsigned e = p[3];
+      const float scale = kRGBEScales[e];
+      out.r[i] = RGBEChannel(p[0], e, scale);
+      out.g[i] = RGBEChannel(p[1], e, scale);
+      out.b[i] = RGBEChannel(p[2], e, scale);
     }
   } else if constexpr (IsGrayscale(S)) {
     for (int i = 0; i < n; ++i, p += kStep)
@@ -540,8 +561,8 @@ void BuildTable(ConverterState& state) {
 }
 
 // The running extremes of ScanGrey in several independent lanes. Folding lane by lane and then the
-// lanes together gives the extremes of one pass in pixel order only where equal values are the same
-// bits: grey of codes is never -0, so it qualifies; floats (a -0 among zeros) do not.
+// lanes together gives the extremes of one pass in pixel order wherever equal values are the same bits,
+// that is unless an extreme is a zero that may have either sign. Grey of codes is never -0.
 struct GreyLanes {
 #if defined(IMAGERY_CONVERT_SSE2)
   __m128 low[2], high[2];
@@ -606,23 +627,34 @@ void ScanGrey(const ConverterState& state, const unsigned char* p, int count, fl
   float low = minGrey;
   float high = maxGrey;
   GreyLanes lanes(low, high);
+  const unsigned char* const first = p;
   for (int done = 0; done < count; done += kChunk) {
     const int n = std::min(kChunk, count - done);
     DecodeGrey<S>(state, p, n, planar, grey);
-    int i = 0;
-    if constexpr (IsCoded(S)) {
-      i = n / 8 * 8;
-      lanes.Fold(grey, i);
-    }
-    for (; i < n; ++i) {
-      const float g = grey[i];
-      low = g <= low ? g : low;
-      high = g > high ? g : high;
+    const int lanesEnd = n / 8 * 8;
+    lanes.Fold(grey, lanesEnd);
+    for (int i = lanesEnd; i < n; ++i) {
+      low = grey[i] <= low ? grey[i] : low;
+      high = grey[i] > high ? grey[i] : high;
     }
     p += static_cast<std::ptrdiff_t>(n) * BytesPerPixel(S);
   }
-  if constexpr (IsCoded(S))
-    lanes.Into(low, high);
+  lanes.Into(low, high);
+  if (!IsCoded(S) && (low == 0.0f || high == 0.0f)) {
+    // Which zero a single pass keeps depends on the order: take the pixels one by one.
+    low = minGrey;
+    high = maxGrey;
+    p = first;
+    for (int done = 0; done < count; done += kChunk) {
+      const int n = std::min(kChunk, count - done);
+      DecodeGrey<S>(state, p, n, planar, grey);
+      for (int i = 0; i < n; ++i) {
+        low = grey[i] <= low ? grey[i] : low;
+        high = grey[i] > high ? grey[i] : high;
+      }
+      p += static_cast<std::ptrdiff_t>(n) * BytesPerPixel(S);
+    }
+  }
   minGrey = low;
   maxGrey = high;
 }
