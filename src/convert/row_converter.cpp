@@ -400,29 +400,39 @@ void EncodeGrey(const ConverterState& state, const float* v, int n, unsigned cha
   }
 }
 
-template <Layout D>
+// With kGrey the three channels hold one value (a grey source), which is encoded once.
+template <Layout D, bool kGrey>
 void EncodeColour(const ConverterState& state, const Planar& in, int n, unsigned char* q) {
   constexpr int kStep = BytesOf(D);
+  const auto count = static_cast<std::size_t>(n);
   if constexpr (D == Layout::RGB8 || D == Layout::RGBA8) {
     unsigned char r[kChunk], g[kChunk], b[kChunk];
-    state.encode8->EncodeRow(in.r, r, static_cast<std::size_t>(n));
-    state.encode8->EncodeRow(in.g, g, static_cast<std::size_t>(n));
-    state.encode8->EncodeRow(in.b, b, static_cast<std::size_t>(n));
+    state.encode8->EncodeRow(in.r, r, count);
+    if constexpr (!kGrey) {
+      state.encode8->EncodeRow(in.g, g, count);
+      state.encode8->EncodeRow(in.b, b, count);
+    }
+    const unsigned char* green = kGrey ? r : g;
+    const unsigned char* blue = kGrey ? r : b;
     for (int i = 0; i < n; ++i, q += kStep) {
-      q[0] = b[i];
-      q[1] = g[i];
+      q[0] = blue[i];
+      q[1] = green[i];
       q[2] = r[i];
       if constexpr (D == Layout::RGBA8)
         q[3] = detail::ScaleTo8(in.a[i]);
     }
   } else if constexpr (D == Layout::RGB16 || D == Layout::RGBA16) {
     unsigned short r[kChunk], g[kChunk], b[kChunk];
-    state.encode16->EncodeRow(in.r, r, static_cast<std::size_t>(n));
-    state.encode16->EncodeRow(in.g, g, static_cast<std::size_t>(n));
-    state.encode16->EncodeRow(in.b, b, static_cast<std::size_t>(n));
+    state.encode16->EncodeRow(in.r, r, count);
+    if constexpr (!kGrey) {
+      state.encode16->EncodeRow(in.g, g, count);
+      state.encode16->EncodeRow(in.b, b, count);
+    }
+    const unsigned short* green = kGrey ? r : g;
+    const unsigned short* blue = kGrey ? r : b;
     for (int i = 0; i < n; ++i, q += kStep) {
-      StoreBE16(q, b[i]);
-      StoreBE16(q + 2, g[i]);
+      StoreBE16(q, blue[i]);
+      StoreBE16(q + 2, green[i]);
       StoreBE16(q + 4, r[i]);
       if constexpr (D == Layout::RGBA16)
         StoreBE16(q + 6, detail::ScaleTo16(in.a[i]));
@@ -467,7 +477,7 @@ void ConvertThroughFloats(const ConverterState& state, const unsigned char* p, u
       DecodeColour<S>(state, p, n, planar);
       if constexpr (HasAlphaLayout(D))
         DecodeAlpha<S>(p, n, planar.a);
-      EncodeColour<D>(state, planar, n, q);
+      EncodeColour<D, IsGrayscale(S)>(state, planar, n, q);
     }
     p += static_cast<std::ptrdiff_t>(n) * BytesPerPixel(S);
     q += static_cast<std::ptrdiff_t>(n) * BytesOf(D);
