@@ -2,7 +2,8 @@
 // floats by a loop fixed for the source format, then encoded by a loop fixed for the target layout,
 // through the row encoders of gamma_tables.h. Sources whose values are codes (8- and 16-bit channels,
 // RG grey) skip the floats when the target is a code too: every code maps to one result, so a table of
-// results per code gives the same values with one lookup per channel.
+// results per code gives the same values with one lookup per channel. 8-bit grey goes further: its
+// 256 codes are converted once into whole result pixels, which rows then copy.
 //
 // Every value is the one the pixel cursors give: the tables and encoders of gamma_tables.h reproduce
 // DecodeChannel8/16 and EncodeChannel8/16 bit for bit, and the arithmetic below is written in the
@@ -201,8 +202,11 @@ struct ConverterState {
   std::vector<unsigned short> table16;
   std::vector<float> tableFloat;
   std::vector<std::uint32_t> tableRGBE;  // the four bytes in memory order
+  std::vector<unsigned char> pixels;     // 8-bit grey: the converted pixel of each code
   // 8-bit colour: 0.35, 0.5 and 0.15 times the linear value of each code, one run of 256 each.
   std::vector<float> weighted8;
+  // 8-bit grey: the grey value of each code.
+  std::vector<float> greyOfCode8;
   Kernel kernel = nullptr;
   ScanKernel scan = nullptr;
 
@@ -211,6 +215,11 @@ struct ConverterState {
       decode8.emplace(gamma);
     else if (Is16Bit(s))
       decode16.emplace(gamma);
+    if (s == IT_Grayscale8) {
+      greyOfCode8.resize(256);
+      for (int v = 0; v < 256; ++v)
+        greyOfCode8[v] = GreyOfGrey((*decode8)(static_cast<unsigned char>(v)));
+    }
     if (s == IT_RGB8 || s == IT_RGBA8) {
       // The three products of the grey sum per code: the same floats the sum would multiply out.
       weighted8.resize(3 * 256);
@@ -343,7 +352,11 @@ void DecodeColour(const ConverterState& state, const unsigned char* p, int n, Pl
 
 template <EImageType S>
 void DecodeGrey(const ConverterState& state, const unsigned char* p, int n, Planar& scratch, float* grey) {
-  if constexpr (IsGrayscale(S)) {
+  if constexpr (S == IT_Grayscale8) {
+    static_cast<void>(scratch);
+    for (int i = 0; i < n; ++i)
+      grey[i] = state.greyOfCode8[p[i]];
+  } else if constexpr (IsGrayscale(S)) {
     static_cast<void>(scratch);
     for (int i = 0; i < n; ++i, p += BytesPerPixel(S))
       grey[i] = GreyOfGrey(GreyLinear<S>(state, p));
@@ -544,6 +557,14 @@ void ConvertByTable(const ConverterState& state, const unsigned char* p, unsigne
   }
 }
 
+template <Layout D>
+void ConvertByPixels(const ConverterState& state, const unsigned char* p, unsigned char* q, int count) {
+  constexpr std::size_t kOut = BytesOf(D);
+  const unsigned char* pixels = state.pixels.data();
+  for (int i = 0; i < count; ++i, q += kOut)
+    std::memcpy(q, pixels + p[i] * kOut, kOut);
+}
+
 template <EImageType S, Layout D>
 void BuildTable(ConverterState& state) {
   std::vector<float> linear = LinearOfCodes<S>(state);
@@ -718,15 +739,25 @@ RowConverter::RowConverter(EImageType sourceType, GammaValue sourceGamma, Layout
     return DispatchLayout(target, [&](auto d) -> ConverterState::Kernel {
       constexpr EImageType S = decltype(s)::value;
       constexpr Layout D = decltype(d)::value;
+      ConverterState::Kernel kernel = &ConvertThroughFloats<S, D>;
       if constexpr (kTableKernel<S, D>) {
         // A 16-bit table costs about as much as encoding 65536 values directly.
         const std::int64_t values = pixelCount * (IsGrayscale(S) ? 1 : 3);
         if (Has8BitCodes(S) || values >= static_cast<std::int64_t>(CodeCount(S))) {
           BuildTable<S, D>(state);
-          return &ConvertByTable<S, D>;
+          kernel = &ConvertByTable<S, D>;
         }
       }
-      return &ConvertThroughFloats<S, D>;
+      if constexpr (S == IT_Grayscale8) {
+        // Every result pixel is one of 256: convert each code once and copy pixels.
+        unsigned char codes[256];
+        for (int code = 0; code < 256; ++code)
+          codes[code] = static_cast<unsigned char>(code);
+        state.pixels.resize(256 * static_cast<std::size_t>(BytesOf(D)));
+        kernel(state, codes, state.pixels.data(), 256);
+        kernel = &ConvertByPixels<D>;
+      }
+      return kernel;
     });
   });
 }
