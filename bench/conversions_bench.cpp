@@ -3,10 +3,11 @@
 // of that copy, "cpu_ms" the processor time of one conversion summed over its threads. Sources are sRGB where
 // the format is gamma encoded; grey conversions auto-scale where noted (a second pass over the source).
 //
-// Every conversion allocates its result, which the library zero-fills. Large blocks come from the
-// system fresh each time, and on some virtual machines the page faults of touching them cost many
-// times the conversion itself. With IMAGERY_BENCH_KEEP_HEAP=1 in the environment, the process keeps
-// freed memory for reuse instead (no mmap, no trimming), which shows the cost of the conversion alone.
+// Every conversion allocates its result (and writes every byte of it, without a zero fill first).
+// Large blocks come from the system fresh each time, and on some virtual machines the page faults of
+// touching them cost many times the conversion itself. With IMAGERY_BENCH_KEEP_HEAP=1 in the environment, the
+// process keeps freed memory for reuse instead (no mmap, no trimming), which shows the cost of the conversion
+// alone.
 #include <algorithm>
 #include <chrono>
 #include <climits>

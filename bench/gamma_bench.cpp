@@ -116,6 +116,21 @@ void BM_Encode(benchmark::State& state, GammaValue gamma, Path path) {
   });
 }
 
+// The sRGB rows with each instruction set the processor has, for comparing the kernels.
+void BM_EncodeSRGBKernel8(benchmark::State& state, detail::SRGBRowKernel kernel) {
+  if (!detail::SRGBRowKernelAvailable(kernel)) {
+    state.SkipWithError("not available on this processor");
+    return;
+  }
+  const std::vector<float>& linear = LinearPlane();
+  std::vector<unsigned char> codes(kPixels);
+  RunAgainstMemcpy(state, kPixels, [&] {
+    for (std::size_t row = 0; row < kPixels; row += 4096)
+      detail::EncodeSRGBRow(kernel, &linear[row], &codes[row], 4096);
+    benchmark::DoNotOptimize(codes.data());
+  });
+}
+
 void BM_Decode8(benchmark::State& state, GammaValue gamma, Path path) {
   BM_Decode<unsigned char>(state, gamma, path);
 }
@@ -155,6 +170,11 @@ BENCHMARK_CAPTURE(BM_Encode16, srgb_rows, gamma::sRGB, Path::Row)->Unit(benchmar
 BENCHMARK_CAPTURE(BM_Encode16, power_rows, kPower, Path::Row)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(BM_Decode8, srgb_rows, gamma::sRGB, Path::Row)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(BM_Decode16, power_rows, kPower, Path::Row)->Unit(benchmark::kMillisecond);
+
+BENCHMARK_CAPTURE(BM_EncodeSRGBKernel8, scalar, detail::SRGBRowKernel::Scalar)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_EncodeSRGBKernel8, sse2, detail::SRGBRowKernel::SSE2)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_EncodeSRGBKernel8, avx2, detail::SRGBRowKernel::AVX2)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_EncodeSRGBKernel8, avx512, detail::SRGBRowKernel::AVX512)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace imagery

@@ -281,6 +281,9 @@ __attribute__((target("avx2"))) std::size_t EncodeSRGBAVX2(const float* linear, 
   return i;
 }
 
+// GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised reads.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 __attribute__((target("avx512f"))) __m512i EncodeSRGBSixteen(__m512 c, __m512 maxCode) {
   c = _mm512_max_ps(_mm512_min_ps(_mm512_set1_ps(1.0f), c), _mm512_setzero_ps());
   const __mmask16 high = _mm512_cmp_ps_mask(c, _mm512_set1_ps(0.0523f), _CMP_GT_OQ);
@@ -318,6 +321,7 @@ __attribute__((target("avx512f"))) std::size_t EncodeSRGBAVX512(const float* lin
   }
   return i;
 }
+#pragma GCC diagnostic pop
 #endif
 
 detail::SRGBRowKernel WidestSRGBRowKernel() {
