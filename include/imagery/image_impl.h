@@ -80,10 +80,26 @@ class ImageImpl {
                          GammaValue gamma);
   };
 
-  // Registers itself in `list` (when not null) if larger than 1 x 1, and zero-fills its pixels. The
-  // implementation takes a reference on `shared`.
+  // Registers itself in `list` (when not null) if larger than 1 x 1, and zero-fills its pixels unless a
+  // NewPixelsUnset scope lives on the constructing thread. The implementation takes a reference on
+  // `shared`.
   ImageImpl(int width, int height, EImageType type, GammaValue gamma, SharedProperties* shared,
             ImageList* list);
+
+  // While one lives, implementations constructed on the same thread (through whatever factory) leave
+  // their pixels as the allocator gives them, for a caller about to write every byte of level 0, row
+  // padding included, before anyone reads it. Scopes nest; one made with `active` false changes nothing.
+  class NewPixelsUnset {
+   public:
+    explicit NewPixelsUnset(bool active = true);
+    ~NewPixelsUnset();
+    NewPixelsUnset(const NewPixelsUnset&) = delete;
+    NewPixelsUnset& operator=(const NewPixelsUnset&) = delete;
+
+   private:
+    bool active_;
+  };
+
   // With a new SharedProperties record (synchronized, not a work copy).
   ImageImpl(int width, int height, EImageType type, GammaValue gamma, ImageList* list);
   ImageImpl(const ImageImpl&) = delete;

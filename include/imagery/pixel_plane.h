@@ -63,21 +63,6 @@ class PixelPlane {
   // Sets every byte, padding included, to 0: black with alpha 0 in every format.
   void Zero();
 
-  // While one of these lives, Zero() does nothing on the thread that made it. New implementations
-  // zero-fill their plane; a caller that writes every byte of a new plane right away (padding included)
-  // holds one around the making to spare that pass. Scopes nest; a scope made with `skip` false
-  // changes nothing.
-  class SkipZeroFill {
-   public:
-    explicit SkipZeroFill(bool skip = true);
-    ~SkipZeroFill();
-    SkipZeroFill(const SkipZeroFill&) = delete;
-    SkipZeroFill& operator=(const SkipZeroFill&) = delete;
-
-   private:
-    bool skip_;
-  };
-
  private:
   int width_ = 0;
   int height_ = 0;

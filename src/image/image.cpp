@@ -113,7 +113,7 @@ void Image::NewImplFromExisting(EImageType type, GammaValue gamma, CareAboutInco
                                 NewPixels fill) {
   ImageImpl* created;
   {
-    const PixelPlane::SkipZeroFill unset(fill == NewPixels::Unset);
+    const ImageImpl::NewPixelsUnset unset(fill == NewPixels::Unset);
     created = impl_->GetFactory()->CreateImpl(std::max(1, impl_->Width()), std::max(1, impl_->Height()), type,
                                               gamma);
   }

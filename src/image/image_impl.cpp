@@ -46,6 +46,20 @@ void ImageImpl::MipMaps::Allocate(std::vector<PixelPlane>& levels, int width, in
   } while (width > 1 || height > 1);
 }
 
+namespace {
+thread_local int newPixelsUnsetScopes = 0;
+}  // namespace
+
+ImageImpl::NewPixelsUnset::NewPixelsUnset(bool active) : active_(active) {
+  if (active_)
+    ++newPixelsUnsetScopes;
+}
+
+ImageImpl::NewPixelsUnset::~NewPixelsUnset() {
+  if (active_)
+    --newPixelsUnsetScopes;
+}
+
 ImageImpl::ImageImpl(int width, int height, EImageType type, GammaValue gamma, SharedProperties* shared,
                      ImageList* list)
     : shared_(shared), uniqueId_(zel_uid::PermUID::Generate()), list_(list) {
@@ -58,7 +72,8 @@ ImageImpl::ImageImpl(int width, int height, EImageType type, GammaValue gamma, S
   }
   if ((width > 1 || height > 1) && list_ != nullptr)
     list_->AddImpl(this);
-  plane_.Zero();
+  if (newPixelsUnsetScopes == 0)
+    plane_.Zero();
 }
 
 ImageImpl::ImageImpl(int width, int height, EImageType type, GammaValue gamma, ImageList* list)

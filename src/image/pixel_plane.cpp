@@ -70,22 +70,8 @@ void PixelPlane::Swap(PixelPlane& other) noexcept {
   std::swap(data_, other.data_);
 }
 
-namespace {
-thread_local int skipZeroFill = 0;
-}  // namespace
-
-PixelPlane::SkipZeroFill::SkipZeroFill(bool skip) : skip_(skip) {
-  if (skip_)
-    ++skipZeroFill;
-}
-
-PixelPlane::SkipZeroFill::~SkipZeroFill() {
-  if (skip_)
-    --skipZeroFill;
-}
-
 void PixelPlane::Zero() {
-  if (ByteSize() != 0 && skipZeroFill == 0)
+  if (ByteSize() != 0)
     std::memset(data_, 0, static_cast<std::size_t>(ByteSize()));
 }
 
