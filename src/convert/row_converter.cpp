@@ -183,6 +183,122 @@ inline float GreyOfGrey(float v) {
 const unsigned char kOpaque8 = detail::ScaleTo8(1.0f);
 const unsigned short kOpaque16 = detail::ScaleTo16(1.0f);
 
+// --- Storing whole pixels ------------------------------------------------------------------------------
+
+inline std::uint32_t Swap16(std::uint32_t code) {
+  return ((code & 0xFFu) << 8) | (code >> 8);
+}
+
+// One pixel of 8-bit codes in memory order blue, green, red (and alpha) as a little-endian word.
+inline std::uint32_t Word8(unsigned b, unsigned g, unsigned r, unsigned a = 0) {
+  return b | g << 8 | r << 16 | a << 24;
+}
+// One pixel of big-endian 16-bit codes in memory order blue, green, red (and alpha) as a
+// little-endian double word.
+inline std::uint64_t Word16(unsigned b, unsigned g, unsigned r, unsigned a = 0) {
+  return static_cast<std::uint64_t>(Swap16(b) | Swap16(g) << 16) |
+         static_cast<std::uint64_t>(Swap16(r) | Swap16(a) << 16) << 32;
+}
+
+// Stores the pixel of `word` with kBytes bytes, writing whole words: a pixel narrower than its word
+// spills into the next pixel, which overwrites the spill, so only the last pixel of a run (`last`)
+// stores its exact bytes.
+template <int kBytes, class Word>
+inline void StorePixel(unsigned char* q, Word word, bool last) {
+  if (kBytes == static_cast<int>(sizeof word) || !last)
+    std::memcpy(q, &word, sizeof word);
+  else
+    std::memcpy(q, &word, kBytes);
+}
+
+#if defined(IMAGERY_CONVERT_SSE2)
+// ScaleToCode on four values: the same clamps (maxps and minps keep their first operand exactly where
+// the comparisons of the reference do, so NaN and -0 give 0), truncation and rounding step.
+template <std::uint32_t Max>
+inline __m128i ScaleToCodeFour(__m128 c) {
+  const __m128 max = _mm_set1_ps(static_cast<float>(Max));
+  __m128 scaled = _mm_max_ps(_mm_mul_ps(c, max), _mm_setzero_ps());
+  scaled = _mm_min_ps(scaled, max);
+  const __m128i whole = _mm_cvttps_epi32(scaled);
+  const __m128 up = _mm_cmpge_ps(_mm_sub_ps(scaled, _mm_cvtepi32_ps(whole)), _mm_set1_ps(0.5f));
+  return _mm_sub_epi32(whole, _mm_castps_si128(up));
+}
+#endif
+
+// ScaleTo8 or ScaleTo16 of `n` values.
+template <class Code>
+void ScaleRow(const float* v, Code* codes, int n) {
+  int i = 0;
+#if defined(IMAGERY_CONVERT_SSE2)
+  for (; i + 8 <= n; i += 8) {
+    if constexpr (sizeof(Code) == 1) {
+      const __m128i low = ScaleToCodeFour<255>(_mm_loadu_ps(v + i));
+      const __m128i high = ScaleToCodeFour<255>(_mm_loadu_ps(v + i + 4));
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(codes + i),
+                       _mm_packus_epi16(_mm_packs_epi32(low, high), _mm_setzero_si128()));
+    } else {
+      // Signed saturation would clip codes above 32767: pack them offset by 32768.
+      const __m128i offset = _mm_set1_epi32(32768);
+      const __m128i low = _mm_sub_epi32(ScaleToCodeFour<65535>(_mm_loadu_ps(v + i)), offset);
+      const __m128i high = _mm_sub_epi32(ScaleToCodeFour<65535>(_mm_loadu_ps(v + i + 4)), offset);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(codes + i),
+                       _mm_xor_si128(_mm_packs_epi32(low, high), _mm_set1_epi16(-32768)));
+    }
+  }
+#endif
+  for (; i < n; ++i) {
+    if constexpr (sizeof(Code) == 1)
+      codes[i] = detail::ScaleTo8(v[i]);
+    else
+      codes[i] = detail::ScaleTo16(v[i]);
+  }
+}
+
+// Interleaves planar codes into `n` pixels of an 8- or 16-bit colour layout; `a` is read only for the
+// layouts with alpha.
+template <Layout D, class Code>
+void StorePixels(const Code* b, const Code* g, const Code* r, const Code* a, int n, unsigned char* q) {
+  constexpr int kStep = BytesOf(D);
+  int i = 0;
+#if defined(IMAGERY_CONVERT_SSE2)
+  if constexpr (D == Layout::RGBA8) {
+    for (; i + 16 <= n; i += 16) {
+      auto load = [i](const Code* c) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(c + i)); };
+      const __m128i blue = load(b), green = load(g), red = load(r), alpha = load(a);
+      const __m128i bgLow = _mm_unpacklo_epi8(blue, green), bgHigh = _mm_unpackhi_epi8(blue, green);
+      const __m128i raLow = _mm_unpacklo_epi8(red, alpha), raHigh = _mm_unpackhi_epi8(red, alpha);
+      __m128i* out = reinterpret_cast<__m128i*>(q + i * kStep);
+      _mm_storeu_si128(out, _mm_unpacklo_epi16(bgLow, raLow));
+      _mm_storeu_si128(out + 1, _mm_unpackhi_epi16(bgLow, raLow));
+      _mm_storeu_si128(out + 2, _mm_unpacklo_epi16(bgHigh, raHigh));
+      _mm_storeu_si128(out + 3, _mm_unpackhi_epi16(bgHigh, raHigh));
+    }
+  } else if constexpr (D == Layout::RGBA16) {
+    auto load = [](const Code* c) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(c));
+      return _mm_or_si128(_mm_slli_epi16(v, 8), _mm_srli_epi16(v, 8));
+    };
+    for (; i + 8 <= n; i += 8) {
+      const __m128i blue = load(b + i), green = load(g + i), red = load(r + i), alpha = load(a + i);
+      const __m128i bgLow = _mm_unpacklo_epi16(blue, green), bgHigh = _mm_unpackhi_epi16(blue, green);
+      const __m128i raLow = _mm_unpacklo_epi16(red, alpha), raHigh = _mm_unpackhi_epi16(red, alpha);
+      __m128i* out = reinterpret_cast<__m128i*>(q + i * kStep);
+      _mm_storeu_si128(out, _mm_unpacklo_epi32(bgLow, raLow));
+      _mm_storeu_si128(out + 1, _mm_unpackhi_epi32(bgLow, raLow));
+      _mm_storeu_si128(out + 2, _mm_unpacklo_epi32(bgHigh, raHigh));
+      _mm_storeu_si128(out + 3, _mm_unpackhi_epi32(bgHigh, raHigh));
+    }
+  }
+#endif
+  for (; i < n; ++i) {
+    const unsigned alpha = HasAlphaLayout(D) ? a[i] : 0u;
+    if constexpr (Is8BitCodeLayout(D))
+      StorePixel<kStep>(q + i * kStep, Word8(b[i], g[i], r[i], alpha), i + 1 == n);
+    else
+      StorePixel<kStep>(q + i * kStep, Word16(b[i], g[i], r[i], alpha), i + 1 == n);
+  }
+}
+
 }  // namespace
 
 // --- State ------------------------------------------------------------------------------------------
@@ -207,6 +323,13 @@ struct ConverterState {
   std::vector<float> weighted8;
   // 8-bit grey: the grey value of each code.
   std::vector<float> greyOfCode8;
+  // 8-bit colour to shared exponent, where the linear values never decrease with the code (so the
+  // largest code of a pixel holds its largest channel): the mantissa byte of every code under every
+  // largest code (a run of 256 per largest code), the exponent byte of each largest code, and the
+  // alpha byte of each stored alpha code.
+  std::vector<unsigned char> rgbeMantissas8;
+  std::array<unsigned char, 256> rgbeExponents8{};
+  std::array<unsigned char, 256> alpha8{};
   Kernel kernel = nullptr;
   ScanKernel scan = nullptr;
 
@@ -418,38 +541,24 @@ template <Layout D, bool kGrey>
 void EncodeColour(const ConverterState& state, const Planar& in, int n, unsigned char* q) {
   constexpr int kStep = BytesOf(D);
   const auto count = static_cast<std::size_t>(n);
-  if constexpr (D == Layout::RGB8 || D == Layout::RGBA8) {
-    unsigned char r[kChunk], g[kChunk], b[kChunk];
-    state.encode8->EncodeRow(in.r, r, count);
+  if constexpr (D == Layout::RGB8 || D == Layout::RGBA8 || D == Layout::RGB16 || D == Layout::RGBA16) {
+    using Code = std::conditional_t<Is8BitCodeLayout(D), unsigned char, unsigned short>;
+    Code r[kChunk], g[kChunk], b[kChunk], a[kChunk];
+    const auto& encoder = [&state]() -> const auto& {
+      if constexpr (Is8BitCodeLayout(D))
+        return *state.encode8;
+      else
+        return *state.encode16;
+    }
+    ();
+    encoder.EncodeRow(in.r, r, count);
     if constexpr (!kGrey) {
-      state.encode8->EncodeRow(in.g, g, count);
-      state.encode8->EncodeRow(in.b, b, count);
+      encoder.EncodeRow(in.g, g, count);
+      encoder.EncodeRow(in.b, b, count);
     }
-    const unsigned char* green = kGrey ? r : g;
-    const unsigned char* blue = kGrey ? r : b;
-    for (int i = 0; i < n; ++i, q += kStep) {
-      q[0] = blue[i];
-      q[1] = green[i];
-      q[2] = r[i];
-      if constexpr (D == Layout::RGBA8)
-        q[3] = detail::ScaleTo8(in.a[i]);
-    }
-  } else if constexpr (D == Layout::RGB16 || D == Layout::RGBA16) {
-    unsigned short r[kChunk], g[kChunk], b[kChunk];
-    state.encode16->EncodeRow(in.r, r, count);
-    if constexpr (!kGrey) {
-      state.encode16->EncodeRow(in.g, g, count);
-      state.encode16->EncodeRow(in.b, b, count);
-    }
-    const unsigned short* green = kGrey ? r : g;
-    const unsigned short* blue = kGrey ? r : b;
-    for (int i = 0; i < n; ++i, q += kStep) {
-      StoreBE16(q, blue[i]);
-      StoreBE16(q + 2, green[i]);
-      StoreBE16(q + 4, r[i]);
-      if constexpr (D == Layout::RGBA16)
-        StoreBE16(q + 6, detail::ScaleTo16(in.a[i]));
-    }
+    if constexpr (HasAlphaLayout(D))
+      ScaleRow(in.a, a, n);
+    StorePixels<D>(kGrey ? r : b, kGrey ? r : g, r, a, n, q);
   } else if constexpr (D == Layout::RGB32f || D == Layout::RGBA32f) {
     static_cast<void>(state);
     for (int i = 0; i < n; ++i, q += kStep) {
@@ -469,8 +578,10 @@ void EncodeColour(const ConverterState& state, const Planar& in, int n, unsigned
 #endif
     for (; i < n; ++i)
       PackRGBE(in.r[i], in.g[i], in.b[i], q + i * kStep);
+    unsigned char alpha[kChunk];
+    ScaleRow(in.a, alpha, n);
     for (i = 0; i < n; ++i)
-      q[i * kStep + 4] = detail::ScaleTo8(in.a[i]);
+      q[i * kStep + 4] = alpha[i];
   }
 }
 
@@ -510,7 +621,6 @@ template <EImageType S, Layout D>
 void ConvertByTable(const ConverterState& state, const unsigned char* p, unsigned char* q, int count) {
   constexpr int kIn = BytesPerPixel(S);
   constexpr int kOut = BytesOf(D);
-  constexpr int kChannelBytes = Is8BitCodeLayout(D) ? 1 : 2;
   if constexpr (D == Layout::Grey32f) {
     const float* table = state.tableFloat.data();
     for (int i = 0; i < count; ++i, p += kIn, q += kOut)
@@ -532,29 +642,74 @@ void ConvertByTable(const ConverterState& state, const unsigned char* p, unsigne
       table = state.table16.data();
     }
     for (int i = 0; i < count; ++i, p += kIn, q += kOut) {
-      if constexpr (IsGrayscale(S)) {
-        const unsigned code = table[GreyCode<S>(p)];
-        StoreCode<D>(q, code);
-        if constexpr (!IsGreyLayout(D)) {
-          StoreCode<D>(q + kChannelBytes, code);
-          StoreCode<D>(q + 2 * kChannelBytes, code);
-        }
-      } else if constexpr (Has8BitCodes(S)) {
-        StoreCode<D>(q, table[p[0]]);
-        StoreCode<D>(q + kChannelBytes, table[p[1]]);
-        StoreCode<D>(q + 2 * kChannelBytes, table[p[2]]);
+      if constexpr (IsGreyLayout(D)) {
+        StoreCode<D>(q, table[GreyCode<S>(p)]);
       } else {
-        StoreCode<D>(q, table[LoadBE16(p)]);
-        StoreCode<D>(q + kChannelBytes, table[LoadBE16(p + 2)]);
-        StoreCode<D>(q + 2 * kChannelBytes, table[LoadBE16(p + 4)]);
-      }
-      if constexpr (D == Layout::RGBA8) {
-        q[3] = HasAlpha(S) ? detail::ScaleTo8(AlphaOf<S>(p)) : kOpaque8;
-      } else if constexpr (D == Layout::RGBA16) {
-        StoreBE16(q + 6, HasAlpha(S) ? detail::ScaleTo16(AlphaOf<S>(p)) : kOpaque16);
+        unsigned b, g, r;
+        if constexpr (IsGrayscale(S)) {
+          b = g = r = table[GreyCode<S>(p)];
+        } else if constexpr (Has8BitCodes(S)) {
+          b = table[p[0]];
+          g = table[p[1]];
+          r = table[p[2]];
+        } else {
+          b = table[LoadBE16(p)];
+          g = table[LoadBE16(p + 2)];
+          r = table[LoadBE16(p + 4)];
+        }
+        unsigned a = 0;
+        if constexpr (D == Layout::RGBA8)
+          a = HasAlpha(S) ? detail::ScaleTo8(AlphaOf<S>(p)) : kOpaque8;
+        else if constexpr (D == Layout::RGBA16)
+          a = HasAlpha(S) ? detail::ScaleTo16(AlphaOf<S>(p)) : kOpaque16;
+        if constexpr (Is8BitCodeLayout(D))
+          StorePixel<kOut>(q, Word8(b, g, r, a), i + 1 == count);
+        else
+          StorePixel<kOut>(q, Word16(b, g, r, a), i + 1 == count);
       }
     }
   }
+}
+
+// PackRGBE sets every mantissa from its own channel and the largest one alone, and the exponent from
+// the largest alone: tables by code give the same bytes wherever the largest code holds the largest
+// value.
+template <EImageType S>
+void ConvertRGBEByCodes(const ConverterState& state, const unsigned char* p, unsigned char* q, int count) {
+  constexpr int kIn = BytesPerPixel(S);
+  const unsigned char* mantissas = state.rgbeMantissas8.data();
+  for (int i = 0; i < count; ++i, p += kIn, q += 5) {
+    const unsigned b = p[0];
+    const unsigned g = p[1];
+    const unsigned r = p[2];
+    const unsigned top = std::max(std::max(b, g), r);
+    const unsigned char* run = mantissas + top * 256;
+    const unsigned alpha = S == IT_RGBA8 ? state.alpha8[p[3]] : kOpaque8;
+    const std::uint64_t word = run[r] | run[g] << 8 | run[b] << 16 |
+                               static_cast<std::uint32_t>(state.rgbeExponents8[top]) << 24 |
+                               static_cast<std::uint64_t>(alpha) << 32;
+    StorePixel<5>(q, word, i + 1 == count);
+  }
+}
+
+// False, leaving the tables empty, where a larger code decodes to a smaller value (or to NaN).
+bool BuildRGBETables8(ConverterState& state) {
+  const float* linear = state.decode8->Data();
+  for (int v = 1; v < 256; ++v) {
+    if (!(linear[v] >= linear[v - 1]))
+      return false;
+  }
+  state.rgbeMantissas8.assign(256 * 256, 0);
+  for (int top = 0; top < 256; ++top) {
+    for (int v = 0; v <= top; ++v) {
+      unsigned char bytes[4];
+      PackRGBE(linear[v], linear[top], linear[top], bytes);
+      state.rgbeMantissas8[static_cast<std::size_t>(top) * 256 + static_cast<std::size_t>(v)] = bytes[0];
+      state.rgbeExponents8[static_cast<std::size_t>(top)] = bytes[3];
+    }
+    state.alpha8[static_cast<std::size_t>(top)] = detail::ScaleTo8(static_cast<float>(top) * kInv255);
+  }
+  return true;
 }
 
 template <Layout D>
@@ -747,6 +902,11 @@ RowConverter::RowConverter(EImageType sourceType, GammaValue sourceGamma, Layout
           BuildTable<S, D>(state);
           kernel = &ConvertByTable<S, D>;
         }
+      }
+      if constexpr ((S == IT_RGB8 || S == IT_RGBA8) && D == Layout::RGBEA) {
+        // 65536 mantissas cost about as much as packing as many pixels directly.
+        if (pixelCount >= 65536 && BuildRGBETables8(state))
+          kernel = &ConvertRGBEByCodes<S>;
       }
       if constexpr (S == IT_Grayscale8) {
         // Every result pixel is one of 256: convert each code once and copy pixels.
