@@ -76,87 +76,6 @@ constexpr bool kTableKernel = IsCoded(S) && (D == Layout::RGB8 || D == Layout::R
                                              D == Layout::RGBA16 ||
                                              (IsGrayscale(S) && (IsGreyLayout(D) || D == Layout::RGBEA)));
 
-// --- Packing the shared-exponent colour ------------------------------------------------------------
-
-// RGBECLR::FromFloat without the library calls. m at or above 1e-12 is a normal float, so its frexp
-// exponent is read from its bits, and the scale f x 255 / m of the reference is exactly 255 x 2^-n.
-inline void PackRGBE(float r, float g, float b, unsigned char* p) {
-  const float m = std::max(std::max(r, g), b);
-  if (!(static_cast<double>(m) >= 1e-12)) {
-    p[0] = p[1] = p[2] = p[3] = 0;
-    return;
-  }
-  if (std::isinf(m)) {
-    p[0] = std::isfinite(r) ? 0 : 0xFE;
-    p[1] = std::isfinite(g) ? 0 : 0xFE;
-    p[2] = std::isfinite(b) ? 0 : 0xFE;
-    p[3] = 0xFF;
-    return;
-  }
-  std::uint32_t bits;
-  std::memcpy(&bits, &m, sizeof bits);
-  const int n = static_cast<int>((bits >> 23) & 0xFFu) - 126;
-  const std::uint64_t powerBits = static_cast<std::uint64_t>(1023 - n) << 52;
-  double power;
-  std::memcpy(&power, &powerBits, sizeof power);
-  const double scale = 255.0 * power;
-  p[0] = detail::TruncToByte(r * scale);
-  p[1] = detail::TruncToByte(g * scale);
-  p[2] = detail::TruncToByte(b * scale);
-  p[3] = static_cast<unsigned char>(n + 128);
-}
-
-#if defined(IMAGERY_CONVERT_SSE2)
-// The smallest float whose double value is at least 1e-12, the threshold of PackRGBE in single precision.
-const float kRGBEMinimum = [] {
-  float f = static_cast<float>(1e-12);
-  return static_cast<double>(f) < 1e-12 ? std::nextafter(f, 1.0f) : f;
-}();
-
-// PackRGBE on four pixels at once, the first four bytes of each pixel written `step` bytes apart.
-// Lanes of black, infinite or NaN maxima take the scalar path. A truncation out of the int range
-// gives 0x80000000, whose low byte is the 0 of TruncToByte.
-inline void PackRGBEFour(const float* r, const float* g, const float* b, unsigned char* p, int step) {
-  const __m128 red = _mm_loadu_ps(r);
-  const __m128 green = _mm_loadu_ps(g);
-  const __m128 blue = _mm_loadu_ps(b);
-  // std::max(a, b) keeps a unless a < b: maxps(b, a).
-  const __m128 m = _mm_max_ps(blue, _mm_max_ps(green, red));
-  const __m128 normal = _mm_and_ps(_mm_cmpge_ps(m, _mm_set1_ps(kRGBEMinimum)),
-                                   _mm_cmplt_ps(m, _mm_set1_ps(std::numeric_limits<float>::infinity())));
-  if (_mm_movemask_ps(normal) != 0xF) {
-    for (int i = 0; i < 4; ++i)
-      PackRGBE(r[i], g[i], b[i], p + i * step);
-    return;
-  }
-  // Biased exponent E: n = E - 126, and the scale 255 x 2^-n has the double exponent 1149 - E.
-  const __m128i biased = _mm_and_si128(_mm_srli_epi32(_mm_castps_si128(m), 23), _mm_set1_epi32(0xFF));
-  const __m128i powers = _mm_sub_epi32(_mm_set1_epi32(1149), biased);
-  const __m128d k255 = _mm_set1_pd(255.0);
-  const __m128d scaleLow =
-      _mm_mul_pd(k255, _mm_castsi128_pd(_mm_slli_epi64(_mm_unpacklo_epi32(powers, _mm_setzero_si128()), 52)));
-  const __m128d scaleHigh =
-      _mm_mul_pd(k255, _mm_castsi128_pd(_mm_slli_epi64(_mm_unpackhi_epi32(powers, _mm_setzero_si128()), 52)));
-  auto mantissas = [&](__m128 channel) {
-    const __m128i low = _mm_cvttpd_epi32(_mm_mul_pd(_mm_cvtps_pd(channel), scaleLow));
-    const __m128i high =
-        _mm_cvttpd_epi32(_mm_mul_pd(_mm_cvtps_pd(_mm_movehl_ps(channel, channel)), scaleHigh));
-    return _mm_unpacklo_epi64(low, high);
-  };
-  // The low byte of each code in memory order red, green, blue, exponent: one little-endian word per
-  // pixel.
-  const __m128i byte = _mm_set1_epi32(0xFF);
-  __m128i words = _mm_and_si128(mantissas(red), byte);
-  words = _mm_or_si128(words, _mm_slli_epi32(_mm_and_si128(mantissas(green), byte), 8));
-  words = _mm_or_si128(words, _mm_slli_epi32(_mm_and_si128(mantissas(blue), byte), 16));
-  words = _mm_or_si128(words, _mm_slli_epi32(_mm_add_epi32(biased, _mm_set1_epi32(2)), 24));
-  alignas(16) std::uint32_t packed[4];
-  _mm_store_si128(reinterpret_cast<__m128i*>(packed), words);
-  for (int i = 0; i < 4; ++i, p += step)
-    std::memcpy(p, &packed[i], 4);
-}
-#endif
-
 // RGBECLR::ToFloat by a table of the scale of each exponent byte: 2^(e - 128) / 255 as that computes it,
 // and 0 for e = 0, where every channel is 0. The largest exponent reads zero mantissas as 0.
 const std::array<float, 256> kRGBEScales = [] {
@@ -571,16 +490,10 @@ void EncodeColour(const ConverterState& state, const Planar& in, int n, unsigned
   } else {
     static_assert(D == Layout::RGBEA);
     static_cast<void>(state);
-    int i = 0;
-#if defined(IMAGERY_CONVERT_SSE2)
-    for (; i + 4 <= n; i += 4)
-      PackRGBEFour(in.r + i, in.g + i, in.b + i, q + i * kStep, kStep);
-#endif
-    for (; i < n; ++i)
-      PackRGBE(in.r[i], in.g[i], in.b[i], q + i * kStep);
+    PackRGBERow(in.r, in.g, in.b, q, kStep, count);
     unsigned char alpha[kChunk];
     ScaleRow(in.a, alpha, n);
-    for (i = 0; i < n; ++i)
+    for (int i = 0; i < n; ++i)
       q[i * kStep + 4] = alpha[i];
   }
 }
@@ -671,7 +584,7 @@ void ConvertByTable(const ConverterState& state, const unsigned char* p, unsigne
   }
 }
 
-// PackRGBE sets every mantissa from its own channel and the largest one alone, and the exponent from
+// FromFloat sets every mantissa from its own channel and the largest one alone, and the exponent from
 // the largest alone: tables by code give the same bytes wherever the largest code holds the largest
 // value.
 template <EImageType S>
@@ -702,10 +615,10 @@ bool BuildRGBETables8(ConverterState& state) {
   state.rgbeMantissas8.assign(256 * 256, 0);
   for (int top = 0; top < 256; ++top) {
     for (int v = 0; v <= top; ++v) {
-      unsigned char bytes[4];
-      PackRGBE(linear[v], linear[top], linear[top], bytes);
-      state.rgbeMantissas8[static_cast<std::size_t>(top) * 256 + static_cast<std::size_t>(v)] = bytes[0];
-      state.rgbeExponents8[static_cast<std::size_t>(top)] = bytes[3];
+      RGBECLR packed;
+      packed.FromFloat({linear[v], linear[top], linear[top]});
+      state.rgbeMantissas8[static_cast<std::size_t>(top) * 256 + static_cast<std::size_t>(v)] = packed.r;
+      state.rgbeExponents8[static_cast<std::size_t>(top)] = packed.e;
     }
     state.alpha8[static_cast<std::size_t>(top)] = detail::ScaleTo8(static_cast<float>(top) * kInv255);
   }
@@ -733,9 +646,9 @@ void BuildTable(ConverterState& state) {
   } else if constexpr (D == Layout::RGBEA) {
     state.tableRGBE.resize(linear.size());
     for (std::size_t code = 0; code < linear.size(); ++code) {
-      unsigned char bytes[4];
-      PackRGBE(linear[code], linear[code], linear[code], bytes);
-      std::memcpy(&state.tableRGBE[code], bytes, 4);
+      RGBECLR packed;
+      packed.FromFloat({linear[code], linear[code], linear[code]});
+      std::memcpy(&state.tableRGBE[code], &packed, 4);
     }
   } else if constexpr (Is8BitCodeLayout(D)) {
     state.table8.resize(linear.size());

@@ -1,7 +1,10 @@
 // HLS and RGBE colours, black-body colours and the derived interface colours.
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <limits>
 #include <random>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -91,6 +94,83 @@ TEST(RGBE, KnownAnswersNonFiniteInputsAndPrecision) {
     ASSERT_GE(std::max(std::max(packed.r, packed.g), packed.b), 127);
     ASSERT_TRUE(Near(packed.ToFloat(), c, std::max(std::max(c.r, c.g), c.b) / 128.0f));
   }
+}
+
+float FromBits(std::uint32_t bits) {
+  float f;
+  std::memcpy(&f, &bits, sizeof f);
+  return f;
+}
+
+// Every kernel of the row form against FromFloat on each colour, written five bytes apart from an odd
+// start so that the byte after each colour must stay as it was.
+void ExpectRowsMatchFromFloat(const std::vector<float>& r, const std::vector<float>& g,
+                              const std::vector<float>& b, const char* what) {
+  constexpr std::size_t kStep = 5;
+  for (const auto kernel :
+       {detail::RGBERowKernel::Scalar, detail::RGBERowKernel::SSE2, detail::RGBERowKernel::AVX2}) {
+    if (!detail::RGBERowKernelAvailable(kernel))
+      continue;
+    for (const std::size_t first : {std::size_t{0}, std::size_t{3}}) {
+      const std::size_t count = r.size() - first;
+      std::vector<unsigned char> out(count * kStep, 0xA5);
+      detail::PackRGBERow(kernel, &r[first], &g[first], &b[first], out.data(), kStep, count);
+      for (std::size_t i = 0; i < count; ++i) {
+        RGBECLR expected;
+        expected.FromFloat({r[first + i], g[first + i], b[first + i]});
+        const unsigned char* p = &out[i * kStep];
+        ASSERT_TRUE(RGBECLR(p[0], p[1], p[2], p[3]) == expected && p[4] == 0xA5)
+            << what << ", kernel " << static_cast<int>(kernel) << ", colour " << first + i << ": "
+            << r[first + i] << ", " << g[first + i] << ", " << b[first + i];
+      }
+    }
+  }
+  std::vector<unsigned char> out(r.size() * 4);
+  PackRGBERow(r.data(), g.data(), b.data(), out.data(), 4, r.size());
+  RGBECLR last;
+  last.FromFloat({r.back(), g.back(), b.back()});
+  EXPECT_EQ(RGBECLR(out[out.size() - 4], out[out.size() - 3], out[out.size() - 2], out.back()), last) << what;
+}
+
+TEST(RGBE, RowFormGivesTheBytesOfFromFloat) {
+  std::mt19937 random(11);
+  const float inf = std::numeric_limits<float>::infinity();
+  // Other channels of a colour: shares of the largest, negatives, zeros, denormals and, in every fourth
+  // run of eight, values that leave no finite largest channel or overflow the product.
+  const float kWild[] = {std::nanf(""), inf, -inf, -3e38f, 3e38f, -std::numeric_limits<float>::denorm_min()};
+  std::uniform_real_distribution<float> share(-1.5f, 1.0f);
+  std::vector<float> channels[3];
+  for (std::uint32_t exponent = 0; exponent < 256; ++exponent) {
+    for (int run = 0; run < 8; ++run) {
+      for (int i = 0; i < 8; ++i) {
+        const std::uint32_t mantissa = i == 0 ? 0 : i == 1 ? 0x7FFFFF : random() & 0x7FFFFF;
+        const float m = FromBits(exponent << 23 | mantissa);
+        const int top = static_cast<int>(random() % 3);
+        for (int c = 0; c < 3; ++c) {
+          float v = m * share(random);
+          if (c == top)
+            v = m;
+          else if (run % 4 == 0 && random() % 3 == 0)
+            v = kWild[random() % 6];
+          else if (random() % 8 == 0)
+            v = FromBits(static_cast<std::uint32_t>(random()) & 0x807FFFFFu);  // a denormal or zero
+          channels[c].push_back(v);
+        }
+      }
+    }
+  }
+  ExpectRowsMatchFromFloat(channels[0], channels[1], channels[2], "every exponent");
+
+  for (auto& c : channels)
+    c.clear();
+  std::uniform_real_distribution<float> unit(-0.2f, 1.4f), scale(-45.0f, 45.0f);
+  for (int i = 0; i < (1 << 18); ++i) {
+    const bool bits = i / 8 % 2 == 0;
+    const float factor = std::exp2(scale(random));
+    for (auto& c : channels)
+      c.push_back(bits ? FromBits(static_cast<std::uint32_t>(random())) : unit(random) * factor);
+  }
+  ExpectRowsMatchFromFloat(channels[0], channels[1], channels[2], "random floats");
 }
 
 TEST(Temperature, ClampsAndReachesWhiteAtDaylight) {
