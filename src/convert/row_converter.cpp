@@ -94,6 +94,37 @@ inline float RGBEChannel(unsigned mantissa, unsigned e, float scale) {
   return e == 0xFF && mantissa == 0 ? 0.0f : value;
 }
 
+#if defined(IMAGERY_CONVERT_SSE2)
+// Four shared-exponent pixels (`p` at the first, five bytes each) decoded as kRGBEScales and RGBEChannel
+// do: the scale is the same product of the exponent's power of two and 1/255, a zero scale for e = 0.
+inline void DecodeRGBEFour(const unsigned char* p, float* r, float* g, float* b) {
+  std::uint32_t w[4];
+  for (int k = 0; k < 4; ++k)
+    std::memcpy(&w[k], p + 5 * k, 4);
+  const __m128i words = _mm_setr_epi32(static_cast<int>(w[0]), static_cast<int>(w[1]), static_cast<int>(w[2]),
+                                       static_cast<int>(w[3]));
+  const __m128i byte = _mm_set1_epi32(0xFF);
+  const __m128i e = _mm_srli_epi32(words, 24);
+  const __m128i one = _mm_set1_epi32(1);
+  // 2^(e - 128): the float with exponent bits e - 1, and for e = 1 the denormal 2^-127.
+  __m128i power = _mm_slli_epi32(_mm_sub_epi32(e, one), 23);
+  const __m128i isOne = _mm_cmpeq_epi32(e, one);
+  power = _mm_or_si128(_mm_andnot_si128(isOne, power), _mm_and_si128(isOne, _mm_set1_epi32(0x00400000)));
+  power = _mm_andnot_si128(_mm_cmpeq_epi32(e, _mm_setzero_si128()), power);
+  const __m128 scale = _mm_mul_ps(_mm_castsi128_ps(power), _mm_set1_ps(kInv255));
+  const __m128i top = _mm_cmpeq_epi32(e, byte);
+  auto channel = [&](int shift, float* out) {
+    const __m128i mantissa = _mm_and_si128(_mm_srli_epi32(words, shift), byte);
+    const __m128 value = _mm_mul_ps(_mm_add_ps(_mm_cvtepi32_ps(mantissa), _mm_set1_ps(0.5f)), scale);
+    const __m128i zero = _mm_and_si128(top, _mm_cmpeq_epi32(mantissa, _mm_setzero_si128()));
+    _mm_storeu_ps(out, _mm_andnot_ps(_mm_castsi128_ps(zero), value));
+  };
+  channel(0, r);
+  channel(8, g);
+  channel(16, b);
+}
+#endif
+
 inline float GreyOfGrey(float v) {
   return (0.35f * v + 0.5f * v) + 0.15f * v;
 }
@@ -372,7 +403,12 @@ void DecodeColour(const ConverterState& state, const unsigned char* p, int n, Pl
     }
   } else if constexpr (S == IT_RGBEA) {
     static_cast<void>(state);
-    for (int i = 0; i < n; ++i, p += kStep) {
+    int i = 0;
+#if defined(IMAGERY_CONVERT_SSE2)
+    for (; i + 4 <= n; i += 4, p += 4 * kStep)
+      DecodeRGBEFour(p, out.r + i, out.g + i, out.b + i);
+#endif
+    for (; i < n; ++i, p += kStep) {
       const unsigned e = p[3];
       const float scale = kRGBEScales[e];
       out.r[i] = RGBEChannel(p[0], e, scale);
