@@ -84,7 +84,8 @@ void GetGreyScale(const Image& image, float& minGrey, float& maxGrey) {
   };
   const PixelPlane& plane = image.GetImplRef().Plane();
   const int width = plane.Width();
-  const convert::GreyRangeScanner scanner(plane.Type(), plane.Gamma());
+  const convert::GreyRangeScanner scanner(plane.Type(), plane.Gamma(),
+                                          static_cast<std::int64_t>(width) * std::max(plane.Height(), 0));
   // Bands are folded in row order with the comparisons of a single pass, so that even the sign of a
   // zero extreme is the one a pass from the first row to the last would keep.
   const Range range = MapReducePixelTasks<Range>(

@@ -273,6 +273,8 @@ struct ConverterState {
   std::vector<float> weighted8;
   // 8-bit grey: the grey value of each code.
   std::vector<float> greyOfCode8;
+  // Grey sources whose grey never decreases with the code: the grey value of each code.
+  std::vector<float> greyOfCode;
   // 8-bit colour to shared exponent, where the linear values never decrease with the code (so the
   // largest code of a pixel holds its largest channel): the mantissa byte of every code under every
   // largest code (a run of 256 per largest code), the exponent byte of each largest code, and the
@@ -794,6 +796,77 @@ void ScanGrey(const ConverterState& state, const unsigned char* p, int count, fl
   maxGrey = high;
 }
 
+// Whether every value is at least the one before, none NaN or -0: then the extremes of the values of
+// some codes are the values of the extreme codes, with the bits a fold in any order keeps.
+bool NeverDecreases(const std::vector<float>& values) {
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    if (std::isnan(values[i]) || (values[i] == 0.0f && std::signbit(values[i])) ||
+        (i > 0 && values[i] < values[i - 1]))
+      return false;
+  }
+  return true;
+}
+
+// The smallest and largest grey code of `count` pixels.
+template <EImageType S>
+void CodeRange(const unsigned char* p, int count, unsigned& low, unsigned& high) {
+  int i = 0;
+#if defined(IMAGERY_CONVERT_SSE2)
+  if constexpr (S == IT_Grayscale8) {
+    __m128i lows = _mm_set1_epi8(static_cast<char>(0xFF));
+    __m128i highs = _mm_setzero_si128();
+    for (; i + 16 <= count; i += 16) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i));
+      lows = _mm_min_epu8(lows, v);
+      highs = _mm_max_epu8(highs, v);
+    }
+    alignas(16) unsigned char l[16], h[16];
+    _mm_store_si128(reinterpret_cast<__m128i*>(l), lows);
+    _mm_store_si128(reinterpret_cast<__m128i*>(h), highs);
+    for (int k = 0; k < 16; ++k) {
+      low = std::min<unsigned>(low, l[k]);
+      high = std::max<unsigned>(high, h[k]);
+    }
+  } else if constexpr (S == IT_Grayscale16) {
+    // Codes offset by 32768 compare as signed 16-bit values.
+    const __m128i offset = _mm_set1_epi16(-32768);
+    __m128i lows = _mm_set1_epi16(32767);
+    __m128i highs = _mm_set1_epi16(-32768);
+    for (; i + 8 <= count; i += 8) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 2 * i));
+      const __m128i codes = _mm_xor_si128(_mm_or_si128(_mm_slli_epi16(v, 8), _mm_srli_epi16(v, 8)), offset);
+      lows = _mm_min_epi16(lows, codes);
+      highs = _mm_max_epi16(highs, codes);
+    }
+    alignas(16) std::uint16_t l[8], h[8];
+    _mm_store_si128(reinterpret_cast<__m128i*>(l), _mm_xor_si128(lows, offset));
+    _mm_store_si128(reinterpret_cast<__m128i*>(h), _mm_xor_si128(highs, offset));
+    for (int k = 0; k < 8; ++k) {
+      low = std::min<unsigned>(low, l[k]);
+      high = std::max<unsigned>(high, h[k]);
+    }
+  }
+#endif
+  for (p += static_cast<std::ptrdiff_t>(i) * BytesPerPixel(S); i < count; ++i, p += BytesPerPixel(S)) {
+    const unsigned code = GreyCode<S>(p);
+    low = std::min(low, code);
+    high = std::max(high, code);
+  }
+}
+
+// ScanGrey where grey never decreases with the code: the extremes are the grey of the extreme codes.
+template <EImageType S>
+void ScanGreyCodes(const ConverterState& state, const unsigned char* p, int count, float& minGrey,
+                   float& maxGrey) {
+  unsigned low = std::numeric_limits<unsigned>::max();
+  unsigned high = 0;
+  CodeRange<S>(p, count, low, high);
+  const float lowest = state.greyOfCode[low];
+  const float highest = state.greyOfCode[high];
+  minGrey = lowest <= minGrey ? lowest : minGrey;
+  maxGrey = highest > maxGrey ? highest : maxGrey;
+}
+
 // Calls f(std::integral_constant<Layout, D>{}) for the layout `d`.
 template <class F>
 decltype(auto) DispatchLayout(Layout d, F&& f) {
@@ -880,11 +953,25 @@ void RowConverter::Convert(const unsigned char* source, unsigned char* target, i
 
 // --- GreyRangeScanner -------------------------------------------------------------------------------------
 
-GreyRangeScanner::GreyRangeScanner(EImageType type, GammaValue gamma)
+GreyRangeScanner::GreyRangeScanner(EImageType type, GammaValue gamma, std::int64_t pixelCount)
     : state_(std::make_unique<ConverterState>()) {
-  state_->SetDecoders(type, gamma);
-  state_->scan = DispatchImageType(
-      type, [](auto s) -> ConverterState::ScanKernel { return &ScanGrey<decltype(s)::value>; });
+  ConverterState& state = *state_;
+  state.SetDecoders(type, gamma);
+  state.scan = DispatchImageType(type, [&](auto s) -> ConverterState::ScanKernel {
+    constexpr EImageType S = decltype(s)::value;
+    if constexpr (IsGrayscale(S) && IsCoded(S)) {
+      if (S == IT_Grayscale8 || pixelCount >= 65536) {
+        std::vector<float> grey = LinearOfCodes<S>(state);
+        for (float& v : grey)
+          v = GreyOfGrey(v);
+        if (NeverDecreases(grey)) {
+          state.greyOfCode = std::move(grey);
+          return &ScanGreyCodes<S>;
+        }
+      }
+    }
+    return &ScanGrey<S>;
+  });
 }
 
 GreyRangeScanner::~GreyRangeScanner() = default;

@@ -77,10 +77,12 @@ class RowReencoder {
 };
 
 // The grey range of `count` pixels folded into (minGrey, maxGrey) in pixel order: a value replaces the
-// minimum when not above it and the maximum when above it, so NaN values never count.
+// minimum when not above it and the maximum when above it, so NaN values never count. `pixelCount` is
+// the number of pixels the scans will cover; grey of 16-bit codes takes a table of every code only when
+// they are enough to pay for it.
 class GreyRangeScanner {
  public:
-  GreyRangeScanner(EImageType type, GammaValue gamma);
+  GreyRangeScanner(EImageType type, GammaValue gamma, std::int64_t pixelCount);
   ~GreyRangeScanner();
   GreyRangeScanner(const GreyRangeScanner&) = delete;
   GreyRangeScanner& operator=(const GreyRangeScanner&) = delete;
