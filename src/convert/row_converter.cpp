@@ -273,6 +273,9 @@ struct ConverterState {
   std::vector<float> weighted8;
   // 8-bit grey: the grey value of each code.
   std::vector<float> greyOfCode8;
+  // Code-to-code conversions from formats with stored alpha codes to layouts with alpha: the alpha code
+  // stored for each.
+  std::vector<unsigned short> alphaCodes;
   // Grey sources whose grey never decreases with the code: the grey value of each code.
   std::vector<float> greyOfCode;
   // 8-bit colour to shared exponent, where the linear values never decrease with the code (so the
@@ -609,16 +612,36 @@ void ConvertByTable(const ConverterState& state, const unsigned char* p, unsigne
           r = table[LoadBE16(p + 4)];
         }
         unsigned a = 0;
-        if constexpr (D == Layout::RGBA8)
-          a = HasAlpha(S) ? detail::ScaleTo8(AlphaOf<S>(p)) : kOpaque8;
-        else if constexpr (D == Layout::RGBA16)
-          a = HasAlpha(S) ? detail::ScaleTo16(AlphaOf<S>(p)) : kOpaque16;
+        if constexpr (D == Layout::RGBA8 || D == Layout::RGBA16) {
+          if constexpr (S == IT_RGBA8)
+            a = state.alphaCodes[p[3]];
+          else if constexpr (S == IT_RGBA16)
+            a = state.alphaCodes[LoadBE16(p + 6)];
+          else if constexpr (D == Layout::RGBA8)
+            a = HasAlpha(S) ? detail::ScaleTo8(AlphaOf<S>(p)) : kOpaque8;
+          else
+            a = HasAlpha(S) ? detail::ScaleTo16(AlphaOf<S>(p)) : kOpaque16;
+        }
         if constexpr (Is8BitCodeLayout(D))
           StorePixel<kOut>(q, Word8(b, g, r, a), i + 1 == count);
         else
           StorePixel<kOut>(q, Word16(b, g, r, a), i + 1 == count);
       }
     }
+  }
+}
+
+// The alpha code of the layout for every stored alpha code of the source, as AlphaOf reads it.
+template <EImageType S, Layout D>
+void BuildAlphaTable(ConverterState& state) {
+  if constexpr ((S == IT_RGBA8 || S == IT_RGBA16) && (D == Layout::RGBA8 || D == Layout::RGBA16)) {
+    state.alphaCodes.resize(CodeCount(S));
+    for (std::size_t code = 0; code < state.alphaCodes.size(); ++code) {
+      const float a = static_cast<float>(code) * (S == IT_RGBA8 ? kInv255 : kInv65535);
+      state.alphaCodes[code] = D == Layout::RGBA8 ? detail::ScaleTo8(a) : detail::ScaleTo16(a);
+    }
+  } else {
+    static_cast<void>(state);
   }
 }
 
@@ -922,6 +945,7 @@ RowConverter::RowConverter(EImageType sourceType, GammaValue sourceGamma, Layout
         const std::int64_t values = pixelCount * (IsGrayscale(S) ? 1 : 3);
         if (Has8BitCodes(S) || values >= static_cast<std::int64_t>(CodeCount(S))) {
           BuildTable<S, D>(state);
+          BuildAlphaTable<S, D>(state);
           kernel = &ConvertByTable<S, D>;
         }
       }
