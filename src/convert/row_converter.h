@@ -45,7 +45,8 @@ struct ConverterState;
 class RowConverter {
  public:
   // `pixelCount` is the number of pixels the conversion will convert; code-to-code tables of 16-bit
-  // sources are built only when they have enough values to pay for them.
+  // sources, and the shared-exponent tables of 8-bit colour, are built only when there are enough
+  // values to pay for them.
   RowConverter(EImageType sourceType, GammaValue sourceGamma, Layout target, GammaValue targetGamma,
                const GreyStretch& stretch, std::int64_t valueCount);
   ~RowConverter();
