@@ -575,6 +575,7 @@ template <EImageType S, Layout D>
 void ConvertByTable(const ConverterState& state, const unsigned char* p, unsigned char* q, int count) {
   constexpr int kIn = BytesPerPixel(S);
   constexpr int kOut = BytesOf(D);
+  constexpr int kChannelBytes = Is8BitCodeLayout(D) ? 1 : 2;
   if constexpr (D == Layout::Grey32f) {
     const float* table = state.tableFloat.data();
     for (int i = 0; i < count; ++i, p += kIn, q += kOut)
@@ -596,36 +597,33 @@ void ConvertByTable(const ConverterState& state, const unsigned char* p, unsigne
       table = state.table16.data();
     }
     for (int i = 0; i < count; ++i, p += kIn, q += kOut) {
-      if constexpr (IsGreyLayout(D)) {
-        StoreCode<D>(q, table[GreyCode<S>(p)]);
+      if constexpr (IsGrayscale(S)) {
+        const unsigned code = table[GreyCode<S>(p)];
+        StoreCode<D>(q, code);
+        if constexpr (!IsGreyLayout(D)) {
+          StoreCode<D>(q + kChannelBytes, code);
+          StoreCode<D>(q + 2 * kChannelBytes, code);
+        }
+      } else if constexpr (Has8BitCodes(S)) {
+        StoreCode<D>(q, table[p[0]]);
+        StoreCode<D>(q + kChannelBytes, table[p[1]]);
+        StoreCode<D>(q + 2 * kChannelBytes, table[p[2]]);
       } else {
-        unsigned b, g, r;
-        if constexpr (IsGrayscale(S)) {
-          b = g = r = table[GreyCode<S>(p)];
-        } else if constexpr (Has8BitCodes(S)) {
-          b = table[p[0]];
-          g = table[p[1]];
-          r = table[p[2]];
-        } else {
-          b = table[LoadBE16(p)];
-          g = table[LoadBE16(p + 2)];
-          r = table[LoadBE16(p + 4)];
-        }
-        unsigned a = 0;
-        if constexpr (D == Layout::RGBA8 || D == Layout::RGBA16) {
-          if constexpr (S == IT_RGBA8)
-            a = state.alphaCodes[p[3]];
-          else if constexpr (S == IT_RGBA16)
-            a = state.alphaCodes[LoadBE16(p + 6)];
-          else if constexpr (D == Layout::RGBA8)
-            a = HasAlpha(S) ? detail::ScaleTo8(AlphaOf<S>(p)) : kOpaque8;
-          else
-            a = HasAlpha(S) ? detail::ScaleTo16(AlphaOf<S>(p)) : kOpaque16;
-        }
-        if constexpr (Is8BitCodeLayout(D))
-          StorePixel<kOut>(q, Word8(b, g, r, a), i + 1 == count);
+        StoreCode<D>(q, table[LoadBE16(p)]);
+        StoreCode<D>(q + kChannelBytes, table[LoadBE16(p + 2)]);
+        StoreCode<D>(q + 2 * kChannelBytes, table[LoadBE16(p + 4)]);
+      }
+      if constexpr (D == Layout::RGBA8 || D == Layout::RGBA16) {
+        unsigned a;
+        if constexpr (S == IT_RGBA8)
+          a = state.alphaCodes[p[3]];
+        else if constexpr (S == IT_RGBA16)
+          a = state.alphaCodes[LoadBE16(p + 6)];
+        else if constexpr (D == Layout::RGBA8)
+          a = HasAlpha(S) ? detail::ScaleTo8(AlphaOf<S>(p)) : kOpaque8;
         else
-          StorePixel<kOut>(q, Word16(b, g, r, a), i + 1 == count);
+          a = HasAlpha(S) ? detail::ScaleTo16(AlphaOf<S>(p)) : kOpaque16;
+        StoreCode<D>(q + 3 * kChannelBytes, a);
       }
     }
   }
