@@ -241,11 +241,17 @@ void StorePixels(const Code* b, const Code* g, const Code* r, const Code* a, int
   }
 #endif
   for (; i < n; ++i) {
-    const unsigned alpha = HasAlphaLayout(D) ? a[i] : 0u;
-    if constexpr (Is8BitCodeLayout(D))
-      StorePixel<kStep>(q + i * kStep, Word8(b[i], g[i], r[i], alpha), i + 1 == n);
-    else
-      StorePixel<kStep>(q + i * kStep, Word16(b[i], g[i], r[i], alpha), i + 1 == n);
+    unsigned char* pixel = q + i * kStep;
+    if constexpr (D == Layout::RGB8) {
+      // Words three bytes apart would often straddle two cache lines: bytes are cheaper.
+      pixel[0] = b[i];
+      pixel[1] = g[i];
+      pixel[2] = r[i];
+    } else if constexpr (D == Layout::RGBA8) {
+      StorePixel<kStep>(pixel, Word8(b[i], g[i], r[i], a[i]), i + 1 == n);
+    } else {
+      StorePixel<kStep>(pixel, Word16(b[i], g[i], r[i], HasAlphaLayout(D) ? a[i] : 0u), i + 1 == n);
+    }
   }
 }
 
