@@ -277,12 +277,11 @@ struct ConverterState {
   std::vector<unsigned char> pixels;     // 8-bit grey: the converted pixel of each code
   // 8-bit colour: 0.35, 0.5 and 0.15 times the linear value of each code, one run of 256 each.
   std::vector<float> weighted8;
-  // 8-bit grey: the grey value of each code.
-  std::vector<float> greyOfCode8;
   // Code-to-code conversions from formats with stored alpha codes to layouts with alpha: the alpha code
   // stored for each.
   std::vector<unsigned short> alphaCodes;
-  // Grey sources whose grey never decreases with the code: the grey value of each code.
+  // The grey value of each code: always for 8-bit grey, and for the other grey code sources whose range
+  // scan reads it.
   std::vector<float> greyOfCode;
   // 8-bit colour to shared exponent, where the linear values never decrease with the code (so the
   // largest code of a pixel holds its largest channel): the mantissa byte of every code under every
@@ -300,9 +299,9 @@ struct ConverterState {
     else if (Is16Bit(s))
       decode16.emplace(gamma);
     if (s == IT_Grayscale8) {
-      greyOfCode8.resize(256);
+      greyOfCode.resize(256);
       for (int v = 0; v < 256; ++v)
-        greyOfCode8[v] = GreyOfGrey((*decode8)(static_cast<unsigned char>(v)));
+        greyOfCode[v] = GreyOfGrey((*decode8)(static_cast<unsigned char>(v)));
     }
     if (s == IT_RGB8 || s == IT_RGBA8) {
       // The three products of the grey sum per code: the same floats the sum would multiply out.
@@ -444,7 +443,7 @@ void DecodeGrey(const ConverterState& state, const unsigned char* p, int n, Plan
   if constexpr (S == IT_Grayscale8) {
     static_cast<void>(scratch);
     for (int i = 0; i < n; ++i)
-      grey[i] = state.greyOfCode8[p[i]];
+      grey[i] = state.greyOfCode[p[i]];
   } else if constexpr (IsGrayscale(S)) {
     static_cast<void>(scratch);
     for (int i = 0; i < n; ++i, p += BytesPerPixel(S))
@@ -989,13 +988,13 @@ GreyRangeScanner::GreyRangeScanner(EImageType type, GammaValue gamma, std::int64
     constexpr EImageType S = decltype(s)::value;
     if constexpr (IsGrayscale(S) && IsCoded(S)) {
       if (S == IT_Grayscale8 || pixelCount >= 65536) {
-        std::vector<float> grey = LinearOfCodes<S>(state);
-        for (float& v : grey)
-          v = GreyOfGrey(v);
-        if (NeverDecreases(grey)) {
-          state.greyOfCode = std::move(grey);
-          return &ScanGreyCodes<S>;
+        if (state.greyOfCode.empty()) {
+          state.greyOfCode = LinearOfCodes<S>(state);
+          for (float& v : state.greyOfCode)
+            v = GreyOfGrey(v);
         }
+        if (NeverDecreases(state.greyOfCode))
+          return &ScanGreyCodes<S>;
       }
     }
     return &ScanGrey<S>;
