@@ -8,7 +8,7 @@
 #include "imagery/image.h"
 #include "imagery/image_factory.h"
 #include "imagery/image_list.h"
-#include "test_support.h"
+#include "support/image_support.h"
 
 namespace imagery {
 namespace {

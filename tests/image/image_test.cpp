@@ -8,7 +8,7 @@
 #include "imagery/image_factory.h"
 #include "imagery/image_list.h"
 #include "imagery/pixel_access.h"
-#include "test_support.h"
+#include "support/image_support.h"
 
 namespace imagery {
 namespace {
