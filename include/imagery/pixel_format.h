@@ -1,5 +1,6 @@
-// Pixel formats: the EImageType enumeration, the layout facts of each format, the per-format traits
-// EImageTrait<T> on which generic pixel loops are instantiated, and the human-readable format names.
+// Pixel formats: the EImageType enumeration, the stored layout of every format (kFormatLayouts, the
+// single description of their bytes) with the facts derived from it, the one dispatch from a runtime
+// format to a template argument, the per-format traits EImageTrait<T>, and the format names.
 //
 // Stored layouts, channels in memory order (every multi-channel format stores blue first except RGBE):
 //   IT_RGB8 b g r (8-bit)            IT_RGBA8 b g r a            IT_Grayscale8 v
@@ -12,6 +13,8 @@
 
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
+#include <utility>
 
 #include "imagery/color.h"
 #include "imagery/gamma.h"
@@ -36,39 +39,92 @@ enum EImageType : std::uint8_t {
   IT_UNDEFINED = 12,
 };
 
-// Layout facts. Values outside 0..12 answer 0 or false.
+// The stored layout of every format: the one description of where each channel lies, how wide it is,
+// its byte order, where alpha is and whether values carry the plane's gamma. Pixel access, conversions,
+// resampling and every other per-format loop read their layouts from here (through the sample readers
+// and writers of detail/pixel_io.h); nothing else spells out a format's bytes.
+//
+// How one stored sample (a channel value) is held.
+enum class SampleKind : std::uint8_t {
+  None,            // nothing stored (IT_UNDEFINED)
+  Code8,           // one byte, code 0..255
+  Code16,          // two bytes, most significant first, code 0..65535
+  Float32,         // a native float
+  SharedExponent,  // one byte of mantissa per colour channel, decoded with the pixel's exponent byte
+  LinearGrey16,    // two bytes, least significant first, a linear code 0..65535 (never gamma-encoded)
+};
+
+struct FormatLayout {
+  SampleKind colour;
+  // One stored colour sample stands for red, green and blue alike.
+  bool grey;
+  // Byte offsets of the colour samples (grey formats: each is the grey sample's).
+  std::int8_t red, green, blue;
+  // Byte offset of the shared exponent (-1 when there is none).
+  std::int8_t exponent;
+  // The alpha sample, read without gamma; SampleKind::None and -1 when the format has no alpha that
+  // pixel access reads (the fourth byte of IT_RGEncodedAlpha is carried along, not read).
+  SampleKind alphaKind;
+  std::int8_t alpha;
+  std::int8_t bytes;
+  // Colour codes are encoded with the plane's gamma (alpha never is).
+  bool gammaEncoded;
+};
+
+namespace detail {
+using K = SampleKind;
+// Indexed by EImageType; every multi-channel format stores blue first except the shared-exponent one.
+inline constexpr FormatLayout kFormatLayouts[] = {
+    /* IT_RGB8          */ {K::Code8, false, 2, 1, 0, -1, K::None, -1, 3, true},
+    /* IT_Grayscale8    */ {K::Code8, true, 0, 0, 0, -1, K::None, -1, 1, true},
+    /* IT_RGBA8         */ {K::Code8, false, 2, 1, 0, -1, K::Code8, 3, 4, true},
+    /* IT_RGBEA         */ {K::SharedExponent, false, 0, 1, 2, 3, K::Code8, 4, 5, false},
+    /* IT_RGB16         */ {K::Code16, false, 4, 2, 0, -1, K::None, -1, 6, true},
+    /* IT_RGBA16        */ {K::Code16, false, 4, 2, 0, -1, K::Code16, 6, 8, true},
+    /* IT_Grayscale16   */ {K::Code16, true, 0, 0, 0, -1, K::None, -1, 2, true},
+    /* IT_RGB32f        */ {K::Float32, false, 8, 4, 0, -1, K::None, -1, 12, false},
+    /* IT_RGBA32f       */ {K::Float32, false, 8, 4, 0, -1, K::Float32, 12, 16, false},
+    /* IT_Grayscale32f  */ {K::Float32, true, 0, 0, 0, -1, K::None, -1, 4, false},
+    /* IT_RGEncoded     */ {K::LinearGrey16, true, 1, 1, 1, -1, K::None, -1, 3, false},
+    /* IT_RGEncodedAlpha*/ {K::LinearGrey16, true, 1, 1, 1, -1, K::None, -1, 4, false},
+    /* IT_UNDEFINED     */ {K::None, false, 0, 0, 0, -1, K::None, -1, 0, false},
+};
+}  // namespace detail
+
+// The layout of `type`; format bytes beyond IT_UNDEFINED have the layout of IT_UNDEFINED.
+constexpr const FormatLayout& LayoutOf(EImageType type) {
+  return detail::kFormatLayouts[type < IT_UNDEFINED ? type : IT_UNDEFINED];
+}
+
+// Layout facts. Values outside 0..11 answer 0 or false.
 constexpr int BytesPerPixel(EImageType type) {
-  constexpr int kBytes[] = {3, 1, 4, 5, 6, 8, 2, 12, 16, 4, 3, 4, 0};
-  return type <= IT_UNDEFINED ? kBytes[type] : 0;
+  return LayoutOf(type).bytes;
 }
 // Bytes of one row: width x bytes per pixel rounded up to a multiple of 4 (0 for a negative width).
 constexpr std::int64_t BytesPerLine(int width, EImageType type) {
   const std::int64_t raw = width > 0 ? static_cast<std::int64_t>(width) * BytesPerPixel(type) : 0;
   return (raw + 3) / 4 * 4;
 }
-// Formats that carry an alpha channel that pixel access reads (the fourth byte of IT_RGEncodedAlpha is
-// carried along but not read as alpha).
+// Formats that carry an alpha channel that pixel access reads.
 constexpr bool HasAlpha(EImageType type) {
-  return type == IT_RGBA8 || type == IT_RGBEA || type == IT_RGBA16 || type == IT_RGBA32f;
+  return LayoutOf(type).alphaKind != SampleKind::None;
 }
 // Formats whose stored colour values are encoded with the plane's gamma (alpha never is).
 constexpr bool IsGammaEncoded(EImageType type) {
-  return type == IT_RGB8 || type == IT_Grayscale8 || type == IT_RGBA8 || type == IT_RGB16 ||
-         type == IT_RGBA16 || type == IT_Grayscale16;
+  return LayoutOf(type).gammaEncoded;
 }
 constexpr bool IsGrayscale(EImageType type) {
-  return type == IT_Grayscale8 || type == IT_Grayscale16 || type == IT_Grayscale32f || type == IT_RGEncoded ||
-         type == IT_RGEncodedAlpha;
+  return LayoutOf(type).grey;
 }
 constexpr bool IsFloat(EImageType type) {
-  return type == IT_RGB32f || type == IT_RGBA32f || type == IT_Grayscale32f;
+  return LayoutOf(type).colour == SampleKind::Float32;
 }
 // Formats stored as 16-bit big-endian channels.
 constexpr bool Is16Bit(EImageType type) {
-  return type == IT_RGB16 || type == IT_RGBA16 || type == IT_Grayscale16;
+  return LayoutOf(type).colour == SampleKind::Code16;
 }
 constexpr bool IsRGEncoded(EImageType type) {
-  return type == IT_RGEncoded || type == IT_RGEncodedAlpha;
+  return LayoutOf(type).colour == SampleKind::LinearGrey16;
 }
 // The other reading of the same bytes: IT_RGB8 <-> IT_RGEncoded, IT_RGBA8 <-> IT_RGEncodedAlpha; every
 // other format is its own counterpart.
@@ -84,6 +140,42 @@ constexpr EImageType SwapRGEncoding(EImageType type) {
       return IT_RGBA8;
     default:
       return type;
+  }
+}
+
+// The one place where a runtime format becomes a template argument: calls
+// f(std::integral_constant<EImageType, T>{}) for the format T equal to `type` and returns what f returns
+// (every instantiation must return the same type). Format bytes outside 0..11 call f with IT_UNDEFINED,
+// whose typed operations read and write nothing. Dispatch once per image or per row, never per pixel.
+template <class F>
+decltype(auto) DispatchImageType(EImageType type, F&& f) {
+  switch (type) {
+    case IT_RGB8:
+      return std::forward<F>(f)(std::integral_constant<EImageType, IT_RGB8>{});
+    case IT_Grayscale8:
+      return std::forward<F>(f)(std::integral_constant<EImageType, IT_Grayscale8>{});
+    case IT_RGBA8:
+      return std::forward<F>(f)(std::integral_constant<EImageType, IT_RGBA8>{});
+    case IT_RGBEA:
+      return std::forward<F>(f)(std::integral_constant<EImageType, IT_RGBEA>{});
+    case IT_RGB16:
+      return std::forward<F>(f)(std::integral_constant<EImageType, IT_RGB16>{});
+    case IT_RGBA16:
+      return std::forward<F>(f)(std::integral_constant<EImageType, IT_RGBA16>{});
+    case IT_Grayscale16:
+      return std::forward<F>(f)(std::integral_constant<EImageType, IT_Grayscale16>{});
+    case IT_RGB32f:
+      return std::forward<F>(f)(std::integral_constant<EImageType, IT_RGB32f>{});
+    case IT_RGBA32f:
+      return std::forward<F>(f)(std::integral_constant<EImageType, IT_RGBA32f>{});
+    case IT_Grayscale32f:
+      return std::forward<F>(f)(std::integral_constant<EImageType, IT_Grayscale32f>{});
+    case IT_RGEncoded:
+      return std::forward<F>(f)(std::integral_constant<EImageType, IT_RGEncoded>{});
+    case IT_RGEncodedAlpha:
+      return std::forward<F>(f)(std::integral_constant<EImageType, IT_RGEncodedAlpha>{});
+    default:
+      return std::forward<F>(f)(std::integral_constant<EImageType, IT_UNDEFINED>{});
   }
 }
 
@@ -121,6 +213,13 @@ inline void StoreBE16(unsigned char* p, unsigned short v) {
   p[0] = static_cast<unsigned char>(v >> 8);
   p[1] = static_cast<unsigned char>(v);
 }
+inline unsigned short LoadLE16(const unsigned char* p) {
+  return static_cast<unsigned short>(p[1] << 8 | p[0]);
+}
+inline void StoreLE16(unsigned char* p, unsigned short v) {
+  p[0] = static_cast<unsigned char>(v);
+  p[1] = static_cast<unsigned char>(v >> 8);
+}
 inline float LoadFloat(const unsigned char* p) {
   float v;
   std::memcpy(&v, p, sizeof v);
@@ -129,6 +228,82 @@ inline float LoadFloat(const unsigned char* p) {
 inline void StoreFloat(unsigned char* p, float v) {
   std::memcpy(p, &v, sizeof v);
 }
+
+// The stored value of one sample as a plain number, and moving it from and to its bytes in the byte
+// order of its kind. Shared-exponent mantissas are single bytes.
+template <SampleKind K>
+using StoredSample =
+    std::conditional_t<K == SampleKind::Float32, float,
+                       std::conditional_t<K == SampleKind::Code16 || K == SampleKind::LinearGrey16,
+                                          unsigned short, unsigned char>>;
+
+template <SampleKind K>
+inline StoredSample<K> LoadStored(const unsigned char* p) {
+  if constexpr (K == SampleKind::Code16)
+    return LoadBE16(p);
+  else if constexpr (K == SampleKind::LinearGrey16)
+    return LoadLE16(p);
+  else if constexpr (K == SampleKind::Float32)
+    return LoadFloat(p);
+  else
+    return p[0];
+}
+
+template <SampleKind K>
+inline void StoreStored(unsigned char* p, StoredSample<K> v) {
+  if constexpr (K == SampleKind::Code16)
+    StoreBE16(p, v);
+  else if constexpr (K == SampleKind::LinearGrey16)
+    StoreLE16(p, v);
+  else if constexpr (K == SampleKind::Float32)
+    StoreFloat(p, v);
+  else
+    p[0] = v;
+}
+
+inline unsigned char RedOf(const CLR& c) {
+  return c.Red();
+}
+inline unsigned char GreenOf(const CLR& c) {
+  return c.Green();
+}
+inline unsigned char BlueOf(const CLR& c) {
+  return c.Blue();
+}
+template <class C>
+auto RedOf(const C& c) {
+  return c.r;
+}
+template <class C>
+auto GreenOf(const C& c) {
+  return c.g;
+}
+template <class C>
+auto BlueOf(const C& c) {
+  return c.b;
+}
+
+// Load and Store of EImageTrait, from the format's layout.
+template <EImageType T, class ColorType>
+struct StoredPixel {
+  static constexpr FormatLayout L = LayoutOf(T);
+  static ColorType Load(const unsigned char* p) {
+    if constexpr (L.grey)
+      return LoadStored<L.colour>(p + L.red);
+    else
+      return ColorType{LoadStored<L.colour>(p + L.red), LoadStored<L.colour>(p + L.green),
+                       LoadStored<L.colour>(p + L.blue)};
+  }
+  static void Store(unsigned char* p, const ColorType& c) {
+    if constexpr (L.grey) {
+      StoreStored<L.colour>(p + L.red, c);
+    } else {
+      StoreStored<L.colour>(p + L.red, RedOf(c));
+      StoreStored<L.colour>(p + L.green, GreenOf(c));
+      StoreStored<L.colour>(p + L.blue, BlueOf(c));
+    }
+  }
+};
 }  // namespace detail
 
 // Per-format traits for generic pixel loops. FloatType is the linear value of one pixel, ColorType its
@@ -139,22 +314,16 @@ template <EImageType T>
 struct EImageTrait;
 
 template <>
-struct EImageTrait<IT_RGB8> {
+struct EImageTrait<IT_RGB8> : detail::StoredPixel<IT_RGB8, CLR> {
   using FloatType = LinearRGB_T<float>;
   using ColorType = CLR;
   static constexpr EImageType Type = IT_RGB8;
   static ColorType ToColorType(const FloatType& c, GammaValue gamma) { return c.ToCLR(gamma); }
   static FloatType ToFloatType(const ColorType& c, GammaValue gamma) { return FloatType(c, gamma); }
-  static ColorType Load(const unsigned char* p) { return CLR(p[2], p[1], p[0]); }
-  static void Store(unsigned char* p, const ColorType& c) {
-    p[0] = c.Blue();
-    p[1] = c.Green();
-    p[2] = c.Red();
-  }
 };
 
 template <>
-struct EImageTrait<IT_Grayscale8> {
+struct EImageTrait<IT_Grayscale8> : detail::StoredPixel<IT_Grayscale8, unsigned char> {
   using FloatType = float;
   using ColorType = unsigned char;
   static constexpr EImageType Type = IT_Grayscale8;
@@ -162,12 +331,10 @@ struct EImageTrait<IT_Grayscale8> {
     return EncodeChannel8(v, gamma, PowerPrecision::Double);
   }
   static FloatType ToFloatType(ColorType v, GammaValue gamma) { return DecodeChannel8(v, gamma); }
-  static ColorType Load(const unsigned char* p) { return p[0]; }
-  static void Store(unsigned char* p, ColorType v) { p[0] = v; }
 };
 
 template <>
-struct EImageTrait<IT_RGB16> {
+struct EImageTrait<IT_RGB16> : detail::StoredPixel<IT_RGB16, StoredRGB_T<unsigned short>> {
   using FloatType = LinearRGB_T<float>;
   using ColorType = StoredRGB_T<unsigned short>;
   static constexpr EImageType Type = IT_RGB16;
@@ -179,18 +346,10 @@ struct EImageTrait<IT_RGB16> {
   static FloatType ToFloatType(const ColorType& c, GammaValue gamma) {
     return CLRFLOATFrom(c.r, c.g, c.b, gamma);
   }
-  static ColorType Load(const unsigned char* p) {
-    return {detail::LoadBE16(p + 4), detail::LoadBE16(p + 2), detail::LoadBE16(p)};
-  }
-  static void Store(unsigned char* p, const ColorType& c) {
-    detail::StoreBE16(p, c.b);
-    detail::StoreBE16(p + 2, c.g);
-    detail::StoreBE16(p + 4, c.r);
-  }
 };
 
 template <>
-struct EImageTrait<IT_Grayscale16> {
+struct EImageTrait<IT_Grayscale16> : detail::StoredPixel<IT_Grayscale16, unsigned short> {
   using FloatType = float;
   using ColorType = unsigned short;
   static constexpr EImageType Type = IT_Grayscale16;
@@ -198,36 +357,24 @@ struct EImageTrait<IT_Grayscale16> {
     return EncodeChannel16(v, gamma, PowerPrecision::Double);
   }
   static FloatType ToFloatType(ColorType v, GammaValue gamma) { return DecodeChannel16(v, gamma); }
-  static ColorType Load(const unsigned char* p) { return detail::LoadBE16(p); }
-  static void Store(unsigned char* p, ColorType v) { detail::StoreBE16(p, v); }
 };
 
 template <>
-struct EImageTrait<IT_RGB32f> {
+struct EImageTrait<IT_RGB32f> : detail::StoredPixel<IT_RGB32f, LinearRGB_T<float>> {
   using FloatType = LinearRGB_T<float>;
   using ColorType = LinearRGB_T<float>;
   static constexpr EImageType Type = IT_RGB32f;
   static ColorType ToColorType(const FloatType& c, GammaValue) { return c; }
   static FloatType ToFloatType(const ColorType& c, GammaValue) { return c; }
-  static ColorType Load(const unsigned char* p) {
-    return {detail::LoadFloat(p + 8), detail::LoadFloat(p + 4), detail::LoadFloat(p)};
-  }
-  static void Store(unsigned char* p, const ColorType& c) {
-    detail::StoreFloat(p, c.b);
-    detail::StoreFloat(p + 4, c.g);
-    detail::StoreFloat(p + 8, c.r);
-  }
 };
 
 template <>
-struct EImageTrait<IT_Grayscale32f> {
+struct EImageTrait<IT_Grayscale32f> : detail::StoredPixel<IT_Grayscale32f, float> {
   using FloatType = float;
   using ColorType = float;
   static constexpr EImageType Type = IT_Grayscale32f;
   static ColorType ToColorType(FloatType v, GammaValue) { return v; }
   static FloatType ToFloatType(ColorType v, GammaValue) { return v; }
-  static ColorType Load(const unsigned char* p) { return detail::LoadFloat(p); }
-  static void Store(unsigned char* p, ColorType v) { detail::StoreFloat(p, v); }
 };
 
 }  // namespace imagery
