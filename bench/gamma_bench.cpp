@@ -11,6 +11,7 @@
 
 #include "imagery/gamma.h"
 #include "imagery/gamma_tables.h"
+#include "pixel/srgb_rows.h"
 
 namespace imagery {
 namespace {
@@ -117,8 +118,8 @@ void BM_Encode(benchmark::State& state, GammaValue gamma, Path path) {
 }
 
 // The sRGB rows with each instruction set the processor has, for comparing the kernels.
-void BM_EncodeSRGBKernel8(benchmark::State& state, detail::SRGBRowKernel kernel) {
-  if (!detail::SRGBRowKernelAvailable(kernel)) {
+void BM_EncodeSRGBKernel8(benchmark::State& state, cpu::Level kernel) {
+  if (kernel > cpu::Detected()) {
     state.SkipWithError("not available on this processor");
     return;
   }
@@ -126,7 +127,7 @@ void BM_EncodeSRGBKernel8(benchmark::State& state, detail::SRGBRowKernel kernel)
   std::vector<unsigned char> codes(kPixels);
   RunAgainstMemcpy(state, kPixels, [&] {
     for (std::size_t row = 0; row < kPixels; row += 4096)
-      detail::EncodeSRGBRow(kernel, &linear[row], &codes[row], 4096);
+      detail::SRGBRowEncoder8(kernel)(&linear[row], &codes[row], 4096);
     benchmark::DoNotOptimize(codes.data());
   });
 }
@@ -171,10 +172,10 @@ BENCHMARK_CAPTURE(BM_Encode16, power_rows, kPower, Path::Row)->Unit(benchmark::k
 BENCHMARK_CAPTURE(BM_Decode8, srgb_rows, gamma::sRGB, Path::Row)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(BM_Decode16, power_rows, kPower, Path::Row)->Unit(benchmark::kMillisecond);
 
-BENCHMARK_CAPTURE(BM_EncodeSRGBKernel8, scalar, detail::SRGBRowKernel::Scalar)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_EncodeSRGBKernel8, sse2, detail::SRGBRowKernel::SSE2)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_EncodeSRGBKernel8, avx2, detail::SRGBRowKernel::AVX2)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_EncodeSRGBKernel8, avx512, detail::SRGBRowKernel::AVX512)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_EncodeSRGBKernel8, scalar, cpu::Level::Scalar)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_EncodeSRGBKernel8, sse2, cpu::Level::SSE2)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_EncodeSRGBKernel8, avx2, cpu::Level::AVX2)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_EncodeSRGBKernel8, avx512, cpu::Level::AVX512)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace imagery

@@ -153,23 +153,6 @@ struct RGBECLR {
 };
 static_assert(sizeof(RGBECLR) == 4, "RGBECLR is four bytes, red first");
 
-// RGBECLR::FromFloat of `count` colours given as three runs of channels, the four bytes of colour i
-// (red, green, blue, exponent) stored at out + i x step; `step` is at least 4 and the other bytes are
-// left alone. The same bytes as FromFloat for every input, several colours at a time where the processor
-// allows.
-void PackRGBERow(const float* r, const float* g, const float* b, unsigned char* out, std::size_t step,
-                 std::size_t count);
-
-namespace detail {
-// The instruction sets PackRGBERow can run on; it takes the widest the processor offers.
-enum class RGBERowKernel : unsigned char { Scalar, SSE2, AVX2 };
-bool RGBERowKernelAvailable(RGBERowKernel kernel);
-// PackRGBERow with one kernel (the per-colour form when it is not available here), so that each can be
-// checked on any machine that has it.
-void PackRGBERow(RGBERowKernel kernel, const float* r, const float* g, const float* b, unsigned char* out,
-                 std::size_t step, std::size_t count);
-}  // namespace detail
-
 // The colour of a black body at `kelvin` (clamped to 1000..10000 K), each channel in [0, 1].
 LinearRGB_T<float> GetTemperatureColor(float kelvin);
 

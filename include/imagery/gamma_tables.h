@@ -70,15 +70,6 @@ struct EncodeThresholds {
 inline constexpr float kMinTableGamma = 1.0f / 64.0f;
 inline constexpr float kMaxTableGamma = 64.0f;
 
-// The instruction sets the sRGB row encoder can run on. EncodeRow takes the widest the processor
-// offers; every one gives the results of the per-value form.
-enum class SRGBRowKernel : unsigned char { Scalar, SSE2, AVX2, AVX512 };
-bool SRGBRowKernelAvailable(SRGBRowKernel kernel);
-// The sRGB row encoding with one kernel (the per-value form when it is not available here), so that
-// each can be checked on any machine that has it.
-void EncodeSRGBRow(SRGBRowKernel kernel, const float* linear, unsigned char* codes, std::size_t count);
-void EncodeSRGBRow(SRGBRowKernel kernel, const float* linear, unsigned short* codes, std::size_t count);
-
 }  // namespace detail
 
 // Linear light -> stored code through one gamma, clamping to [0, 1] first (NaN gives code 0).
@@ -145,6 +136,8 @@ class GammaEncoder {
   GammaValue gamma_;
   PowerPrecision precision_;
   Kind kind_ = Kind::Direct;
+  // The sRGB row kernel of the processor level active when the encoder was made.
+  void (*srgbRow_)(const float*, Code*, std::size_t) = nullptr;
   std::shared_ptr<const Thresholds> table_;
   const float* thresholds_ = nullptr;
   const Code* buckets_ = nullptr;

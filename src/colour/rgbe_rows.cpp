@@ -10,11 +10,11 @@
 #include <cstring>
 #include <limits>
 
+#include "colour/rgbe_rows.h"
 #include "imagery/colour_spaces.h"
 
-#if defined(__x86_64__) || defined(_M_X64)
+#if defined(IMAGERY_X86_64)
 #include <immintrin.h>
-#define IMAGERY_RGBE_X86 1
 #endif
 
 namespace imagery {
@@ -37,7 +37,7 @@ void PackScalar(const float* r, const float* g, const float* b, unsigned char* o
     PackOne(r[i], g[i], b[i], out + i * step);
 }
 
-#if defined(IMAGERY_RGBE_X86)
+#if defined(IMAGERY_X86_64)
 // The smallest float whose double value is at least 1e-12, the black threshold in single precision.
 const float kMinimum = [] {
   float f = static_cast<float>(1e-12);
@@ -137,47 +137,38 @@ __attribute__((target("avx2"))) std::size_t PackAVX2(const float* r, const float
 }
 #endif
 
+// A whole row: the kernel's lanes, then the rest one colour at a time.
+template <std::size_t (*Kernel)(const float*, const float*, const float*, unsigned char*, std::size_t,
+                                std::size_t)>
+void PackRow(const float* r, const float* g, const float* b, unsigned char* out, std::size_t step,
+             std::size_t count) {
+  const std::size_t done = Kernel(r, g, b, out, step, count);
+  PackScalar(r + done, g + done, b + done, out + done * step, step, count - done);
+}
+
+#if defined(IMAGERY_X86_64)
+// AVX2 eight colours at a time, then SSE2 four at a time.
+std::size_t PackAVX2ThenSSE2(const float* r, const float* g, const float* b, unsigned char* out,
+                             std::size_t step, std::size_t count) {
+  const std::size_t done = PackAVX2(r, g, b, out, step, count);
+  return done + PackSSE2(r + done, g + done, b + done, out + done * step, step, count - done);
+}
+#endif
+
 }  // namespace
 
 namespace detail {
 
-bool RGBERowKernelAvailable(RGBERowKernel kernel) {
-  switch (kernel) {
-    case RGBERowKernel::Scalar:
-      return true;
-#if defined(IMAGERY_RGBE_X86)
-    case RGBERowKernel::SSE2:
-      return true;
-    case RGBERowKernel::AVX2:
-      __builtin_cpu_init();
-      return __builtin_cpu_supports("avx2");
+RGBERowFunction RGBERowPacker(cpu::Level level) {
+#if defined(IMAGERY_X86_64)
+  if (level >= cpu::Level::AVX2)
+    return &PackRow<&PackAVX2ThenSSE2>;
+  if (level >= cpu::Level::SSE2)
+    return &PackRow<&PackSSE2>;
 #endif
-    default:
-      return false;
-  }
-}
-
-void PackRGBERow(RGBERowKernel kernel, const float* r, const float* g, const float* b, unsigned char* out,
-                 std::size_t step, std::size_t count) {
-  std::size_t done = 0;
-#if defined(IMAGERY_RGBE_X86)
-  if (kernel != RGBERowKernel::Scalar && RGBERowKernelAvailable(kernel)) {
-    if (kernel == RGBERowKernel::AVX2)
-      done = PackAVX2(r, g, b, out, step, count);
-    done += PackSSE2(r + done, g + done, b + done, out + done * step, step, count - done);
-  }
-#endif
-  PackScalar(r + done, g + done, b + done, out + done * step, step, count - done);
+  static_cast<void>(level);
+  return &PackScalar;
 }
 
 }  // namespace detail
-
-void PackRGBERow(const float* r, const float* g, const float* b, unsigned char* out, std::size_t step,
-                 std::size_t count) {
-  static const detail::RGBERowKernel widest = detail::RGBERowKernelAvailable(detail::RGBERowKernel::AVX2)
-                                                  ? detail::RGBERowKernel::AVX2
-                                                  : detail::RGBERowKernel::SSE2;
-  detail::PackRGBERow(widest, r, g, b, out, step, count);
-}
-
 }  // namespace imagery

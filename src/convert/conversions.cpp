@@ -21,14 +21,13 @@ namespace imagery {
 namespace {
 
 using convert::GreyStretch;
-using convert::Layout;
 using RowFunction = std::function<void(ConstRawAccess&, RawAccess&, int)>;
 
 // Gives the image a new implementation of `type` and `gamma` and fills it from the old one, which a
 // shallow copy keeps alive meanwhile. The new implementation may be larger than the old one (never
 // below 1 x 1): only the pixels both share are converted. Every other byte, row padding included, is
 // written 0 here, so the new pixels need no zero fill beforehand.
-void ConvertImage(Image& image, EImageType type, GammaValue gamma, CareAboutIncorporation care, Layout layout,
+void ConvertImage(Image& image, EImageType type, GammaValue gamma, CareAboutIncorporation care,
                   const GreyStretch& stretch) {
   const std::unique_ptr<Image> source(image.ShallowCopy());
   image.NewImplFromExisting(type, gamma, care, source.get(), Image::NewPixels::Unset);
@@ -38,7 +37,7 @@ void ConvertImage(Image& image, EImageType type, GammaValue gamma, CareAboutInco
   const int rows = std::min(from.Height(), to.Height());
   const int lineBytes = to.BytesPerLine();
   const int convertedBytes = width * to.BytesPerPixel();
-  const convert::RowConverter converter(from.Type(), from.Gamma(), layout, to.Gamma(), stretch,
+  const convert::RowConverter converter(from.Type(), from.Gamma(), to.Type(), to.Gamma(), stretch,
                                         static_cast<std::int64_t>(width) * std::max(rows, 0));
   const RowFunction perRow = [&](ConstRawAccess& src, RawAccess& dst, int y) {
     dst.MoveTo(0, y);
@@ -113,7 +112,7 @@ void ToGrayscale8(Image& image, GammaValue gamma, CheckInImageList checkInList, 
     return;
   GreyStretch stretch = GreyRange(image, autoScale);
   stretch.invert = invert;
-  ConvertImage(image, IT_Grayscale8, gamma, care, Layout::Grey8, stretch);
+  ConvertImage(image, IT_Grayscale8, gamma, care, stretch);
 }
 
 void ToGrayscale8(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale,
@@ -127,7 +126,7 @@ void ToGrayscale16(Image& image, GammaValue gamma, CheckInImageList checkInList,
     return;
   if (checkInList && FoundInImageList(image, IT_Grayscale16, autoScale))
     return;
-  ConvertImage(image, IT_Grayscale16, gamma, CAI_Care, Layout::Grey16, GreyRange(image, autoScale));
+  ConvertImage(image, IT_Grayscale16, gamma, CAI_Care, GreyRange(image, autoScale));
 }
 
 void ToGrayscale16(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale) {
@@ -139,7 +138,7 @@ void ToGrayScale32f(Image& image, CheckInImageList checkInList, AutoScaleGraySca
     return;
   if (checkInList && FoundInImageList(image, IT_Grayscale32f, autoScale))
     return;
-  ConvertImage(image, IT_Grayscale32f, gamma::Linear, CAI_Care, Layout::Grey32f, GreyRange(image, autoScale));
+  ConvertImage(image, IT_Grayscale32f, gamma::Linear, CAI_Care, GreyRange(image, autoScale));
 }
 
 void ToGrayscaleUsingBitDepth(Image& image, EImageType depthOf, GammaValue gamma,
@@ -180,7 +179,7 @@ void ToRGB8(Image& image, GammaValue gamma, const AlphaConversionOptions& option
   const EImageType target = alpha ? IT_RGBA8 : IT_RGB8;
   if (target == image.ImageType() && image.GetGamma() == gamma)
     return;
-  ConvertImage(image, target, gamma, care, alpha ? Layout::RGBA8 : Layout::RGB8, GreyStretch());
+  ConvertImage(image, target, gamma, care, GreyStretch());
 }
 
 void ToRGB16(Image& image, GammaValue gamma, const AlphaConversionOptions& options) {
@@ -188,7 +187,7 @@ void ToRGB16(Image& image, GammaValue gamma, const AlphaConversionOptions& optio
   const EImageType target = alpha ? IT_RGBA16 : IT_RGB16;
   if (target == image.ImageType())
     return;
-  ConvertImage(image, target, gamma, CAI_Care, alpha ? Layout::RGBA16 : Layout::RGB16, GreyStretch());
+  ConvertImage(image, target, gamma, CAI_Care, GreyStretch());
 }
 
 void ToRGB32f(Image& image, const AlphaConversionOptions& options) {
@@ -196,15 +195,14 @@ void ToRGB32f(Image& image, const AlphaConversionOptions& options) {
   const EImageType target = alpha ? IT_RGBA32f : IT_RGB32f;
   if (target == image.ImageType())
     return;
-  ConvertImage(image, target, gamma::Linear, CAI_Care, alpha ? Layout::RGBA32f : Layout::RGB32f,
-               GreyStretch());
+  ConvertImage(image, target, gamma::Linear, CAI_Care, GreyStretch());
   image.SetGamma(gamma::Linear);
 }
 
 void ToRGBEA(Image& image) {
   if (image.ImageType() == IT_RGBEA)
     return;
-  ConvertImage(image, IT_RGBEA, gamma::Linear, CAI_Care, Layout::RGBEA, GreyStretch());
+  ConvertImage(image, IT_RGBEA, gamma::Linear, CAI_Care, GreyStretch());
 }
 
 namespace {

@@ -19,6 +19,7 @@
 #include "imagery/gamma.h"
 #include "imagery/gamma_tables.h"
 #include "imagery/pixel_format.h"
+#include "pixel/srgb_rows.h"
 
 namespace imagery {
 namespace {
@@ -226,15 +227,17 @@ void ExpectEncoderMatchesReference(int ulps) {
       // Every sRGB kernel this processor has, not only the widest that EncodeRow takes.
       if (!g.IsSRGB())
         continue;
-      for (auto kernel : {detail::SRGBRowKernel::Scalar, detail::SRGBRowKernel::SSE2,
-                          detail::SRGBRowKernel::AVX2, detail::SRGBRowKernel::AVX512}) {
-        if (!detail::SRGBRowKernelAvailable(kernel))
+      for (cpu::Level kernel : {cpu::Level::Scalar, cpu::Level::SSE2, cpu::Level::AVX2, cpu::Level::AVX512}) {
+        if (kernel > cpu::Detected())
           continue;
         for (std::size_t start : {std::size_t{0}, std::size_t{5}}) {
           std::vector<Code> codes(inputs.size() - start + 1, Code(0x5A));
-          detail::EncodeSRGBRow(kernel, inputs.data() + start, codes.data(), inputs.size() - start);
+          if constexpr (sizeof(Code) == 1)
+            detail::SRGBRowEncoder8(kernel)(inputs.data() + start, codes.data(), inputs.size() - start);
+          else
+            detail::SRGBRowEncoder16(kernel)(inputs.data() + start, codes.data(), inputs.size() - start);
           ASSERT_TRUE(std::equal(codes.begin(), codes.end() - 1, expected.begin() + start))
-              << "kernel " << static_cast<int>(kernel) << " from " << start;
+              << "kernel " << cpu::Name(kernel) << " from " << start;
           ASSERT_EQ(codes.back(), Code(0x5A));
         }
       }
