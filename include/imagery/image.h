@@ -65,11 +65,10 @@ class Image {
   // The given size, not clamped.
   void NewImplFromExisting(int width, int height, CareAboutIncorporation care, Image* keeper);
   void NewImplFromExisting(EImageType type, GammaValue gamma, CareAboutIncorporation care, Image* keeper);
-  // With `fill` NewPixels::Unset the new pixels are left as the allocator gives them, for callers that
-  // write every byte of level 0, row padding included, before anyone reads it.
-  enum class NewPixels : unsigned char { Zeroed, Unset };
+  // With NewPixels::Unset the new pixels are left as the allocator gives them, for callers that write
+  // every byte of level 0, row padding included, before anyone reads it.
   void NewImplFromExisting(EImageType type, GammaValue gamma, CareAboutIncorporation care, Image* keeper,
-                           NewPixels fill);
+                           NewPixels pixels);
   void OwnNewImplBeforeCallingCommonCopy(ImageImpl* newImpl, CareAboutIncorporation care, Image* keeper);
   void MakeUniqueIfFactoryDefault();
   // Moves the handle to the newest version of its implementation; answers whether it moved.

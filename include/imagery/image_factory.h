@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "imagery/gamma.h"
+#include "imagery/image_impl.h"
 #include "imagery/pixel_format.h"
 #include "imagery/read_options.h"
 #include "imagery_host/error.h"
@@ -41,8 +42,10 @@ class ImageFactory {
   ImageFactory& operator=(const ImageFactory&) = delete;
   // Forgets the default image without destroying it: handles may outlive the factory at exit.
   virtual ~ImageFactory();
-  // A new implementation with 0 references, registered in the image list when larger than 1 x 1.
-  virtual ImageImpl* CreateImpl(int width, int height, EImageType type, GammaValue gamma) const;
+  // A new implementation with 0 references, registered in the image list when larger than 1 x 1, its
+  // pixels zero-filled or left for the caller to write (see NewPixels).
+  virtual ImageImpl* CreateImpl(int width, int height, EImageType type, GammaValue gamma,
+                                NewPixels pixels = NewPixels::Zeroed) const;
   // A new heap handle on `impl`, owned by the caller.
   virtual Image* CreateImage(ImageImpl* impl) const;
   virtual bool DoEquals(const Image& a, const Image& b) const;

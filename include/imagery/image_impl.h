@@ -38,6 +38,11 @@ enum CareAboutIncorporation : int {
   CAI_Care = 1,
 };
 
+// Whether a new implementation's pixels start zero-filled (black, alpha 0, padding 0) or as the
+// allocator gives them, for a caller about to write every byte of level 0, row padding included, before
+// anyone reads it.
+enum class NewPixels : unsigned char { Zeroed, Unset };
+
 // The record shared by every version of one image.
 class SharedProperties {
  public:
@@ -80,28 +85,14 @@ class ImageImpl {
                          GammaValue gamma);
   };
 
-  // Registers itself in `list` (when not null) if larger than 1 x 1, and zero-fills its pixels unless a
-  // NewPixelsUnset scope lives on the constructing thread. The implementation takes a reference on
-  // `shared`.
+  // Registers itself in `list` (when not null) if larger than 1 x 1, with its pixels as `pixels` says.
+  // The implementation takes a reference on `shared`.
   ImageImpl(int width, int height, EImageType type, GammaValue gamma, SharedProperties* shared,
-            ImageList* list);
-
-  // While one lives, implementations constructed on the same thread (through whatever factory) leave
-  // their pixels as the allocator gives them, for a caller about to write every byte of level 0, row
-  // padding included, before anyone reads it. Scopes nest; one made with `active` false changes nothing.
-  class NewPixelsUnset {
-   public:
-    explicit NewPixelsUnset(bool active = true);
-    ~NewPixelsUnset();
-    NewPixelsUnset(const NewPixelsUnset&) = delete;
-    NewPixelsUnset& operator=(const NewPixelsUnset&) = delete;
-
-   private:
-    bool active_;
-  };
+            ImageList* list, NewPixels pixels = NewPixels::Zeroed);
 
   // With a new SharedProperties record (synchronized, not a work copy).
-  ImageImpl(int width, int height, EImageType type, GammaValue gamma, ImageList* list);
+  ImageImpl(int width, int height, EImageType type, GammaValue gamma, ImageList* list,
+            NewPixels pixels = NewPixels::Zeroed);
   ImageImpl(const ImageImpl&) = delete;
   ImageImpl& operator=(const ImageImpl&) = delete;
 

@@ -30,7 +30,7 @@ using RowFunction = std::function<void(ConstRawAccess&, RawAccess&, int)>;
 void ConvertImage(Image& image, EImageType type, GammaValue gamma, CareAboutIncorporation care,
                   const GreyStretch& stretch) {
   const std::unique_ptr<Image> source(image.ShallowCopy());
-  image.NewImplFromExisting(type, gamma, care, source.get(), Image::NewPixels::Unset);
+  image.NewImplFromExisting(type, gamma, care, source.get(), NewPixels::Unset);
   const PixelPlane& from = source->GetImplRef().Plane();
   const PixelPlane& to = image.GetImplRef().Plane();
   const int width = std::max(std::min(from.Width(), to.Width()), 0);

@@ -110,13 +110,9 @@ void Image::NewImplFromExisting(EImageType type, GammaValue gamma, CareAboutInco
 }
 
 void Image::NewImplFromExisting(EImageType type, GammaValue gamma, CareAboutIncorporation care, Image* keeper,
-                                NewPixels fill) {
-  ImageImpl* created;
-  {
-    const ImageImpl::NewPixelsUnset unset(fill == NewPixels::Unset);
-    created = impl_->GetFactory()->CreateImpl(std::max(1, impl_->Width()), std::max(1, impl_->Height()), type,
-                                              gamma);
-  }
+                                NewPixels pixels) {
+  ImageImpl* created = impl_->GetFactory()->CreateImpl(std::max(1, impl_->Width()), std::max(1, impl_->Height()),
+                                                       type, gamma, pixels);
   OwnNewImplBeforeCallingCommonCopy(created, care, keeper);
 }
 

@@ -30,8 +30,9 @@ ImageFactory::~ImageFactory() {
   defaultImage_.store(nullptr);
 }
 
-ImageImpl* ImageFactory::CreateImpl(int width, int height, EImageType type, GammaValue gamma) const {
-  return new ImageImpl(width, height, type, gamma, GetImageList());
+ImageImpl* ImageFactory::CreateImpl(int width, int height, EImageType type, GammaValue gamma,
+                                    NewPixels pixels) const {
+  return new ImageImpl(width, height, type, gamma, GetImageList(), pixels);
 }
 
 Image* ImageFactory::CreateImage(ImageImpl* impl) const {

@@ -46,22 +46,8 @@ void ImageImpl::MipMaps::Allocate(std::vector<PixelPlane>& levels, int width, in
   } while (width > 1 || height > 1);
 }
 
-namespace {
-thread_local int newPixelsUnsetScopes = 0;
-}  // namespace
-
-ImageImpl::NewPixelsUnset::NewPixelsUnset(bool active) : active_(active) {
-  if (active_)
-    ++newPixelsUnsetScopes;
-}
-
-ImageImpl::NewPixelsUnset::~NewPixelsUnset() {
-  if (active_)
-    --newPixelsUnsetScopes;
-}
-
 ImageImpl::ImageImpl(int width, int height, EImageType type, GammaValue gamma, SharedProperties* shared,
-                     ImageList* list)
+                     ImageList* list, NewPixels pixels)
     : shared_(shared), uniqueId_(zel_uid::PermUID::Generate()), list_(list) {
   shared_->IncRef();
   try {
@@ -72,12 +58,13 @@ ImageImpl::ImageImpl(int width, int height, EImageType type, GammaValue gamma, S
   }
   if ((width > 1 || height > 1) && list_ != nullptr)
     list_->AddImpl(this);
-  if (newPixelsUnsetScopes == 0)
+  if (pixels == NewPixels::Zeroed)
     plane_.Zero();
 }
 
-ImageImpl::ImageImpl(int width, int height, EImageType type, GammaValue gamma, ImageList* list)
-    : ImageImpl(width, height, type, gamma, new SharedProperties(), list) {}
+ImageImpl::ImageImpl(int width, int height, EImageType type, GammaValue gamma, ImageList* list,
+                     NewPixels pixels)
+    : ImageImpl(width, height, type, gamma, new SharedProperties(), list, pixels) {}
 
 ImageImpl::~ImageImpl() {
   ImageList* list = GetFactory()->GetImageList();

@@ -70,7 +70,7 @@ void OpaqueSharedExponentAlpha(Image& image) {
     dst.MoveTo(0, y);
     unsigned char* pixel = dst.Pointer();
     for (int x = 0; x < width; ++x, pixel += BytesPerPixel(IT_RGBEA))
-      pixel[4] = 255;
+      detail::WriteAlpha<IT_RGBEA>(pixel, 1.0f);
   };
   ProcessPixelsT<ConstRawAccess, RawAccess>(image, image, perRow, InParallel(true), 0, -1);
 }
@@ -137,23 +137,21 @@ bool ExtractAlphaInformation(Image& image, CheckInImageList, InvertGrayRange inv
   }
   const Extent extent = CommonExtent(*source, image);
   DispatchImageType(type, [&](auto t) {
-    constexpr EImageType T = decltype(t)::value;
     // Alpha is never gamma-encoded, so the plain reader gives the values of the gamma one.
-    ConstTypedPixelAccess<T, PixelConversion::NoGamma> src(source->GetImplRef().Plane(), 0, 0);
-    TypedPixelAccess<IT_Grayscale8, PixelConversion::NoGamma> dst(image.GetImplRef().Plane(), 0, 0);
-    const std::function<void(ConstPixelAccess&, PixelAccessNoGamma&, int)> perRow =
-        [&src, &dst, extent, inverted](ConstPixelAccess&, PixelAccessNoGamma&, int y) {
-          if (y >= extent.rows)
-            return;
-          src.MoveTo(0, y);
-          dst.MoveTo(0, y);
-          for (int x = 0; x < extent.width; ++x, src.Next(), dst.Next()) {
-            float alpha = 1.0f;
-            src.GetPixelAlpha(alpha);
-            dst.SetPixelGrayscale(inverted ? 1.0f - alpha : alpha);
-          }
-        };
-    ProcessPixelsT<ConstPixelAccess, PixelAccessNoGamma>(image, *source, perRow, InParallel(false), 0, -1);
+    using Src = ConstTypedPixelAccess<decltype(t)::value, PixelConversion::NoGamma>;
+    using Dst = TypedPixelAccess<IT_Grayscale8, PixelConversion::NoGamma>;
+    const std::function<void(Src&, Dst&, int)> perRow = [extent, inverted](Src& src, Dst& dst, int y) {
+      if (y >= extent.rows)
+        return;
+      src.MoveTo(0, y);
+      dst.MoveTo(0, y);
+      for (int x = 0; x < extent.width; ++x, src.Next(), dst.Next()) {
+        float alpha = 1.0f;
+        src.GetPixelAlpha(alpha);
+        dst.SetPixelGrayscale(inverted ? 1.0f - alpha : alpha);
+      }
+    };
+    ProcessPixelsT<Src, Dst>(image, *source, perRow, InParallel(false), 0, -1);
   });
   image.SetPtype(PT_Alpha);
   return true;
@@ -166,22 +164,20 @@ void InvertAlpha(Image& image, ImplManagement management) {
   const std::unique_ptr<Image> source = PrepareSource(image, management);
   const Extent extent = CommonExtent(*source, image);
   DispatchImageType(type, [&](auto t) {
-    constexpr EImageType T = decltype(t)::value;
-    ConstTypedPixelAccess<T> src(source->GetImplRef().Plane(), 0, 0);
-    TypedPixelAccess<T> dst(image.GetImplRef().Plane(), 0, 0);
-    const std::function<void(ConstPixelAccess&, PixelAccess&, int)> perRow =
-        [&src, &dst, extent](ConstPixelAccess&, PixelAccess&, int y) {
-          if (y >= extent.rows)
-            return;
-          src.MoveTo(0, y);
-          dst.MoveTo(0, y);
-          for (int x = 0; x < extent.width; ++x, src.Next(), dst.Next()) {
-            LinearRGBA_T<float> colour;
-            src.GetPixelRGBA(colour);
-            dst.SetPixelRGBA(colour, 1.0f - colour.a);
-          }
-        };
-    ProcessPixelsT<ConstPixelAccess, PixelAccess>(image, *source, perRow, InParallel(false), 0, -1);
+    using Src = ConstTypedPixelAccess<decltype(t)::value>;
+    using Dst = TypedPixelAccess<decltype(t)::value>;
+    const std::function<void(Src&, Dst&, int)> perRow = [extent](Src& src, Dst& dst, int y) {
+      if (y >= extent.rows)
+        return;
+      src.MoveTo(0, y);
+      dst.MoveTo(0, y);
+      for (int x = 0; x < extent.width; ++x, src.Next(), dst.Next()) {
+        LinearRGBA_T<float> colour;
+        src.GetPixelRGBA(colour);
+        dst.SetPixelRGBA(colour, 1.0f - colour.a);
+      }
+    };
+    ProcessPixelsT<Src, Dst>(image, *source, perRow, InParallel(false), 0, -1);
   });
 }
 
@@ -192,8 +188,10 @@ void RGBToBGR(Image& image, ImplManagement management) {
   const std::unique_ptr<Image> source = PrepareSource(image, management);
   const Extent extent = CommonExtent(*source, image);
   const int bytesPerPixel = BytesPerPixel(type);
+  const int red = LayoutOf(type).red;
+  const int blue = LayoutOf(type).blue;
   const std::function<void(ConstRawAccess&, RawAccess&, int)> perRow =
-      [extent, bytesPerPixel](ConstRawAccess& src, RawAccess& dst, int y) {
+      [extent, bytesPerPixel, red, blue](ConstRawAccess& src, RawAccess& dst, int y) {
         if (y >= extent.rows)
           return;
         src.MoveTo(0, y);
@@ -202,12 +200,12 @@ void RGBToBGR(Image& image, ImplManagement management) {
         unsigned char* to = dst.Pointer();
         // Each pixel is read whole before it is written: in place, source and destination are one pixel.
         for (int x = 0; x < extent.width; ++x, from += bytesPerPixel, to += bytesPerPixel) {
-          const unsigned char blue = from[0];
-          const unsigned char red = from[2];
+          const unsigned char redByte = from[red];
+          const unsigned char blueByte = from[blue];
           if (to != from)
             std::memcpy(to, from, static_cast<std::size_t>(bytesPerPixel));
-          to[0] = red;
-          to[2] = blue;
+          to[blue] = redByte;
+          to[red] = blueByte;
         }
       };
   ProcessPixelsT<ConstRawAccess, RawAccess>(image, *source, perRow, InParallel(false), 0, -1);
@@ -221,10 +219,10 @@ void InvertColorNoGamma(Image& image, ImplManagement management) {
                                static_cast<std::size_t>(source->GetImplRef().Plane().BytesPerPixel());
   DispatchImageType(type, [&](auto t) {
     constexpr EImageType T = decltype(t)::value;
-    ConstTypedPixelAccess<T, PixelConversion::NoGamma> src(source->GetImplRef().Plane(), 0, 0);
-    TypedPixelAccess<T, PixelConversion::NoGamma> dst(image.GetImplRef().Plane(), 0, 0);
-    const std::function<void(ConstPixelAccessNoGamma&, PixelAccessNoGamma&, int)> perRow =
-        [&src, &dst, extent, rowBytes](ConstPixelAccessNoGamma&, PixelAccessNoGamma&, int y) {
+    using Src = ConstTypedPixelAccess<T, PixelConversion::NoGamma>;
+    using Dst = TypedPixelAccess<T, PixelConversion::NoGamma>;
+    const std::function<void(Src&, Dst&, int)> perRow =
+        [extent, rowBytes](Src& src, Dst& dst, int y) {
           if (y >= extent.rows)
             return;
           src.MoveTo(0, y);
@@ -250,8 +248,7 @@ void InvertColorNoGamma(Image& image, ImplManagement management) {
             }
           }
         };
-    ProcessPixelsT<ConstPixelAccessNoGamma, PixelAccessNoGamma>(image, *source, perRow, InParallel(false), 0,
-                                                                -1);
+    ProcessPixelsT<Src, Dst>(image, *source, perRow, InParallel(false), 0, -1);
   });
 }
 
