@@ -15,6 +15,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "imagery/pixel_access.h"
 #include "imagery/resample.h"
 
 namespace imagery {

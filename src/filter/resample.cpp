@@ -7,6 +7,8 @@
 #include <optional>
 #include <utility>
 
+#include "filter/resample_adapters.h"
+#include "filter/resample_engine.h"
 #include "imagery/image_factory.h"
 
 namespace imagery {

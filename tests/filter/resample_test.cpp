@@ -10,6 +10,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "filter/resample_adapters.h"
+#include "filter/resample_engine.h"
 #include "imagery/channel_ops.h"
 #include "imagery/image_factory.h"
 #include "imagery/resample.h"
