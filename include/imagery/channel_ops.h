@@ -19,6 +19,7 @@
 
 #include <glm/vec2.hpp>
 
+#include "imagery/export.h"
 #include "imagery/color.h"
 #include "imagery/image.h"
 #include "imagery/image_impl.h"
@@ -51,42 +52,42 @@ enum ImplManagement : int {
 // same gamma, each pixel keeping the bytes of its colour; with checkInList, the image list is first
 // asked for a version of the image's file in that format, and nothing else is done when it gives one.
 // The inverted-alpha flag is cleared and the picture type kept. Other formats: nothing.
-void DiscardAlphaInformation(Image& image, CheckInImageList checkInList, CareAboutIncorporation care);
+IMAGERY_API void DiscardAlphaInformation(Image& image, CheckInImageList checkInList, CareAboutIncorporation care);
 // Copies `count` 4-byte pixels into `count` 3-byte pixels, dropping each fourth byte. The ranges may
 // not overlap, except that destination may equal source.
-void DiscardAlphaInformation(int count, const unsigned char* source, unsigned char* destination);
+IMAGERY_API void DiscardAlphaInformation(int count, const unsigned char* source, unsigned char* destination);
 
 // Replaces the image by its alpha as a linear IT_Grayscale8 work copy of picture type PT_Alpha: grey a,
 // or 1 - a when invert is set. An inverted-alpha flag on the handle flips invert and is cleared.
 // Answers false, changing nothing, for formats without alpha. checkInList is not used.
-bool ExtractAlphaInformation(Image& image, CheckInImageList checkInList, InvertGrayRange invert);
+IMAGERY_API bool ExtractAlphaInformation(Image& image, CheckInImageList checkInList, InvertGrayRange invert);
 
 // Every pixel keeps its colour (read and written through the plane's gamma) and gets alpha 1 - a.
 // Formats without alpha: nothing.
-void InvertAlpha(Image& image, ImplManagement management);
+IMAGERY_API void InvertAlpha(Image& image, ImplManagement management);
 
 // Exchanges the first and third byte of every pixel (red and blue) of IT_RGB8 and IT_RGBA8 images;
 // other formats: nothing.
-void RGBToBGR(Image& image, ImplManagement management);
+IMAGERY_API void RGBToBGR(Image& image, ImplManagement management);
 
 // Stored values v become 1 - v, read and written as plain fractions without gamma: red, green and blue
 // for colour formats, the grey value for IT_Grayscale8/16/32f and the RG-encoded formats. Alpha and
 // any other byte of the pixel are carried over (also into a new implementation). 8- and 16-bit codes
 // v become max - v; floats are stored as computed (values above 1 give negative ones); shared-exponent
 // colour is unpacked, inverted and packed again.
-void InvertColorNoGamma(Image& image, ImplManagement management);
+IMAGERY_API void InvertColorNoGamma(Image& image, ImplManagement management);
 
 // Whether every pixel of level 0, read without gamma, has |r - g| < tolerance and |r - b| < tolerance.
 // True at once for IT_Grayscale8, IT_Grayscale16 and IT_Grayscale32f; false for any other format when
 // tolerance <= 0, since |r - g| >= 0 always holds. A pixel with a NaN channel passes.
-bool IsGrayscale(const Image& image, float tolerance);
+IMAGERY_API bool IsGrayscale(const Image& image, float tolerance);
 
 // Row 0 is written pixel by pixel with (0, 0, 0) and alpha 0 without gamma, and its pixel bytes copied
 // to every other row (row padding is left alone): every format gets zeros in the bytes that pixel
 // access writes. Mip flags are not touched.
-void ZeroImage(ImageImpl& impl);
+IMAGERY_API void ZeroImage(ImageImpl& impl);
 // The same with `colour` and its alpha encoded with the plane's gamma; both mip chains are invalidated.
-void ClearImage(ImageImpl& impl, const LinearRGBA_T<float>& colour);
+IMAGERY_API void ClearImage(ImageImpl& impl, const LinearRGBA_T<float>& colour);
 
 // Frames. The new pixel (x, y) shows the old pixel (x + origin.x, y + origin.y) where that exists, and
 // transparent black (zero bytes) elsewhere.
@@ -95,11 +96,11 @@ void ClearImage(ImageImpl& impl, const LinearRGBA_T<float>& colour);
 // when the rectangle covers the whole image with origin.x < 1 and origin.y < 1. An origin past the
 // right or bottom edge clamps to the last column or row, and a rectangle that ends left of or above its
 // clamped origin gives a width or height of 0.
-void CropImage(Image& image, glm::tvec2<int> origin, glm::tvec2<unsigned long> size);
+IMAGERY_API void CropImage(Image& image, glm::tvec2<int> origin, glm::tvec2<unsigned long> size);
 // Makes the image size.x x size.y; a size component equal to the largest unsigned long keeps the current
 // width or height. Sizes above the largest int (other than that value) cannot be stored and leave the
 // image untouched. Always gives the handle a new implementation.
-void ReframeImage(Image& image, glm::tvec2<int> origin, glm::tvec2<unsigned long> size);
+IMAGERY_API void ReframeImage(Image& image, glm::tvec2<int> origin, glm::tvec2<unsigned long> size);
 
 // Renormalises the normal carried by the first three bytes of every pixel (NormalizeEncodedNormal), on
 // row bands of the host's task scheduler, in the current implementation, and invalidates both mip
@@ -108,7 +109,7 @@ void ReframeImage(Image& image, glm::tvec2<int> origin, glm::tvec2<unsigned long
 template <EImageType T>
 void NormalizeNormalMap(Image& image);
 template <>
-void NormalizeNormalMap<IT_RGB8>(Image& image);
+IMAGERY_API void NormalizeNormalMap<IT_RGB8>(Image& image);
 
 // Draws a colour ramp from `from` to `to` into the current implementation, each pixel written with its
 // colour through the plane's gamma and alpha 1, after invalidating both mip chains.
@@ -121,7 +122,7 @@ void NormalizeNormalMap<IT_RGB8>(Image& image);
 // - The minor coordinate steps by Bresenham's rule with an error term D = 2 minor - major, stepping when
 //   D > 0: at step i it is the start's plus i x minor / major rounded to nearest, halves down.
 // - An image without pixels is left alone.
-void drawLine(Image& image, zel::TPoint2<float> from, zel::TPoint2<float> to,
+IMAGERY_API void drawLine(Image& image, zel::TPoint2<float> from, zel::TPoint2<float> to,
               const LinearRGB_T<float>& fromColour, const LinearRGB_T<float>& toColour);
 
 }  // namespace imagery

@@ -8,11 +8,12 @@
 #include <cstring>
 #include <functional>
 
+#include "imagery/export.h"
 #include "imagery/gamma.h"
 
 // An 8-bit colour in one 32-bit word 0x00RRGGBB. In memory: blue, green, red, then a fourth byte that
 // conversions write as 0 (other code may carry data there; Value() returns it in the high byte).
-class CLR {
+class IMAGERY_API CLR {
  public:
   constexpr CLR() = default;
   constexpr explicit CLR(std::uint32_t word)
@@ -56,7 +57,7 @@ static_assert(sizeof(CLR) == 4, "CLR is the four bytes of a pixel");
 namespace imagery {
 
 // An 8-bit colour with alpha in one 32-bit word 0xAARRGGBB; in memory blue, green, red, alpha.
-class CLRA {
+class IMAGERY_API CLRA {
  public:
   constexpr CLRA() = default;
   constexpr explicit CLRA(std::uint32_t word)
@@ -167,7 +168,8 @@ static_assert(sizeof(LinearRGBA_T<float>) == 16, "a LinearRGB_T<float> then alph
 
 // The grey value of a linear colour, (0.35 R + 0.5 G) + 0.15 B in single precision.
 inline float GreyValue(const LinearRGB_T<float>& c) {
-  return (0.35f * c.r + 0.5f * c.g) + 0.15f * c.b;
+  using detail::Rounded;
+  return (Rounded(0.35f * c.r) + Rounded(0.5f * c.g)) + Rounded(0.15f * c.b);
 }
 
 // Decoding stored channels with a gamma. 16-bit values are plain numbers in native byte order.

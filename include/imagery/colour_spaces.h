@@ -15,6 +15,7 @@
 
 #include <glm/vec3.hpp>
 
+#include "imagery/export.h"
 #include "imagery/color.h"
 
 class ZELStream;
@@ -24,7 +25,7 @@ class HLSECLR;
 }  // namespace imagery
 
 // An HLS colour: hue (0..1, a full turn), lightness (0..1), saturation (0..1), as three floats.
-class HLSCLR {
+class IMAGERY_API HLSCLR {
  public:
   float h = 0.0f;
   float l = 0.0f;
@@ -51,13 +52,13 @@ class HLSCLR {
 };
 
 // H, L and S folded into a hash that starts at 37; components equal to 0 (either sign) hash as 0.
-std::uint64_t hash_value(const HLSCLR& c);
+IMAGERY_API std::uint64_t hash_value(const HLSCLR& c);
 
 namespace imagery {
 
 // An HLS colour with an intensity factor: colours whose largest channel m exceeds 1 are stored as the
 // HLS of the colour divided by m, with e = m (1 otherwise).
-class HLSECLR {
+class IMAGERY_API HLSECLR {
  public:
   float h = 0.0f;
   float l = 0.0f;
@@ -74,10 +75,10 @@ class HLSECLR {
   LinearRGB_T<float> ToRGB() const;
 };
 
-LinearRGB_T<float> ToCLRFLOAT(const HLSCLR& c);
-LinearRGB_T<float> ToCLRFLOAT(const HLSECLR& c);
+IMAGERY_API LinearRGB_T<float> ToCLRFLOAT(const HLSCLR& c);
+IMAGERY_API LinearRGB_T<float> ToCLRFLOAT(const HLSECLR& c);
 // The RGB of ToCLRFLOAT as three doubles (red, green, blue).
-glm::dvec3 make_vector(const HLSCLR& c);
+IMAGERY_API glm::dvec3 make_vector(const HLSCLR& c);
 
 namespace detail {
 // Truncation toward zero keeping the low 8 bits; non-finite values and those beyond the int range
@@ -91,7 +92,7 @@ inline unsigned char TruncToByte(double x) {
 
 // A shared-exponent colour: red, green, blue mantissas (scaled by 255) and an exponent byte e with
 // bias 128; e = 0 is black. These are the first four bytes of an IT_RGBEA pixel.
-struct RGBECLR {
+struct IMAGERY_API RGBECLR {
   unsigned char r = 0;
   unsigned char g = 0;
   unsigned char b = 0;
@@ -154,7 +155,7 @@ struct RGBECLR {
 static_assert(sizeof(RGBECLR) == 4, "RGBECLR is four bytes, red first");
 
 // The colour of a black body at `kelvin` (clamped to 1000..10000 K), each channel in [0, 1].
-LinearRGB_T<float> GetTemperatureColor(float kelvin);
+IMAGERY_API LinearRGB_T<float> GetTemperatureColor(float kelvin);
 
 // Chunk identifiers of the stream form of colours. Writers use kColorChunk; readers also accept the
 // older forms.
@@ -165,28 +166,28 @@ inline constexpr unsigned short kColorChunkShort = 0x112;    // three typed 16-b
 inline constexpr unsigned short kColorChunkBytes = 8;        // three raw bytes (RGB only)
 
 // Writes a chunk 0x11F of three typed floats red, green, blue.
-bool Write(const LinearRGB_T<float>& c, ZELStream* stream);
+IMAGERY_API bool Write(const LinearRGB_T<float>& c, ZELStream* stream);
 // Reads the next chunk as a linear colour: 0x11F and 0x110 three floats; 0x111 three doubles; 0x112
 // three 16-bit values / 255; 8 three raw bytes / 255. Any other chunk, a wrong value tag or missing data
 // gives false and leaves `c` unchanged. The chunk is skipped whole in every case. The stream is not
 // marked failed: a caller may be probing for an optional colour.
-bool Read(LinearRGB_T<float>& c, ZELStream* stream);
+IMAGERY_API bool Read(LinearRGB_T<float>& c, ZELStream* stream);
 
 // The share of the original colour in a disabled colour.
 inline constexpr float DisabledColorRatio = 0.4f;
 
 // Fills the highlight and disable tables. Safe to call more than once and from several threads.
-void InitColors();
+IMAGERY_API void InitColors();
 // A greyed version of an interface colour: 0.4 x channel + 0.6 x a table value of its luminance.
-CLR MakeDisabledColor(const CLR& c);
+IMAGERY_API CLR MakeDisabledColor(const CLR& c);
 // A brighter version: every channel through the highlight table.
-CLR MakeHighlightedColor(const CLR& c);
+IMAGERY_API CLR MakeHighlightedColor(const CLR& c);
 // Raises the saturation of weakly saturated colours (S < 0.8) along a curve that reaches 0.8 at 0.8.
-CLR MakeMoreIntenseColor(CLR c);
+IMAGERY_API CLR MakeMoreIntenseColor(CLR c);
 // Per channel a + (b - a) x t, truncated; CLR results have the fourth byte 0, CLRA blends alpha too.
-CLR PerceptualLerp(const CLR& a, const CLR& b, float t);
-CLRA PerceptualLerp(const CLRA& a, const CLRA& b, float t);
+IMAGERY_API CLR PerceptualLerp(const CLR& a, const CLR& b, float t);
+IMAGERY_API CLRA PerceptualLerp(const CLRA& a, const CLRA& b, float t);
 // The Euclidean distance of the byte channels, capped at 255.
-unsigned char PerceptualDistance(const CLR& a, const CLR& b);
+IMAGERY_API unsigned char PerceptualDistance(const CLR& a, const CLR& b);
 
 }  // namespace imagery

@@ -23,6 +23,7 @@
 
 #include <functional>
 
+#include "imagery/export.h"
 #include "imagery/color.h"
 #include "imagery/gamma.h"
 #include "imagery/image.h"
@@ -41,7 +42,7 @@ using BitsPerPix = zellib::TaggedValue<int, BitsPerPixTag>;
 
 // Whether a colour conversion gives alpha. The result has alpha when the source has alpha and
 // alphaWanted is set, or when the source has none and both flags are set (an opaque alpha is added).
-struct AlphaConversionOptions {
+struct IMAGERY_API AlphaConversionOptions {
   bool alphaWanted = false;
   bool addAlphaIfMissing = false;
 
@@ -72,16 +73,16 @@ enum EColorMode : int {
 
 // The colour mode of a pixel format: IT_RGEncoded, IT_RGEncodedAlpha and IT_UNDEFINED give CM_RGB8,
 // values above IT_UNDEFINED CM_Grayscale8.
-EColorMode GetColorModeFromImageType(EImageType type);
+IMAGERY_API EColorMode GetColorModeFromImageType(EImageType type);
 // Bits per pixel of a mode; 0 for values outside 0..10.
-BitsPerPix GetBPPFromColorMode(EColorMode mode);
+IMAGERY_API BitsPerPix GetBPPFromColorMode(EColorMode mode);
 // 8 -> IT_Grayscale8, 16 -> IT_Grayscale16, 32 -> IT_Grayscale32f when isFloat else IT_RGBA8,
 // 40 -> IT_RGBEA, 48 -> IT_RGB16, 64 -> IT_RGBA16, 96 -> IT_RGB32f, 128 -> IT_RGBA32f; IT_RGB8 otherwise.
-EImageType GuessImageTypeFromBPP(BitsPerPix bpp, bool isFloat);
+IMAGERY_API EImageType GuessImageTypeFromBPP(BitsPerPix bpp, bool isFloat);
 
 // The grey range of level 0: the smallest and largest grey value, NaN values skipped. An image without
 // pixels leaves minGrey at the largest float and maxGrey at its negative.
-void GetGreyScale(const Image& image, float& minGrey, float& maxGrey);
+IMAGERY_API void GetGreyScale(const Image& image, float& minGrey, float& maxGrey);
 
 // Grey conversions. The grey value g of every pixel is stretched to v = (g - min) / (max - min), where
 // (min, max) is the image's grey range when autoScale is set and that range is not a single value, and
@@ -90,56 +91,56 @@ void GetGreyScale(const Image& image, float& minGrey, float& maxGrey);
 //
 // To IT_Grayscale8 encoded with `gamma`. Nothing when the image already is IT_Grayscale8 (whatever the
 // gamma) unless invert is set, which stores (max - g) / (max - min) instead and skips the image list.
-void ToGrayscale8(Image& image, GammaValue gamma, CheckInImageList checkInList, AutoScaleGrayScale autoScale,
+IMAGERY_API void ToGrayscale8(Image& image, GammaValue gamma, CheckInImageList checkInList, AutoScaleGrayScale autoScale,
                   InvertGrayRange invert, CareAboutIncorporation care);
-void ToGrayscale8(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale,
+IMAGERY_API void ToGrayscale8(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale,
                   InvertGrayRange invert, CareAboutIncorporation care);
 // To IT_Grayscale16 encoded with `gamma`, v clamped to [0, 1]; nothing when already IT_Grayscale16.
-void ToGrayscale16(Image& image, GammaValue gamma, CheckInImageList checkInList,
+IMAGERY_API void ToGrayscale16(Image& image, GammaValue gamma, CheckInImageList checkInList,
                    AutoScaleGrayScale autoScale);
-void ToGrayscale16(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale);
+IMAGERY_API void ToGrayscale16(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale);
 // To IT_Grayscale32f with gamma 1, v not clamped; nothing when already IT_Grayscale32f.
-void ToGrayScale32f(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale);
+IMAGERY_API void ToGrayScale32f(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale);
 // Grey at the bit depth of `depthOf`: 16 bits for the 16-bit and RG-encoded formats, float for the
 // float formats, nothing for IT_UNDEFINED, 8 bits (not inverted) for every other value.
-void ToGrayscaleUsingBitDepth(Image& image, EImageType depthOf, GammaValue gamma,
+IMAGERY_API void ToGrayscaleUsingBitDepth(Image& image, EImageType depthOf, GammaValue gamma,
                               CheckInImageList checkInList, AutoScaleGrayScale autoScale);
 // Grey at the image's own bit depth.
-void ToGrayscalePreservingBitDepth(Image& image, GammaValue gamma, CheckInImageList checkInList,
+IMAGERY_API void ToGrayscalePreservingBitDepth(Image& image, GammaValue gamma, CheckInImageList checkInList,
                                    AutoScaleGrayScale autoScale);
-void ToGrayscalePreservingBitDepth(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale);
+IMAGERY_API void ToGrayscalePreservingBitDepth(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale);
 
 // Colour conversions; alpha by `options` (see AlphaConversionOptions).
 // To IT_RGB8 or IT_RGBA8 encoded with `gamma`. Nothing when the image already has that format and
 // that gamma; the same format with another gamma is re-encoded.
-void ToRGB8(Image& image, GammaValue gamma, const AlphaConversionOptions& options,
+IMAGERY_API void ToRGB8(Image& image, GammaValue gamma, const AlphaConversionOptions& options,
             CareAboutIncorporation care);
 // To IT_RGB16 or IT_RGBA16 encoded with `gamma`; nothing when the image already has that format,
 // whatever its gamma.
-void ToRGB16(Image& image, GammaValue gamma, const AlphaConversionOptions& options);
+IMAGERY_API void ToRGB16(Image& image, GammaValue gamma, const AlphaConversionOptions& options);
 // To IT_RGB32f or IT_RGBA32f with gamma 1; nothing when the image already has that format.
-void ToRGB32f(Image& image, const AlphaConversionOptions& options);
+IMAGERY_API void ToRGB32f(Image& image, const AlphaConversionOptions& options);
 // To IT_RGBEA with gamma 1 (alpha opaque when the source has none); nothing when already IT_RGBEA.
-void ToRGBEA(Image& image);
+IMAGERY_API void ToRGBEA(Image& image);
 
 // To any format, with the output gamma of the current gamma settings; grey targets auto-scale and ask
 // the image list. A target with alpha gets alpha from a source without it only when addAlphaIfMissing
 // is set (otherwise the format without alpha). Nothing for IT_RGEncoded, IT_RGEncodedAlpha,
 // IT_UNDEFINED and values beyond, or when the image already has the target format.
-void ToImageType(Image& image, EImageType target, bool addAlphaIfMissing);
+IMAGERY_API void ToImageType(Image& image, EImageType target, bool addAlphaIfMissing);
 // To the expected format keeping the image's gamma (an opaque alpha added when the source has none;
 // grey neither auto-scaled nor looked up in the image list); returns the colour mode of the image's
 // format afterwards. IT_RGEncoded, IT_RGEncodedAlpha and IT_UNDEFINED convert nothing.
-EColorMode FormatImageInExpectedFormat(Image& image, EImageType expected);
+IMAGERY_API EColorMode FormatImageInExpectedFormat(Image& image, EImageType expected);
 // Re-encodes the stored colour of level 0 from the image's gamma to `gamma`, in place, and sets the
 // gamma; alpha, float, shared-exponent and RG-encoded values are left as stored. Nothing when the
 // gamma is already `gamma`.
-void Reencode(Image& image, GammaValue gamma);
+IMAGERY_API void Reencode(Image& image, GammaValue gamma);
 
 // A reader of level 0 as colour, with mirror, rotation, exposure, contrast and inversions applied:
 // IOM_Color the colour, IOM_Grayscale the grey value in all three channels, IOM_Transparency one minus
 // alpha in all three, any other mode black. The function refers to the image, which must outlive it.
-std::function<LinearRGB_T<float>(int x, int y)> GetMapGetPixelFloatColorLambda(const Image& image,
+IMAGERY_API std::function<LinearRGB_T<float>(int x, int y)> GetMapGetPixelFloatColorLambda(const Image& image,
                                                                                ImageOutputMode mode);
 
 }  // namespace imagery

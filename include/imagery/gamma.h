@@ -17,7 +17,7 @@ namespace imagery {
 // A gamma: -2.0 selects the sRGB curve, any value > 0 a power law (stored = linear^(1/g), linear =
 // stored^g), -1.0 means "not set" and 0.0 is no gamma at all. Equality is float equality, no tolerance.
 // A plain value, passed by copy.
-class GammaValue {
+class IMAGERY_API GammaValue {
  public:
   // A default gamma is "not set".
   constexpr GammaValue() = default;
@@ -53,6 +53,19 @@ inline constexpr float kInv255 = 0.003921569f;
 inline constexpr float kInv65535 = 1.5259022e-05f;
 
 namespace detail {
+
+// `product` rounded to single precision on its own. A caller's compiler may fuse a multiply with the add
+// that follows into one rounding (contraction, as with -march=native and FMA); inline arithmetic of the
+// public headers passes each product that an add or subtract takes through here, so that it gives the
+// values it is defined with whatever the caller's flags. It costs no instruction.
+inline float Rounded(float product) {
+#if defined(__GNUC__) && (defined(__x86_64__) || (defined(__i386__) && defined(__SSE__)))
+  __asm__("" : "+x"(product));
+#elif defined(__GNUC__) && defined(__aarch64__)
+  __asm__("" : "+w"(product));
+#endif
+  return product;
+}
 
 // Rounds half away from zero and keeps the low `Mask` bits. Encoded values of valid gammas lie in
 // [0, max code]; the slow branch only gives a defined answer for the encodings of nonsense gammas

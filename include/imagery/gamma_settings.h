@@ -4,6 +4,7 @@
 // gamma-settings chunk in both of its versions.
 #pragma once
 
+#include "imagery/export.h"
 #include "imagery/gamma.h"
 #include "imagery/pixel_format.h"
 
@@ -16,14 +17,14 @@ namespace imagery {
 // registered initialisers read the record when they run. Inside namespace imagery, `config` names this
 // namespace; the settings library is ::config.
 namespace config {
-struct GammaKey {
+struct IMAGERY_API GammaKey {
   const char* name;
   const char* project;
   float default_value;
 };
-extern GammaKey InputGamma;
-extern GammaKey OutputGamma;
-extern GammaKey ScreenGamma;
+extern IMAGERY_API GammaKey InputGamma;
+extern IMAGERY_API GammaKey OutputGamma;
+extern IMAGERY_API GammaKey ScreenGamma;
 }  // namespace config
 
 // Chunk identifiers of the stream forms.
@@ -33,7 +34,7 @@ inline constexpr unsigned short kGammaSettingsInputChunk = 0xFEF7;
 inline constexpr unsigned short kGammaSettingsOutputChunk = 0xFEF8;
 inline constexpr unsigned short kGammaSettingsScreenChunk = 0xFEF9;
 
-class GammaSettings {
+class IMAGERY_API GammaSettings {
  public:
   // All three sRGB.
   GammaSettings() = default;
@@ -74,6 +75,6 @@ class GammaSettings {
 
 // The process-wide settings, created with the defaults on first use. Not locked: the host writes it,
 // image creation, conversion and stream reading read it.
-GammaSettings& GetCurrentGammaSettings();
+IMAGERY_API GammaSettings& GetCurrentGammaSettings();
 
 }  // namespace imagery

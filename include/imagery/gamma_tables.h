@@ -17,13 +17,14 @@
 #include <memory>
 #include <vector>
 
+#include "imagery/export.h"
 #include "imagery/gamma.h"
 
 namespace imagery {
 
 // Stored code -> linear light through one gamma.
 template <class Code>
-class GammaDecodeTable {
+class IMAGERY_API GammaDecodeTable {
  public:
   static constexpr std::size_t kSize = static_cast<std::size_t>(std::numeric_limits<Code>::max()) + 1;
 
@@ -74,7 +75,7 @@ inline constexpr float kMaxTableGamma = 64.0f;
 
 // Linear light -> stored code through one gamma, clamping to [0, 1] first (NaN gives code 0).
 template <class Code>
-class GammaEncoder {
+class IMAGERY_API GammaEncoder {
  public:
   static constexpr std::uint32_t kMaxCode = std::numeric_limits<Code>::max();
 

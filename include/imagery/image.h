@@ -13,6 +13,7 @@
 
 #include <boost/property_tree/ptree.hpp>
 
+#include "imagery/export.h"
 #include "imagery/color.h"
 #include "imagery/gamma.h"
 #include "imagery/image_impl.h"
@@ -29,7 +30,7 @@ namespace imagery {
 
 class ImageFactory;
 
-class Image {
+class IMAGERY_API Image {
  public:
   using Transformations = ImageTransformations;
   using Attributes = boost::property_tree::ptree;
@@ -212,7 +213,7 @@ class Image {
   // Same implementation, equal transformations and equal attributes (identical pixels elsewhere do not
   // count).
   bool Equals(const Image& other) const;
-  friend bool operator==(const Image& a, const Image& b);
+  friend IMAGERY_API bool operator==(const Image& a, const Image& b);
   friend bool operator!=(const Image& a, const Image& b) { return !(a == b); }
 
  private:
@@ -222,8 +223,8 @@ class Image {
 };
 
 // "imagery::Image(<width>x<height>,<format number>@<path>)".
-std::ostream& operator<<(std::ostream& out, const Image& image);
-std::wostream& operator<<(std::wostream& out, const Image& image);
+IMAGERY_API std::ostream& operator<<(std::ostream& out, const Image& image);
+IMAGERY_API std::wostream& operator<<(std::wostream& out, const Image& image);
 
 // Maps handle coordinates to the stored pixel of `level` through the transformations selected by
 // `options` (see ImageTransformations::MapCoordinates).

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 
+#include "imagery/export.h"
 #include "imagery/gamma.h"
 #include "imagery/image_impl.h"
 #include "imagery/pixel_format.h"
@@ -27,10 +28,10 @@ using SourceReaderFunc = zel::ErrorCode (*)(Image* image, const ZELPath& path, E
                                             const ReadOptions& options);
 
 // The reader installed until the host installs its own: fails with the internal error "IMGRY115".
-zel::ErrorCode NoopSourceReaderFunc(Image* image, const ZELPath& path, EImageType type, int* extra,
+IMAGERY_API zel::ErrorCode NoopSourceReaderFunc(Image* image, const ZELPath& path, EImageType type, int* extra,
                                     const ReadOptions& options);
 
-class ImageFactory {
+class IMAGERY_API ImageFactory {
  public:
   // The process-wide factory, made on first use; it lives as long as the process.
   static ImageFactory& GetInstance();

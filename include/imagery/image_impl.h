@@ -14,6 +14,7 @@
 #include <memory>
 #include <vector>
 
+#include "imagery/export.h"
 #include "imagery/gamma.h"
 #include "imagery/picture_type.h"
 #include "imagery/pixel_format.h"
@@ -44,7 +45,7 @@ enum CareAboutIncorporation : int {
 enum class NewPixels : unsigned char { Zeroed, Unset };
 
 // The record shared by every version of one image.
-class SharedProperties {
+class IMAGERY_API SharedProperties {
  public:
   SharedProperties() = default;
   // Copies the two flags; the copy starts with no references.
@@ -70,7 +71,7 @@ class SharedProperties {
   std::atomic<int> references_{0};
 };
 
-class ImageImpl {
+class IMAGERY_API ImageImpl {
  public:
   // Mip levels 1 and up; level 0 is the implementation's own plane, so element i - 1 is level i.
   struct MipMaps {

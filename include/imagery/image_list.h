@@ -14,6 +14,7 @@
 
 #include <boost/scoped_ptr.hpp>
 
+#include "imagery/export.h"
 #include "imagery/pixel_format.h"
 #include "imagery/tags.h"
 #include "imagery_host/tagged_value.h"
@@ -25,7 +26,7 @@ namespace imagery {
 class Image;
 class ImageImpl;
 
-class ImageList {
+class IMAGERY_API ImageList {
  public:
   using Mutex = std::recursive_timed_mutex;
   using Lock = std::unique_lock<Mutex>;

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "imagery/export.h"
 #include "imagery_host/resources.h"
 #include "imagery_host/zel_path.h"
 #include "imagery_host/zel_string.h"
@@ -79,34 +80,34 @@ inline constexpr Tools::CRC STR_Data{0x979cb0f49edbf65dull};
 
 // The name used in log lines: "PT_Color" ... "PT_Data", and "PT_UNDEFINED" for -1 and any value outside
 // 0..23.
-const char* GetLogName(EPictureType type);
+IMAGERY_API const char* GetLogName(EPictureType type);
 // The display name from the resource texts (the STR_Undefined text outside 0..23).
-ZELString GetName(EPictureType type);
+IMAGERY_API ZELString GetName(EPictureType type);
 // IOM_Color for -1 and the colour channels (colour, reflection, normal maps, specular colour, clearcoat
 // tint), IOM_Grayscale for every other value.
-ImageOutputMode GetIOMFromPType(EPictureType type);
+IMAGERY_API ImageOutputMode GetIOMFromPType(EPictureType type);
 // True for the channels that carry colour (colour, reflection, specular colour, clearcoat tint) and for
 // every value outside 0..23.
-bool CanHaveColorspace(EPictureType type);
+IMAGERY_API bool CanHaveColorspace(EPictureType type);
 
 // The default tag list of the channel's key; "_map" for -1 and PT_Data; empty for other values.
-ZELString GetFileTagDefault(EPictureType type);
+IMAGERY_API ZELString GetFileTagDefault(EPictureType type);
 // The channel's tag list from the settings (its default when the setting holds no tag, or for values
 // outside 0..22).
-ZELString GetFileTagProperty(EPictureType type);
+IMAGERY_API ZELString GetFileTagProperty(EPictureType type);
 // Stores a tag list for channels 0..22; other values are ignored.
-void SetFileTagProperty(EPictureType type, const ZELString& tags);
+IMAGERY_API void SetFileTagProperty(EPictureType type, const ZELString& tags);
 // The first tag of the channel's list, or the empty string.
-ZELString ChannelFileSuffix(EPictureType type);
+IMAGERY_API ZELString ChannelFileSuffix(EPictureType type);
 
 // The channel recognised from a file name (-1 when none, or when file tags are disabled).
-EPictureType GetTypeFromFileTags(const ZELPath& path);
+IMAGERY_API EPictureType GetTypeFromFileTags(const ZELPath& path);
 // The existing file of channel `target` beside `path` (same stem, the target's tags, any picture
 // extension), or an empty path.
-ZELPath FindChannelPath(const ZELPath& path, EPictureType target);
+IMAGERY_API ZELPath FindChannelPath(const ZELPath& path, EPictureType target);
 // Appends the channels in presentation order: colour, alpha, normal map, the other channels by display
 // name, then PT_Data and -1.
-void GetReorderedPTList(std::vector<EPictureType>& list);
+IMAGERY_API void GetReorderedPTList(std::vector<EPictureType>& list);
 
 }  // namespace imagery
 
@@ -120,29 +121,29 @@ struct Key {
   T default_value;
 };
 
-extern const Key<bool> Enabled;
-extern const Key<bool> PreserveMappings;
-extern const Key<const wchar_t*> Alpha;
-extern const Key<const wchar_t*> AmbiantOcclusion;
-extern const Key<const wchar_t*> Backlight;
-extern const Key<const wchar_t*> Bump;
-extern const Key<const wchar_t*> Color;
-extern const Key<const wchar_t*> ColorShift;
-extern const Key<const wchar_t*> Displacement;
-extern const Key<const wchar_t*> Highlight;
-extern const Key<const wchar_t*> Metalness;
-extern const Key<const wchar_t*> Normal;
-extern const Key<const wchar_t*> ClearcoatContribution;
-extern const Key<const wchar_t*> ClearcoatIOR;
-extern const Key<const wchar_t*> ClearcoatRoughness;
-extern const Key<const wchar_t*> ClearcoatTint;
-extern const Key<const wchar_t*> ClearcoatNormal;
-extern const Key<const wchar_t*> ClearcoatFlatten;
-extern const Key<const wchar_t*> Reflection;
-extern const Key<const wchar_t*> Roughness;
-extern const Key<const wchar_t*> Terrain;
-extern const Key<const wchar_t*> Transparency;
-extern const Key<const wchar_t*> Luminous;
-extern const Key<const wchar_t*> GlowIntensity;
+extern IMAGERY_API const Key<bool> Enabled;
+extern IMAGERY_API const Key<bool> PreserveMappings;
+extern IMAGERY_API const Key<const wchar_t*> Alpha;
+extern IMAGERY_API const Key<const wchar_t*> AmbiantOcclusion;
+extern IMAGERY_API const Key<const wchar_t*> Backlight;
+extern IMAGERY_API const Key<const wchar_t*> Bump;
+extern IMAGERY_API const Key<const wchar_t*> Color;
+extern IMAGERY_API const Key<const wchar_t*> ColorShift;
+extern IMAGERY_API const Key<const wchar_t*> Displacement;
+extern IMAGERY_API const Key<const wchar_t*> Highlight;
+extern IMAGERY_API const Key<const wchar_t*> Metalness;
+extern IMAGERY_API const Key<const wchar_t*> Normal;
+extern IMAGERY_API const Key<const wchar_t*> ClearcoatContribution;
+extern IMAGERY_API const Key<const wchar_t*> ClearcoatIOR;
+extern IMAGERY_API const Key<const wchar_t*> ClearcoatRoughness;
+extern IMAGERY_API const Key<const wchar_t*> ClearcoatTint;
+extern IMAGERY_API const Key<const wchar_t*> ClearcoatNormal;
+extern IMAGERY_API const Key<const wchar_t*> ClearcoatFlatten;
+extern IMAGERY_API const Key<const wchar_t*> Reflection;
+extern IMAGERY_API const Key<const wchar_t*> Roughness;
+extern IMAGERY_API const Key<const wchar_t*> Terrain;
+extern IMAGERY_API const Key<const wchar_t*> Transparency;
+extern IMAGERY_API const Key<const wchar_t*> Luminous;
+extern IMAGERY_API const Key<const wchar_t*> GlowIntensity;
 
 }  // namespace config::filetags

@@ -42,6 +42,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "imagery/export.h"
 #include "imagery/color.h"
 #include "imagery/detail/pixel_io.h"
 #include "imagery/gamma.h"
@@ -51,10 +52,10 @@
 namespace imagery {
 
 // Tags choosing read-only or writable pixel memory for the cursor templates.
-struct KORConstMemoryAccess {
+struct IMAGERY_API KORConstMemoryAccess {
   using Byte = const unsigned char;
 };
-struct KORMemoryAccess {
+struct IMAGERY_API KORMemoryAccess {
   using Byte = unsigned char;
 };
 
@@ -197,35 +198,35 @@ class PixelAccessNoGammaBase : public detail::RuntimeReader<MemoryAccess, PlaneR
   using detail::RuntimeReader<MemoryAccess, PlaneRef, detail::ScaleDecoder>::RuntimeReader;
 };
 
-class ConstPixelAccess : public PixelAccessBase<KORConstMemoryAccess, const PixelPlane&> {
+class IMAGERY_API ConstPixelAccess : public PixelAccessBase<KORConstMemoryAccess, const PixelPlane&> {
  public:
   ConstPixelAccess(const PixelPlane& plane, int x, int y) : PixelAccessBase(plane, x, y) {}
 };
 
-class PixelAccess
+class IMAGERY_API PixelAccess
     : public detail::RuntimeWriter<PixelAccessBase<KORMemoryAccess, PixelPlane&>, detail::CurveEncoder> {
  public:
   PixelAccess(PixelPlane& plane, int x, int y) : RuntimeWriter(plane, x, y) {}
 };
 
-class ConstPixelAccessNoGamma : public PixelAccessNoGammaBase<KORConstMemoryAccess, const PixelPlane&> {
+class IMAGERY_API ConstPixelAccessNoGamma : public PixelAccessNoGammaBase<KORConstMemoryAccess, const PixelPlane&> {
  public:
   ConstPixelAccessNoGamma(const PixelPlane& plane, int x, int y) : PixelAccessNoGammaBase(plane, x, y) {}
 };
 
-class PixelAccessNoGamma : public detail::RuntimeWriter<PixelAccessNoGammaBase<KORMemoryAccess, PixelPlane&>,
+class IMAGERY_API PixelAccessNoGamma : public detail::RuntimeWriter<PixelAccessNoGammaBase<KORMemoryAccess, PixelPlane&>,
                                                         detail::ScaleEncoder> {
  public:
   PixelAccessNoGamma(PixelPlane& plane, int x, int y) : RuntimeWriter(plane, x, y) {}
 };
 
 // Byte cursors: Pointer() is the pixel's first byte, BytesPerPixel() its size; no conversion.
-class ConstRawAccess : public detail::PixelCursor<KORConstMemoryAccess, const PixelPlane&> {
+class IMAGERY_API ConstRawAccess : public detail::PixelCursor<KORConstMemoryAccess, const PixelPlane&> {
  public:
   ConstRawAccess(const PixelPlane& plane, int x, int y) : PixelCursor(plane, x, y) {}
 };
 
-class RawAccess : public detail::PixelCursor<KORMemoryAccess, PixelPlane&> {
+class IMAGERY_API RawAccess : public detail::PixelCursor<KORMemoryAccess, PixelPlane&> {
  public:
   RawAccess(PixelPlane& plane, int x, int y) : PixelCursor(plane, x, y) {}
 };

@@ -16,6 +16,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "imagery/export.h"
 #include "imagery/color.h"
 #include "imagery/gamma.h"
 #include "imagery_host/resources.h"
@@ -54,7 +55,7 @@ enum class SampleKind : std::uint8_t {
   LinearGrey16,    // two bytes, least significant first, a linear code 0..65535 (never gamma-encoded)
 };
 
-struct FormatLayout {
+struct IMAGERY_API FormatLayout {
   SampleKind colour;
   // One stored colour sample stands for red, green and blue alike.
   bool grey;
@@ -189,9 +190,9 @@ inline constexpr Tools::CRC STR_16BITS{0x7a19c2899b831276ull};
 inline constexpr Tools::CRC STR_FLOAT32{0x56bc72a4fbc28918ull};
 
 // "Grayscale", "RGB" or "RGBA" from the resource texts; "?" for IT_UNDEFINED and beyond.
-ZELString HumanReadableColorType(EImageType type);
+IMAGERY_API ZELString HumanReadableColorType(EImageType type);
 // "8 bits", "16 bits", "HDR" or "32-bit float" from the resource texts; "?" for IT_UNDEFINED and beyond.
-ZELString HumanReadableBitDepth(EImageType type);
+IMAGERY_API ZELString HumanReadableBitDepth(EImageType type);
 
 // Three stored channel values in red, green, blue order, native byte order.
 template <class T>

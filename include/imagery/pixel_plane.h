@@ -8,13 +8,14 @@
 #include <cstdint>
 #include <memory>
 
+#include "imagery/export.h"
 #include "imagery/gamma.h"
 #include "imagery/pixel_format.h"
 #include "imagery_host/block_cache.h"
 
 namespace imagery {
 
-class PixelPlane {
+class IMAGERY_API PixelPlane {
  public:
   using Store = ToolsBlockCache<KORByteArrayPolicy>;
 

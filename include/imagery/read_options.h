@@ -1,11 +1,13 @@
 // Options handed through to the host's picture reader; their meaning is the reader's.
 #pragma once
 
+#include "imagery/export.h"
+
 #include <set>
 
 namespace imagery {
 
-struct ReadOptions {
+struct IMAGERY_API ReadOptions {
   bool quiet = false;
   // The library sets these two when it reloads or replaces a file that is already in use.
   bool isReload = false;

@@ -23,7 +23,7 @@ namespace imagery {
 
 // Options of Resample. All-zero options (the defaults) resample with black margins, without keeping
 // the aspect ratio, into a new implementation, reporting nowhere.
-struct ResampleOpts {
+struct IMAGERY_API ResampleOpts {
   // Report to `progress` (otherwise a private progress object is used).
   bool useProgress = false;
   // Margins are white (the 8-bit 255 decoded as sRGB, alpha 1) instead of black (0, 0, 0, alpha 1).

@@ -2,6 +2,7 @@
 // up by identifier.
 #pragma once
 
+#include "imagery/export.h"
 #include "imagery_host/resources.h"
 #include "imagery_host/zel_string.h"
 
@@ -10,6 +11,6 @@ namespace imagery {
 // The host's text for `id` (a Tools::CRC converts implicitly). When the host has none the answer is
 // "{missing message " + the identifier's text form ("crc:0x" and 16 lower-case hex digits for a CRC,
 // the number for an integer, "undefined" when empty) + "}". Thread-safe.
-ZELString GetString(const zel::ResourceNumericId& id);
+IMAGERY_API ZELString GetString(const zel::ResourceNumericId& id);
 
 }  // namespace imagery

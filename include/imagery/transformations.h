@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "imagery/export.h"
 #include "imagery/color.h"
 #include "imagery_host/enum_combiner.h"
 #include "imagery_host/md5.h"
@@ -49,7 +50,7 @@ constexpr ApplyTransformOpts operator|(ApplyTransformOptEnum a, ApplyTransformOp
   return ApplyTransformOpts(a) | ApplyTransformOpts(b);
 }
 
-class ImageTransformations {
+class IMAGERY_API ImageTransformations {
  public:
   static constexpr int kDefaultDPI = 72;
   // The seven flags that name a transformation; other bits of the 64-bit set are carried but mean nothing.
@@ -269,7 +270,9 @@ class ImageTransformations {
 
  private:
   static float Clamp01(float v) { return std::clamp(v, 0.0f, 1.0f); }
-  float ExposeContrast(float v) const { return std::max(0.0f, v * (1.0f + contrast_) + exposure_); }
+  float ExposeContrast(float v) const {
+    return std::max(0.0f, imagery::detail::Rounded(v * (1.0f + contrast_)) + exposure_);
+  }
   void SetExclusive(Transfo flag, Transfo excluded, bool on) {
     flags_.Set(flag, on);
     if (on)

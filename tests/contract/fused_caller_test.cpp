@@ -1,0 +1,168 @@
+// A caller built with fused multiply-adds allowed (-mfma -ffp-contract=fast, as -march=native would):
+// what the public headers compute inline in such a caller must still equal what the library computes.
+// The library's own results come from its out-of-line functions, built without contraction.
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "imagery/channel_ops.h"
+#include "imagery/image.h"
+#include "imagery/normal_encoding.h"
+#include "imagery/pixel_access.h"
+
+namespace imagery {
+namespace {
+
+bool ProcessorFuses() {
+#if defined(__x86_64__) && defined(__GNUC__)
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("fma");
+#else
+  return false;
+#endif
+}
+
+// Random values made without a multiply and an add, which this file's flags would fuse differently from
+// one use to the next: a whole number of 1/20000 steps in [-0.1, 1.1].
+float RandomValue(std::mt19937& random) {
+  return static_cast<float>(static_cast<int>(random() % 24001) - 2000) / 20000.0f;
+}
+
+std::uint32_t Bits(float f) {
+  std::uint32_t b;
+  std::memcpy(&b, &f, sizeof b);
+  return b;
+}
+
+// Random bytes in every pixel of a plane of each format, read back through the library (Image getters,
+// out of line) and through inline typed and runtime cursors, for both kinds of conversion.
+TEST(FusedCaller, CursorReadsEqualTheLibrarysReads) {
+  if (!ProcessorFuses())
+    GTEST_SKIP() << "no fused multiply-add on this processor";
+  std::mt19937 random(7);
+  for (int t = 0; t < IT_UNDEFINED; ++t) {
+    const auto type = static_cast<EImageType>(t);
+    for (GammaValue gamma : {gamma::sRGB, GammaValue(2.2f)}) {
+      Image image(37, 3, type, gamma);
+      PixelPlane& plane = image.GetImplRef().Plane();
+      for (std::uint64_t i = 0; i < plane.ByteSize(); ++i)
+        plane.Data()[i] = static_cast<unsigned char>(random());
+      if (IsFloat(type)) {
+        for (std::uint64_t i = 0; i + 4 <= plane.ByteSize(); i += 4) {
+          const float v = RandomValue(random);
+          std::memcpy(plane.Data() + i, &v, 4);
+        }
+      }
+      DispatchImageType(type, [&](auto format) {
+        constexpr EImageType T = decltype(format)::value;
+        ConstTypedPixelAccess<T> typed(plane, 0, 0);
+        ConstTypedPixelAccess<T, PixelConversion::NoGamma> typedPlain(plane, 0, 0);
+        for (int y = 0; y < plane.Height(); ++y) {
+          typed.MoveTo(0, y);
+          typedPlain.MoveTo(0, y);
+          for (int x = 0; x < plane.Width(); ++x, typed.Next(), typedPlain.Next()) {
+            LinearRGBA_T<float> expected, plainExpected, got, plainGot;
+            float grey = 0, plainGrey = 0, greyGot = 0, plainGreyGot = 0, runtimeGrey = 0;
+            image.GetPixelRGBA(x, y, expected, ATO_None);
+            image.GetPixelRGBANoGammaConversion(x, y, plainExpected, ATO_None);
+            image.GetPixelGrayscale(x, y, grey, ATO_None);
+            image.GetPixelGrayscaleNoGammaConversion(x, y, plainGrey, ATO_None);
+            typed.GetPixelRGBA(got);
+            typedPlain.GetPixelRGBA(plainGot);
+            typed.GetPixelGrayscale(greyGot);
+            typedPlain.GetPixelGrayscale(plainGreyGot);
+            ConstPixelAccess(plane, x, y).GetPixelGrayscale(runtimeGrey);
+            for (auto [a, b] : {std::pair{expected.r, got.r}, {expected.g, got.g}, {expected.b, got.b},
+                                {expected.a, got.a}, {plainExpected.r, plainGot.r},
+                                {plainExpected.a, plainGot.a}, {grey, greyGot}, {plainGrey, plainGreyGot},
+                                {grey, runtimeGrey}})
+              ASSERT_EQ(Bits(a), Bits(b)) << "format " << t << " at " << x << ", " << y;
+          }
+        }
+      });
+    }
+  }
+}
+
+// Writes of random linear values through inline typed cursors give the bytes the library's setters do.
+TEST(FusedCaller, CursorWritesEqualTheLibrarysWrites) {
+  if (!ProcessorFuses())
+    GTEST_SKIP() << "no fused multiply-add on this processor";
+  std::mt19937 random(11);
+  const auto value = [](std::mt19937& r) { return RandomValue(r); };
+  for (int t = 0; t < IT_UNDEFINED; ++t) {
+    const auto type = static_cast<EImageType>(t);
+    for (GammaValue gamma : {gamma::sRGB, gamma::Linear, GammaValue(1.8f)}) {
+      Image viaLibrary(41, 2, type, gamma);
+      Image inlined(41, 2, type, gamma);
+      DispatchImageType(type, [&](auto format) {
+        constexpr EImageType T = decltype(format)::value;
+        TypedPixelAccess<T> cursor(inlined.GetImplRef().Plane(), 0, 0);
+        for (int y = 0; y < 2; ++y) {
+          cursor.MoveTo(0, y);
+          for (int x = 0; x < 41; ++x, cursor.Next()) {
+            const LinearRGB_T<float> c(value(random), value(random), value(random));
+            const float a = value(random);
+            if (y == 0) {
+              viaLibrary.SetPixelRGBA(x, y, LinearRGBA_T<float>(c, a), ATO_None);
+              cursor.SetPixelRGBA(c, a);
+            } else {
+              viaLibrary.SetPixelGrayscale(x, y, c.g, ATO_None);
+              cursor.SetPixelGrayscale(c.g);
+            }
+          }
+        }
+      });
+      const PixelPlane& expected = viaLibrary.GetImplRef().Plane();
+      const PixelPlane& got = inlined.GetImplRef().Plane();
+      for (std::uint64_t i = 0; i < expected.ByteSize(); ++i)
+        ASSERT_EQ(expected.Data()[i], got.Data()[i]) << "format " << t << ", byte " << i;
+    }
+  }
+}
+
+// Transformations applied inline equal those the library applies when reading a pixel through them.
+TEST(FusedCaller, TransformationsAndNormalsEqualTheLibrarys) {
+  if (!ProcessorFuses())
+    GTEST_SKIP() << "no fused multiply-add on this processor";
+  Image image(256, 1, IT_RGB32f, gamma::Linear);
+  image.SetExposure(0.37f);
+  image.SetContrast(0.61f);
+  std::mt19937 random(3);
+  for (int x = 0; x < 256; ++x)
+    image.SetPixelRGB(x, 0, LinearRGB_T<float>(RandomValue(random), RandomValue(random), RandomValue(random)),
+                      ATO_None);
+  for (int x = 0; x < 256; ++x) {
+    LinearRGB_T<float> expected, inlined;
+    image.GetPixelRGB(x, 0, expected, ATO_ExposureContrast);
+    image.GetPixelRGB(x, 0, inlined, ATO_None);
+    image.ApplyTransform(inlined, ATO_ExposureContrast);
+    ASSERT_EQ(Bits(expected.r), Bits(inlined.r)) << x;
+    ASSERT_EQ(Bits(expected.b), Bits(inlined.b)) << x;
+  }
+
+  Image normals(256, 64, IT_RGB8, gamma::Linear);
+  PixelPlane& plane = normals.GetImplRef().Plane();
+  std::vector<CLR> before;
+  for (int y = 0; y < 64; ++y) {
+    for (int x = 0; x < 256; ++x) {
+      const CLR c(static_cast<unsigned char>(random()), static_cast<unsigned char>(random()),
+                  static_cast<unsigned char>(random()));
+      EImageTrait<IT_RGB8>::Store(plane.PixelAddress(x, y), c);
+      before.push_back(c);
+    }
+  }
+  NormalizeNormalMap<IT_RGB8>(normals);
+  for (int y = 0; y < 64; ++y) {
+    for (int x = 0; x < 256; ++x) {
+      ASSERT_EQ(EImageTrait<IT_RGB8>::Load(normals.GetImplRef().Plane().PixelAddress(x, y)),
+                NormalizeEncodedNormal(before[static_cast<std::size_t>(y) * 256 + x]))
+          << x << ", " << y;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace imagery
