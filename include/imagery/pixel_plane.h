@@ -2,7 +2,18 @@
 //
 // Rows start on 4-byte boundaries: bytes per line = width x bytes per pixel rounded up to a multiple of
 // 4, and pixel (x, y) starts at y x bytes per line + x x bytes per pixel. The row padding belongs to the
-// store: it is copied and checksummed with the pixels. A plane is moved, never copied.
+// store: it is copied and checksummed with the pixels.
+//
+// Ownership. A plane owns its bytes; it is moved, never copied. Data(), Row() and PixelAddress() (and
+// the cursors placed on the plane) stay valid until Alloc, a move, Swap or destruction.
+//
+// Threads. A plane has no lock. Any number of threads may read it at once; threads may write it at once
+// only to disjoint bytes (the parallel loops give each thread its own rows), and nobody may read bytes
+// another thread is writing. Alloc, SetRGEncoded, SetGamma, CopyFrom, Swap and Zero need the plane to
+// themselves.
+//
+// Not checked: Row(y) and PixelAddress(x, y) compute addresses for any coordinates, inside the plane or
+// not, and Data() is null for a plane without bytes; keep 0 <= x < Width() and 0 <= y < Height().
 #pragma once
 
 #include <cstdint>

@@ -3,9 +3,15 @@
 // over the host's worker pool, and leaves the destination's mip chains invalid.
 //
 // The per-row function positions both cursors itself (MoveTo, Next) and may write only its own row of
-// the destination. In parallel mode every row gets fresh cursors and rows run in no particular order;
-// whatever the function captures must be read-only. When source and destination share one
-// implementation (in-place operations), a pixel must be read before it is written and no other row read.
+// the destination. It works through the cursors it is handed, never through cursors of its own: in
+// parallel mode every row gets fresh cursors and rows run in no particular order, and whatever the
+// function captures must be read-only. When source and destination share one implementation (in-place
+// operations), a pixel must be read before it is written and no other row read.
+//
+// Any cursor type constructible as Cursor(plane, x, y) serves, the typed cursors included: for a
+// per-format loop, dispatch once on the format and run ProcessPixelsT<ConstTypedPixelAccess<T>,
+// TypedPixelAccess<T>> (typed gamma cursors are made once per row in parallel mode, which costs a table
+// lookup, not a table).
 #pragma once
 
 #include <algorithm>

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <optional>
 #include <utility>
 
 #include "filter/resample_adapters.h"
@@ -112,11 +111,12 @@ void Resample(Image& image, int width, int height, const ResampleOpts& options) 
   }
 
   ResampleOpts pass = options;
-  std::optional<KORProgress::SubProgressStep> step;
+  // A sub-step is neither copied nor moved: each pass gets a new one, and the first ends before the second.
+  std::unique_ptr<KORProgress::SubProgressStep> step;
   if (options.progress != nullptr) {
     options.progress->Steps(2);
-    step.emplace(*options.progress);
-    pass.progress = &*step;
+    step = std::make_unique<KORProgress::SubProgressStep>(*options.progress);
+    pass.progress = step.get();
   }
   Resample(image, width, currentHeight, pass);
   // An interrupted first pass leaves the size as it was; asking again would split again, forever.
@@ -124,8 +124,8 @@ void Resample(Image& image, int width, int height, const ResampleOpts& options) 
     return;
   if (options.progress != nullptr) {
     step.reset();
-    step.emplace(*options.progress);
-    pass.progress = &*step;
+    step = std::make_unique<KORProgress::SubProgressStep>(*options.progress);
+    pass.progress = step.get();
   }
   Resample(image, width, height, pass);
 }

@@ -83,30 +83,34 @@ class TypedAccess {
   template <class Pixel>
   void WriteRow(PixelPlane& plane, Position p, const Pixel* values, std::size_t count) const {
     constexpr bool kAlpha = std::is_same_v<Pixel, LinearRGBA_T<float>>;
+    constexpr FormatLayout L = LayoutOf(T);
+    // Pixels whose every byte is one 8-bit code of the colour (or alpha) the pixel kind carries.
     constexpr bool kRowEncoded = imagery::detail::kUsesTables<T, PixelConversion::Gamma> &&
-                                 ((T == IT_RGB8 && !kAlpha) || (T == IT_RGBA8 && kAlpha));
+                                 L.colour == SampleKind::Code8 && !L.grey &&
+                                 kAlpha == (L.alphaKind == SampleKind::Code8) && L.bytes == (kAlpha ? 4 : 3);
     if constexpr (kRowEncoded) {
-      constexpr std::size_t kChannels = kAlpha ? 4 : 3;
+      constexpr std::size_t kBytes = L.bytes;
       constexpr std::size_t kPiece = 64;
       unsigned char* bytes = Address(plane, p);
-      float linear[kPiece * kChannels];
+      float linear[kPiece * kBytes];
       for (std::size_t done = 0; done < count;) {
         const std::size_t n = std::min(kPiece, count - done);
-        // In stored order: blue, green, red (, alpha, rewritten below without gamma).
+        // Each value where its code goes; alpha is encoded as 0 here and rewritten below without gamma.
         for (std::size_t i = 0; i < n; ++i) {
           const Pixel& c = values[done + i];
-          linear[i * kChannels] = c.b;
-          linear[i * kChannels + 1] = c.g;
-          linear[i * kChannels + 2] = c.r;
+          float* pixel = linear + i * kBytes;
+          pixel[L.blue] = c.b;
+          pixel[L.green] = c.g;
+          pixel[L.red] = c.r;
           if constexpr (kAlpha)
-            linear[i * kChannels + 3] = 0.0f;
+            pixel[L.alpha] = 0.0f;
         }
-        encoder_->encoder.EncodeRow(linear, bytes, n * kChannels);
+        encoder_->encoder.EncodeRow(linear, bytes, n * kBytes);
         if constexpr (kAlpha) {
           for (std::size_t i = 0; i < n; ++i)
-            bytes[i * kChannels + 3] = imagery::detail::ScaleTo8(values[done + i].a);
+            imagery::detail::WriteAlpha<T>(bytes + i * kBytes, values[done + i].a);
         }
-        bytes += n * kChannels;
+        bytes += n * kBytes;
         done += n;
       }
     } else {

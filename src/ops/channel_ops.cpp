@@ -43,14 +43,7 @@ Extent CommonExtent(const Image& source, const Image& destination) {
   return {std::max(0, std::min(from.Width(), to.Width())), std::max(0, std::min(from.Height(), to.Height()))};
 }
 
-// Keeps the bytes of each pixel that a format without the alpha channel stores.
-template <int In, int Out>
-void DropTrailingChannel(const unsigned char* source, unsigned char* destination, int count) {
-  for (int i = 0; i < count; ++i, source += In, destination += Out)
-    std::memcpy(destination, source, Out);
-}
-
-EImageType WithoutAlpha(EImageType type) {
+constexpr EImageType WithoutAlpha(EImageType type) {
   switch (type) {
     case IT_RGBA8:
       return IT_RGB8;
@@ -61,6 +54,17 @@ EImageType WithoutAlpha(EImageType type) {
     default:
       return IT_UNDEFINED;
   }
+}
+
+// Keeps the bytes of each pixel that the format without alpha stores.
+template <EImageType T>
+void DropTrailingAlpha(const unsigned char* source, unsigned char* destination, int count) {
+  constexpr int kIn = BytesPerPixel(T);
+  constexpr int kOut = BytesPerPixel(WithoutAlpha(T));
+  static_assert(LayoutOf(T).alpha == kOut && LayoutOf(T).red == LayoutOf(WithoutAlpha(T)).red,
+                "alpha trails the colour bytes, which lie as in the format without alpha");
+  for (int i = 0; i < count; ++i, source += kIn, destination += kOut)
+    std::memcpy(destination, source, kOut);
 }
 
 void OpaqueSharedExponentAlpha(Image& image) {
@@ -96,8 +100,8 @@ void DiscardAlphaInformation(Image& image, CheckInImageList checkInList, CareAbo
   image.NewImplFromExisting(target, gamma, care, source.get());
   const Extent extent = CommonExtent(*source, image);
   void (*copyRow)(const unsigned char*, unsigned char*, int) =
-      type == IT_RGBA8 ? &DropTrailingChannel<4, 3>
-                       : (type == IT_RGBA16 ? &DropTrailingChannel<8, 6> : &DropTrailingChannel<16, 12>);
+      type == IT_RGBA8 ? &DropTrailingAlpha<IT_RGBA8>
+                       : (type == IT_RGBA16 ? &DropTrailingAlpha<IT_RGBA16> : &DropTrailingAlpha<IT_RGBA32f>);
   const std::function<void(ConstRawAccess&, RawAccess&, int)> perRow =
       [extent, copyRow](ConstRawAccess& src, RawAccess& dst, int y) {
         if (y >= extent.rows)

@@ -129,7 +129,9 @@ __attribute__((target("avx2"))) std::size_t EncodeSRGBAVX2(const float* linear, 
 
 // GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised reads.
 #pragma GCC diagnostic push
+#if !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #pragma GCC diagnostic ignored "-Wuninitialized"
 __attribute__((target("avx512f"))) __m512i EncodeSRGBSixteen(__m512 c, __m512 maxCode) {
   c = _mm512_max_ps(_mm512_min_ps(_mm512_set1_ps(1.0f), c), _mm512_setzero_ps());

@@ -56,7 +56,8 @@ TEST(Image, CopiesShareTheImplementationAndCompareByTransformationsAndAttributes
   Image other(original);
   other.ExtraAttributes().put("Source", "scan");
   EXPECT_TRUE(other != original);
-  other = other;  // self-assignment keeps everything
+  Image& alias = other;
+  other = alias;  // self-assignment keeps everything
   EXPECT_EQ(other.GetImpl()->References(), 3);
 
   // Identical pixels in another implementation are not equal.
