@@ -6,11 +6,11 @@
 namespace imagery {
 
 float DecodeChannel8(unsigned char v, GammaValue gamma) {
-  return curves::Decode8(v, gamma);
+  return curves::Decode(v, gamma);
 }
 
 float DecodeChannel16(unsigned short v, GammaValue gamma) {
-  return curves::Decode16(v, gamma);
+  return curves::Decode(v, gamma);
 }
 
 float EncodeSRGBClamped(float c) {

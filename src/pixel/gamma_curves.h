@@ -27,19 +27,14 @@ inline float DecodeSRGB(float v, float x, const SRGBDecodeCoefficients& k) {
   return (((k.a * v + k.b) * x2 + (k.c * v + k.d)) * x2 + (k.e * v + k.f)) * x2 + (k.g * v + k.h);
 }
 
-inline float Decode8(unsigned char v, GammaValue gamma) {
+// A stored 8- or 16-bit code to linear light.
+template <class Code>
+inline float Decode(Code v, GammaValue gamma) {
+  constexpr bool k8 = sizeof(Code) == 1;
   const float fv = static_cast<float>(v);
-  const float x = fv * kInv255;
+  const float x = fv * (k8 ? kInv255 : kInv65535);
   if (gamma.IsSRGB())
-    return DecodeSRGB(fv, x, kSRGBDecode8);
-  return std::pow(x, gamma.Value());
-}
-
-inline float Decode16(unsigned short v, GammaValue gamma) {
-  const float fv = static_cast<float>(v);
-  const float x = fv * kInv65535;
-  if (gamma.IsSRGB())
-    return DecodeSRGB(fv, x, kSRGBDecode16);
+    return DecodeSRGB(fv, x, k8 ? kSRGBDecode8 : kSRGBDecode16);
   return std::pow(x, gamma.Value());
 }
 

@@ -50,18 +50,11 @@ std::uint64_t CacheKey(GammaValue gamma, PowerPrecision precision) {
   return static_cast<std::uint64_t>(bits) << 8 | static_cast<std::uint64_t>(precision);
 }
 
-float DecodeReference(unsigned char v, GammaValue gamma) {
-  return curves::Decode8(v, gamma);
-}
-float DecodeReference(unsigned short v, GammaValue gamma) {
-  return curves::Decode16(v, gamma);
-}
-
 template <class Code>
 std::shared_ptr<const std::vector<float>> BuildDecodeTable(GammaValue gamma) {
   auto table = std::make_shared<std::vector<float>>(GammaDecodeTable<Code>::kSize);
   for (std::size_t v = 0; v < table->size(); ++v) {
-    (*table)[v] = DecodeReference(static_cast<Code>(v), gamma);
+    (*table)[v] = curves::Decode(static_cast<Code>(v), gamma);
   }
   return table;
 }
