@@ -187,6 +187,9 @@ void ProcessAndWaitTasks(const std::vector<TaskPointer>& tasks, bool mayBlock) {
   }
   while (!pending.empty()) {
     const std::shared_ptr<CTask> task = GetTaskToDo(pending);
+    // The last task may have finished since the loop's test: then there is nothing left to wait for.
+    if (!task && pending.empty())
+      return;
     ProcessOrSleep(task, mayBlock);
   }
 }
