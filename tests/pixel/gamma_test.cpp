@@ -192,7 +192,7 @@ std::vector<float> EncoderInputs(GammaValue g, int ulps) {
     for (std::int64_t b = centre - ulps; b <= centre + ulps; ++b)
       inputs.push_back(FromBits(static_cast<std::uint32_t>(b)));
   }
-  for (std::uint32_t b = 0; b <= 0x3F800000u; b += 2039)
+  for (std::uint32_t b = 0; b <= 0x3F800000u; b += 16381)
     inputs.push_back(FromBits(b));
   const float inf = std::numeric_limits<float>::infinity();
   inputs.insert(inputs.end(),
