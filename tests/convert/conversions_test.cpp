@@ -209,8 +209,7 @@ TEST_P(ConversionsFrom, EveryTargetMatchesTheReference) {
       {IT_RGB16, IT_RGBA16, kSRGB, false, false, [](Image& i, auto& o) { ToRGB16(i, kSRGB, o); }},
       {IT_RGB16, IT_RGBA16, kPower, false, false, [](Image& i, auto& o) { ToRGB16(i, kPower, o); }},
       {IT_RGB32f, IT_RGBA32f, gamma::Linear, false, false, [](Image& i, auto& o) { ToRGB32f(i, o); }},
-      {IT_RGBEA, IT_RGBEA, gamma::Linear, false, false, [](Image& i, auto&) { ToRGBEA(i); }},
-  };
+      {IT_RGBEA, IT_RGBEA, gamma::Linear, false, false, [](Image& i, auto&) { ToRGBEA(i); }}};
   const EImageType type = GetParam();
   for (const Source& source : SourcesOf(type)) {
     const Decoded decoded = Decode(source.image);
@@ -300,8 +299,7 @@ TEST(Conversions, RequestsThatDoNotApplyLeaveThePixels) {
       // Values that are not gamma encoded only change their gamma label.
       {IT_RGBEA, relabel, [relabel](Image& i) { Reencode(i, relabel); }},
       {IT_RGBA32f, relabel, [relabel](Image& i) { Reencode(i, relabel); }},
-      {IT_RGEncoded, relabel, [relabel](Image& i) { Reencode(i, relabel); }},
-  };
+      {IT_RGEncoded, relabel, [relabel](Image& i) { Reencode(i, relabel); }}};
   for (const Case& c : cases) {
     Image image = RandomImage(c.type, 3, 2, kPower, 7);
     const ImageImpl* impl = image.GetImpl();
@@ -385,8 +383,7 @@ TEST(Conversions, ToImageTypeUsesTheOutputGamma) {
       {IT_RGBA16, IT_RGB8, true, IT_RGB8},       {IT_RGB8, IT_Grayscale8, false, IT_Grayscale8},
       {IT_RGB8, IT_RGBEA, false, IT_RGBEA},      {IT_RGB32f, IT_RGBA16, false, IT_RGB16},
       {IT_RGBA8, IT_RGBA16, false, IT_RGBA16},   {IT_RGB8, IT_Grayscale16, false, IT_Grayscale16},
-      {IT_RGBA8, IT_RGB32f, false, IT_RGB32f},   {IT_RGB16, IT_Grayscale32f, false, IT_Grayscale32f},
-  };
+      {IT_RGBA8, IT_RGB32f, false, IT_RGB32f},   {IT_RGB16, IT_Grayscale32f, false, IT_Grayscale32f}};
   for (const Case& c : cases) {
     Image image = RandomImage(c.source, 3, 3, kSRGB, 5);
     ToImageType(image, c.target, c.addAlpha);

@@ -25,13 +25,11 @@ struct Planted {
   // the others values away from zero, whose sign the scans treat specially.
   float low, background, high;
 };
-const Planted kPlanted[] = {
-    {IT_Grayscale8, 0.0f, 0.5f, 1.0f},     {IT_Grayscale16, 0.0f, 0.5f, 1.0f},
-    {IT_RGEncoded, 0.0f, 0.5f, 1.0f},      {IT_RGEncodedAlpha, 0.0f, 0.5f, 1.0f},
-    {IT_Grayscale32f, 0.125f, 0.5f, 1.5f}, {IT_RGB8, 0.125f, 0.5f, 0.875f},
-    {IT_RGBA16, 0.125f, 0.5f, 0.875f},     {IT_RGBEA, 0.125f, 0.5f, 1.5f},
-    {IT_RGBA32f, 0.125f, 0.5f, 1.5f},
-};
+const Planted kPlanted[] = {{IT_Grayscale8, 0.0f, 0.5f, 1.0f},     {IT_Grayscale16, 0.0f, 0.5f, 1.0f},
+                            {IT_RGEncoded, 0.0f, 0.5f, 1.0f},      {IT_RGEncodedAlpha, 0.0f, 0.5f, 1.0f},
+                            {IT_Grayscale32f, 0.125f, 0.5f, 1.5f}, {IT_RGB8, 0.125f, 0.5f, 0.875f},
+                            {IT_RGBA16, 0.125f, 0.5f, 0.875f},     {IT_RGBEA, 0.125f, 0.5f, 1.5f},
+                            {IT_RGBA32f, 0.125f, 0.5f, 1.5f}};
 
 void PrintTo(const Planted& p, std::ostream* out) {
   *out << "format " << p.type;

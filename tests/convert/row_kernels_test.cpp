@@ -31,33 +31,31 @@ TEST(ConversionPlan, StrategiesAtTheirThresholds) {
   };
   // 8-bit code tables always pay; 16-bit ones from 65536 converted values (three per colour pixel:
   // 21846 pixels); shared exponents by 8-bit codes from 65536 pixels.
-  const Case cases[] = {
-      {IT_RGB8, IT_RGB16, 0, kTable, false},
-      {IT_RGBA8, IT_RGBA16, 1, kTable, false},
-      {IT_RGB16, IT_RGB8, 21845, kFloats, false},
-      {IT_RGB16, IT_RGB8, 21846, kTable, false},
-      {IT_RGBA16, IT_RGBA16, 21846, kTable, false},
-      {IT_Grayscale16, IT_Grayscale8, 65535, kFloats, false},
-      {IT_Grayscale16, IT_Grayscale8, 65536, kTable, false},
-      {IT_Grayscale16, IT_RGBEA, 65536, kTable, false},
-      {IT_RGEncoded, IT_RGB16, 65535, kFloats, false},
-      {IT_RGEncoded, IT_RGB16, 65536, kTable, false},
-      {IT_RGEncodedAlpha, IT_Grayscale32f, 65536, kTable, false},
-      {IT_RGB8, IT_RGBEA, 65535, kFloats, false},
-      {IT_RGB8, IT_RGBEA, 65536, kShared, false},
-      {IT_RGBA8, IT_RGBEA, 1 << 20, kShared, false},
-      {IT_RGB16, IT_RGBEA, 1 << 20, kFloats, false},
-      // Colour to grey needs all three channels; floats and shared exponents have no codes.
-      {IT_RGB8, IT_Grayscale8, 1 << 20, kFloats, false},
-      {IT_RGB32f, IT_RGB8, 1 << 20, kFloats, false},
-      {IT_RGBEA, IT_RGBA16, 1 << 20, kFloats, false},
-      {IT_RGB8, IT_RGB32f, 1 << 20, kFloats, false},
-      // 8-bit grey copies one of 256 result pixels, made by tables where they serve.
-      {IT_Grayscale8, IT_Grayscale32f, 1, kTable, true},
-      {IT_Grayscale8, IT_RGBEA, 1, kTable, true},
-      {IT_Grayscale8, IT_RGB32f, 1, kFloats, true},
-      {IT_Grayscale8, IT_UNDEFINED, 1, kFloats, false},
-  };
+  const Case cases[] = {{IT_RGB8, IT_RGB16, 0, kTable, false},
+                        {IT_RGBA8, IT_RGBA16, 1, kTable, false},
+                        {IT_RGB16, IT_RGB8, 21845, kFloats, false},
+                        {IT_RGB16, IT_RGB8, 21846, kTable, false},
+                        {IT_RGBA16, IT_RGBA16, 21846, kTable, false},
+                        {IT_Grayscale16, IT_Grayscale8, 65535, kFloats, false},
+                        {IT_Grayscale16, IT_Grayscale8, 65536, kTable, false},
+                        {IT_Grayscale16, IT_RGBEA, 65536, kTable, false},
+                        {IT_RGEncoded, IT_RGB16, 65535, kFloats, false},
+                        {IT_RGEncoded, IT_RGB16, 65536, kTable, false},
+                        {IT_RGEncodedAlpha, IT_Grayscale32f, 65536, kTable, false},
+                        {IT_RGB8, IT_RGBEA, 65535, kFloats, false},
+                        {IT_RGB8, IT_RGBEA, 65536, kShared, false},
+                        {IT_RGBA8, IT_RGBEA, 1 << 20, kShared, false},
+                        {IT_RGB16, IT_RGBEA, 1 << 20, kFloats, false},
+                        // Colour to grey needs all three channels; floats and shared exponents have no codes.
+                        {IT_RGB8, IT_Grayscale8, 1 << 20, kFloats, false},
+                        {IT_RGB32f, IT_RGB8, 1 << 20, kFloats, false},
+                        {IT_RGBEA, IT_RGBA16, 1 << 20, kFloats, false},
+                        {IT_RGB8, IT_RGB32f, 1 << 20, kFloats, false},
+                        // 8-bit grey copies one of 256 result pixels, made by tables where they serve.
+                        {IT_Grayscale8, IT_Grayscale32f, 1, kTable, true},
+                        {IT_Grayscale8, IT_RGBEA, 1, kTable, true},
+                        {IT_Grayscale8, IT_RGB32f, 1, kFloats, true},
+                        {IT_Grayscale8, IT_UNDEFINED, 1, kFloats, false}};
   for (const Case& c : cases) {
     EXPECT_EQ(convert::PlanConversion(c.source, c.target, c.pixels), (ConversionPlan{c.rows, c.resultPixels}))
         << c.source << " to " << c.target << ", " << c.pixels << " pixels";
@@ -76,19 +74,17 @@ TEST(ConversionPlan, StrategiesAtTheirThresholds) {
     std::int64_t count;
     bool reencodeByTable, greyRangeFromCodes;
   };
-  const Threshold thresholds[] = {
-      {IT_RGB8, 1, true, false},
-      {IT_Grayscale8, 0, true, true},
-      {IT_RGB16, 65535, false, false},
-      {IT_RGBA16, 65536, true, false},
-      {IT_Grayscale16, 65535, false, false},
-      {IT_Grayscale16, 65536, true, true},
-      {IT_RGEncoded, 65535, false, false},
-      {IT_RGEncodedAlpha, 65536, false, true},
-      {IT_RGB32f, 1 << 20, false, false},
-      {IT_Grayscale32f, 1 << 20, false, false},
-      {IT_RGBEA, 1 << 20, false, false},
-  };
+  const Threshold thresholds[] = {{IT_RGB8, 1, true, false},
+                                  {IT_Grayscale8, 0, true, true},
+                                  {IT_RGB16, 65535, false, false},
+                                  {IT_RGBA16, 65536, true, false},
+                                  {IT_Grayscale16, 65535, false, false},
+                                  {IT_Grayscale16, 65536, true, true},
+                                  {IT_RGEncoded, 65535, false, false},
+                                  {IT_RGEncodedAlpha, 65536, false, true},
+                                  {IT_RGB32f, 1 << 20, false, false},
+                                  {IT_Grayscale32f, 1 << 20, false, false},
+                                  {IT_RGBEA, 1 << 20, false, false}};
   for (const Threshold& t : thresholds) {
     EXPECT_EQ(convert::ReencodeByTable(t.type, t.count), t.reencodeByTable) << t.type << ", " << t.count;
     EXPECT_EQ(convert::GreyRangeFromCodes(t.type, t.count), t.greyRangeFromCodes)

@@ -9,9 +9,7 @@
 #include <atomic>
 #include <cmath>
 #include <memory>
-#include <random>
 #include <type_traits>
-#include <vector>
 
 #include "filter/resample_adapters.h"
 #include "filter/resample_engine.h"
@@ -136,12 +134,11 @@ struct Format {
   GammaValue gamma;
 };
 const Format kFormats[] = {
-    {IT_RGB8, gamma::sRGB},        {IT_RGB8, GammaValue(2.2f)},        {IT_Grayscale8, gamma::sRGB},
-    {IT_RGBA8, gamma::sRGB},       {IT_RGBA8, GammaValue(1.8f)},       {IT_RGBEA, gamma::Linear},
-    {IT_RGB16, GammaValue(1.8f)},  {IT_RGBA16, gamma::sRGB},           {IT_Grayscale16, gamma::Linear},
-    {IT_RGB32f, gamma::Linear},    {IT_RGBA32f, gamma::Linear},        {IT_Grayscale32f, gamma::Linear},
-    {IT_RGEncoded, gamma::Linear}, {IT_RGEncodedAlpha, gamma::Linear},
-};
+    {IT_RGB8, gamma::sRGB},        {IT_RGB8, GammaValue(2.2f)},       {IT_Grayscale8, gamma::sRGB},
+    {IT_RGBA8, gamma::sRGB},       {IT_RGBA8, GammaValue(1.8f)},      {IT_RGBEA, gamma::Linear},
+    {IT_RGB16, GammaValue(1.8f)},  {IT_RGBA16, gamma::sRGB},          {IT_Grayscale16, gamma::Linear},
+    {IT_RGB32f, gamma::Linear},    {IT_RGBA32f, gamma::Linear},       {IT_Grayscale32f, gamma::Linear},
+    {IT_RGEncoded, gamma::Linear}, {IT_RGEncodedAlpha, gamma::Linear}};
 
 // The engine on the runtime adapters, which read and write through the cursors with a switch per pixel.
 template <class Pixel>
@@ -172,8 +169,7 @@ TEST(Resample, EveryFormatGivesWhatTheCursorsGive) {
       {1, 1, 3, 2, false, false},    {5, 3, 2, 2, false, false},      {7, 1, 3, 1, false, true},
       {3, 5, 7, 9, false, false},    {9, 4, 4, 4, true, false},       {3, 2, 11, 5, true, true},
       {6, 9, 10, 4, true, false},    {150, 20, 131, 9, false, false}, {40, 10, 133, 30, true, false},
-      {61, 47, 23, 19, false, true}, {23, 19, 61, 47, true, true},
-  };
+      {61, 47, 23, 19, false, true}, {23, 19, 61, 47, true, true}};
   unsigned seed = 1;
   for (const Format& format : kFormats) {
     for (const Case& c : cases) {
@@ -342,40 +338,6 @@ TEST(Resample, AnInterruptedResamplingLeavesTheImageAsItWas) {
       EXPECT_EQ(PlaneBytes(image), before);
     }
   }
-}
-
-// Row writes of the typed adapters (several channels encoded at a time for 8-bit colour) store what
-// pixel writes through the cursors store, over runs longer than one piece.
-template <EImageType T, class Pixel, template <EImageType> class Typed>
-void CheckRowWrites(GammaValue gamma) {
-  SCOPED_TRACE(::testing::Message() << "format " << int(T) << " gamma " << gamma.Value());
-  std::mt19937 random(21);
-  std::uniform_real_distribution<float> value(-0.1f, 1.2f);
-  std::vector<Pixel> row(150);
-  for (Pixel& c : row) {
-    c.r = value(random);
-    c.g = value(random);
-    c.b = value(random);
-    if constexpr (std::is_same_v<Pixel, LinearRGBA_T<float>>)
-      c.a = value(random);
-  }
-  Image rowWise = RandomImage(T, 157, 2, gamma, 22);
-  const std::unique_ptr<Image> pixelWise(rowWise.DeepCopy());
-  Typed<T>(rowWise).setRow({5, 1}, row.data(), row.size());
-  const ResamplingHelpers::ImageAdapter<Pixel> cursors(*pixelWise);
-  for (unsigned long i = 0; i < row.size(); ++i)
-    cursors.set({5 + i, 1}, row[i]);
-  EXPECT_EQ(PlaneBytes(rowWise), PlaneBytes(*pixelWise));
-}
-
-TEST(Resample, RowWritesMatchPixelWrites) {
-  CheckRowWrites<IT_RGB8, LinearRGB_T<float>, ResamplingHelpers::TypedRgb>(gamma::sRGB);
-  CheckRowWrites<IT_RGB8, LinearRGB_T<float>, ResamplingHelpers::TypedRgb>(GammaValue(2.2f));
-  CheckRowWrites<IT_RGBA8, LinearRGBA_T<float>, ResamplingHelpers::TypedRgba>(gamma::sRGB);
-  CheckRowWrites<IT_RGBA8, LinearRGBA_T<float>, ResamplingHelpers::TypedRgba>(GammaValue(1.8f));
-  // Colour-only writes leave the alpha of a format with alpha alone.
-  CheckRowWrites<IT_RGBA8, LinearRGB_T<float>, ResamplingHelpers::TypedRgb>(gamma::sRGB);
-  CheckRowWrites<IT_RGBA16, LinearRGBA_T<float>, ResamplingHelpers::TypedRgba>(gamma::sRGB);
 }
 
 TEST(Resample, BorderAddressing) {

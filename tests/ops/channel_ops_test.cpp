@@ -258,12 +258,10 @@ TEST(RegionOps, CropAndReframeKeepThePixelsInTheFrame) {
     unsigned long sizeX, sizeY;
     int left, top, keptWidth, keptHeight;  // kept width -1: nothing done
   };
-  const Crop crops[] = {
-      {25, 25, 10, 10, 20, 20, 10, 10, 15, 15}, {25, 25, -5, -5, 100, 100, 0, 0, -1, -1},
-      {25, 25, 0, 0, 25, 25, 0, 0, -1, -1},     {25, 25, -3, 4, 10, 100, 0, 4, 7, 21},
-      {25, 25, 30, 2, 5, 5, 24, 2, 1, 5},       {25, 25, 5, 5, 0, 3, 5, 5, 0, 3},
-      {7, 5, -10, 1, 4, 2, 0, 1, 0, 2},         {25, 25, 0, 0, kKeep, 10, 0, 0, 25, 10},
-  };
+  const Crop crops[] = {{25, 25, 10, 10, 20, 20, 10, 10, 15, 15}, {25, 25, -5, -5, 100, 100, 0, 0, -1, -1},
+                        {25, 25, 0, 0, 25, 25, 0, 0, -1, -1},     {25, 25, -3, 4, 10, 100, 0, 4, 7, 21},
+                        {25, 25, 30, 2, 5, 5, 24, 2, 1, 5},       {25, 25, 5, 5, 0, 3, 5, 5, 0, 3},
+                        {7, 5, -10, 1, 4, 2, 0, 1, 0, 2},         {25, 25, 0, 0, kKeep, 10, 0, 0, 25, 10}};
   for (const Crop& c : crops) {
     SCOPED_TRACE(::testing::Message() << "crop at " << c.x << ", " << c.y);
     Image image = Random(IT_RGBA16, c.width, c.height, 9);
@@ -348,8 +346,7 @@ TEST(RegionOps, DrawLineStepsByBresenhamWithAColourRamp) {
       {3, 3, 3, 3, {{3, 3}}},
       {4, 0, 1, 8, {{4, 0}, {4, 1}, {3, 2}, {3, 3}, {3, 4}, {2, 5}, {2, 6}, {1, 7}, {1, 8}}},
       {0, 8, 6, 5, {{0, 8}, {1, 8}, {2, 7}, {3, 7}, {4, 6}, {5, 6}, {6, 5}}},
-      {30, 2, 40, 5, {{6, 2}, {6, 3}, {6, 4}, {6, 5}}},
-  };
+      {30, 2, 40, 5, {{6, 2}, {6, 3}, {6, 4}, {6, 5}}}};
   for (const Line& line : lines) {
     SCOPED_TRACE(::testing::Message() << "line from " << line.fromX << ", " << line.fromY);
     Image image = Random(IT_RGB32f, 7, 9, 17);

@@ -150,8 +150,7 @@ TEST(PixelAccessRead, ChannelsComeFromTheirBytePositions) {
       {IT_Grayscale32f, FloatBytes({-2.5f}), {-2.5f, -2.5f, -2.5f, 1.0f}},
       {IT_RGEncoded, {7, 0x34, 0x12}, {rg, rg, rg, 1.0f}},
       {IT_RGEncodedAlpha, {7, 0x34, 0x12, 0}, {rg, rg, rg, 1.0f}},
-      {IT_RGBEA, {200, 100, 50, 129, 51}, {RGBECLR(200, 100, 50, 129).ToFloat(), 51 * kInv255}},
-  };
+      {IT_RGBEA, {200, 100, 50, 129, 51}, {RGBECLR(200, 100, 50, 129).ToFloat(), 51 * kInv255}}};
   for (GammaValue gamma : {gamma::sRGB, GammaValue(2.2f), gamma::Linear}) {
     for (const auto& c : cases) {
       SCOPED_TRACE(testing::Message() << "type " << int(c.type) << " gamma " << gamma.Value());
@@ -230,8 +229,7 @@ TEST(PixelAccessWrite, StoredBytesAfterOneWrite) {
       // Shared exponent: colour bytes from RGBECLR; colour and grey writes make the pixel opaque.
       {IT_RGBEA, kNoGamma, kRGBA, {3, 0.5f, 0.125f}, 0.5f, {1, 2, 3, 4, 0}, rgbe({3, 0.5f, 0.125f}, 128)},
       {IT_RGBEA, kSRGB, kAlpha, {}, 0, {1, 2, 3, 4, 99}, {1, 2, 3, 4, 0}},
-      {IT_RGBEA, kSRGB, kGrey, {}, 0.25f, {1, 2, 3, 4, 0}, rgbe({0.25f, 0.25f, 0.25f}, 255)},
-  };
+      {IT_RGBEA, kSRGB, kGrey, {}, 0.25f, {1, 2, 3, 4, 0}, rgbe({0.25f, 0.25f, 0.25f}, 255)}};
   for (const auto& c : cases) {
     PixelPlane plane = PlaneWithPixel(c.type, c.gamma.value_or(gamma::sRGB), c.before);
     if (c.gamma) {
