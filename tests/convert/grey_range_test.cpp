@@ -109,8 +109,7 @@ TEST_P(GreyRangeOf, WholeImagesFindTheExtremesAtTheEdgesOfEveryBlock) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(PlantedExtremes, GreyRangeOf, ::testing::ValuesIn(kPlanted),
-                         [](const auto& info) { return "Format" + std::to_string(info.param.type); });
+INSTANTIATE_TEST_SUITE_P(PlantedExtremes, GreyRangeOf, ::testing::ValuesIn(kPlanted));
 
 // A single pass keeps the last of equal minima and the first of equal maxima, so the sign of a zero
 // extreme depends on the order: within a row (lanes) and across the row bands scanned in parallel (64

@@ -167,7 +167,7 @@ TEST_P(RowKernelsFrom, ReencodersAndGreyScansGiveTheSameResultsWhateverTheirStra
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryFormat, RowKernelsFrom, ::testing::ValuesIn(kAllFormats), FormatName());
+INSTANTIATE_TEST_SUITE_P(EveryFormat, RowKernelsFrom, ::testing::ValuesIn(kAllFormats));
 
 }  // namespace
 }  // namespace imagery

@@ -10,24 +10,20 @@
 #include <vector>
 
 #include "imagery/pixel_access.h"
+#include "support/random_image.h"
 
 namespace imagery {
 namespace {
+
+using testing_support::kAllFormats;
+using testing_support::SameBits;
 
 using ByteVec = std::vector<unsigned char>;
 using RGB = LinearRGB_T<float>;
 using RGBA = LinearRGBA_T<float>;
 
-constexpr EImageType kFormats[] = {IT_RGB8,    IT_Grayscale8,   IT_RGBA8,       IT_RGBEA,
-                                   IT_RGB16,   IT_RGBA16,       IT_Grayscale16, IT_RGB32f,
-                                   IT_RGBA32f, IT_Grayscale32f, IT_RGEncoded,   IT_RGEncodedAlpha};
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInf = std::numeric_limits<float>::infinity();
-
-template <class T>
-bool SameBits(const T& a, const T& b) {
-  return std::memcmp(&a, &b, sizeof(T)) == 0;
-}
 
 // Everything a cursor reads at its pixel. Every result starts at -9, so a read that leaves it shows.
 struct Reading {
@@ -291,7 +287,7 @@ TEST(PixelAccessWrite, EveryWriteStaysInsideItsPixel) {
 // curves are two formulations of one conversion.
 TEST(PixelAccessWrite, NoGammaActsAsALinearPlane) {
   std::mt19937 random(7);
-  for (EImageType type : kFormats) {
+  for (EImageType type : kAllFormats) {
     SCOPED_TRACE(testing::Message() << "type " << int(type));
     ExpectSameCursors<ConstPixelAccess, ConstPixelAccessNoGamma, PixelAccess, PixelAccessNoGamma>(
         type, gamma::Linear, random);

@@ -13,7 +13,6 @@
 #include <memory>
 #include <ostream>
 #include <random>
-#include <string>
 #include <vector>
 
 #include "imagery/image.h"
@@ -31,18 +30,10 @@ namespace imagery::testing_support {
 
 using Bytes = std::vector<unsigned char>;
 
-// Every format, in enumeration order.
+// Every format, in enumeration order (so a format's index is its value).
 inline constexpr EImageType kAllFormats[] = {IT_RGB8,    IT_Grayscale8,   IT_RGBA8,       IT_RGBEA,
                                              IT_RGB16,   IT_RGBA16,       IT_Grayscale16, IT_RGB32f,
                                              IT_RGBA32f, IT_Grayscale32f, IT_RGEncoded,   IT_RGEncodedAlpha};
-
-// Test names of parameters that are formats.
-struct FormatName {
-  template <class Info>
-  std::string operator()(const Info& info) const {
-    return "Format" + std::to_string(static_cast<int>(info.param));
-  }
-};
 
 // An image whose pixels hold random stored bytes (the row padding stays as the image came). Float
 // formats get values in [-0.25, 1.75]; with `extremes`, one in six is instead a zero of either sign, an
@@ -139,8 +130,9 @@ inline void ReferenceGreyRange(const Image& image, float& min, float& max) {
   ReferenceGreyRange(image, rows, min, max);
 }
 
-inline bool SameBits(float a, float b) {
-  return std::memcmp(&a, &b, sizeof a) == 0;
+template <class T>
+bool SameBits(const T& a, const T& b) {
+  return std::memcmp(&a, &b, sizeof(T)) == 0;
 }
 
 }  // namespace imagery::testing_support
