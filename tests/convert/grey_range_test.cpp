@@ -72,8 +72,10 @@ class GreyRangeOf : public ::testing::TestWithParam<Planted> {};
 
 // The row scans of GetGreyScale, made at both processor levels for few pixels and for many (16-bit grey
 // codes are scanned by their codes from 65536 pixels on, 8-bit ones always), on rows of every length up
-// to 40 and either side of the 128-pixel chunks.
-TEST_P(GreyRangeOf, RowScansFindTheExtremesAtEveryPosition) {
+// to 40 and either side of the 128-pixel chunks; then GetGreyScale itself on whole images scanned pixel
+// by pixel and by codes, at the edges of the blocks of eight and sixteen and of the row (each whole
+// scan costs a wait for the pool, so fewer positions).
+TEST_P(GreyRangeOf, ExtremesAreFoundAtEveryPosition) {
   const Planted p = GetParam();
   std::vector<int> lengths(40);
   std::iota(lengths.begin(), lengths.end(), 1);
@@ -95,13 +97,6 @@ TEST_P(GreyRangeOf, RowScansFindTheExtremesAtEveryPosition) {
       }
     }
   }
-}
-
-// The same through GetGreyScale on whole images (each scan costs a wait for the pool, so fewer
-// positions): the edges of the blocks of eight and sixteen and of the row, on an image scanned pixel by
-// pixel and on one large enough for codes.
-TEST_P(GreyRangeOf, WholeImagesFindTheExtremesAtTheEdgesOfEveryBlock) {
-  const Planted p = GetParam();
   for (const int height : {2, 1639}) {
     Image image = Background(p, 40, height);
     ExpectEveryPosition(p, image, height / 2, height - 1, {0, height / 2, height - 1}, {0, 7, 8, 15, 16, 39},
