@@ -32,7 +32,7 @@ const Planted kPlanted[] = {{IT_Grayscale8, 0.0f, 0.5f, 1.0f},     {IT_Grayscale
                             {IT_RGBA32f, 0.125f, 0.5f, 1.5f}};
 
 void PrintTo(const Planted& p, std::ostream* out) {
-  *out << "format " << p.type;
+  *out << "format " << static_cast<int>(p.type);
 }
 
 void Set(Image& image, int x, int y, float v) {

@@ -46,7 +46,8 @@ void ResampleAndCompareOnOneThread(Image& image, int width, int height, const Re
   }
 }
 
-// Hand-worked values: box means at integer factors, partial weights, bilinear samples at a factor of 2.
+// Hand-worked values: box means at integer factors, partial weights, bilinear samples at a factor of 2
+// between margins.
 TEST(Resample, TextbookCases) {
   // 300 x 40 to 150 x 20 (rows on the pool, longer than the pieces the engine writes at once): means of
   // 2 x 2 blocks, each weight 1, summed row by row.
@@ -62,19 +63,38 @@ TEST(Resample, TextbookCases) {
         ASSERT_EQ(mean[i], (((a[i] + b[i]) + c[i]) + d[i]) / 4.0f) << x << ", " << y;
     }
   }
-  // 3 x 1 to 2 x 1: weights 1 and 0.5, then 0.5 and 1.
-  Image row = RandomImage(IT_RGBA32f, 3, 1, gamma::Linear, 8);
-  const Channels4 p0 = At(row, 0, 0), p1 = At(row, 1, 0), p2 = At(row, 2, 0);
-  Resample(row, 2, 1, ResampleOpts());
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(At(row, 0, 0)[i], (p0[i] + 0.5f * p1[i]) / 1.5f);
-    EXPECT_EQ(At(row, 1, 0)[i], (0.5f * p1[i] + p2[i]) / 1.5f);
+  // 3 x 3 to 2 x 2: on each axis the first pixel covers source pixels 0 and 1 with parts 1 and 0.5, the
+  // second pixels 1 and 2 with parts 0.5 and 1; weights are column part x row part, summed row by row.
+  Image nine = RandomImage(IT_RGBA32f, 3, 3, gamma::Linear, 8);
+  const std::unique_ptr<Image> source9(nine.DeepCopy());
+  Resample(nine, 2, 2, ResampleOpts());
+  const struct {
+    int first;
+    float parts[2];
+  } cover[] = {{0, {1.0f, 0.5f}}, {1, {0.5f, 1.0f}}};
+  for (int y = 0; y < 2; ++y) {
+    for (int x = 0; x < 2; ++x) {
+      Channels4 sum{};
+      float total = 0.0f;
+      for (int j = 0; j < 2; ++j) {
+        for (int i = 0; i < 2; ++i) {
+          const float w = cover[x].parts[i] * cover[y].parts[j];
+          const Channels4 c = At(*source9, cover[x].first + i, cover[y].first + j);
+          for (int k = 0; k < 4; ++k)
+            sum[k] += w * c[k];
+          total += w;
+        }
+      }
+      for (int k = 0; k < 4; ++k)
+        EXPECT_EQ(At(nine, x, y)[k], sum[k] / total) << x << ", " << y;
+    }
   }
-  // 150 x 20 to 300 x 40: pixel x samples u = (x + 0.5) / 2 - 0.5, a quarter or three quarters past a
+  // 150 x 20 to 340 x 40 keeping the aspect ratio: both scales 0.5, content 300 x 40 between margins of
+  // 20 columns. Content pixel x samples u = (x - 20 + 0.5) / 2 - 0.5, a quarter or three quarters past a
   // source centre, between the pixels floor(u) and floor(u) + 1 clamped to the image.
   Image small = RandomImage(IT_RGBA32f, 150, 20, gamma::Linear, 9);
   const std::unique_ptr<Image> source(small.DeepCopy());
-  ResampleAndCompareOnOneThread(small, 300, 40, ResampleOpts());
+  ResampleAndCompareOnOneThread(small, 340, 40, Options(true));
   struct Axis {
     int first, second;
     float fraction;
@@ -86,11 +106,15 @@ TEST(Resample, TextbookCases) {
   };
   for (int y = 0; y < 40; ++y) {
     const Axis v = axis(y, 20);
-    for (int x = 0; x < 300; ++x) {
-      const Axis u = axis(x, 150);
+    for (int x = 0; x < 340; ++x) {
+      const Channels4 sample = At(small, x, y);
+      if (x < 20 || x >= 320) {
+        ASSERT_EQ(sample, (Channels4{0.0f, 0.0f, 0.0f, 1.0f})) << x << ", " << y;
+        continue;
+      }
+      const Axis u = axis(x - 20, 150);
       const Channels4 c00 = At(*source, u.first, v.first), c10 = At(*source, u.second, v.first);
       const Channels4 c01 = At(*source, u.first, v.second), c11 = At(*source, u.second, v.second);
-      const Channels4 sample = At(small, x, y);
       for (int i = 0; i < 4; ++i) {
         const float top = (1.0f - u.fraction) * c00[i] + u.fraction * c10[i];
         const float bottom = (1.0f - u.fraction) * c01[i] + u.fraction * c11[i];
