@@ -23,7 +23,7 @@ const AutoScaleGrayScale kScale(true), kNoScale(false);
 const InvertGrayRange kInvert(true), kKeep(false);
 const GammaValue kSRGB = gamma::sRGB, kPower(2.2f);
 
-// Rounding of the conversions: clamp, then to nearest with halves up. NaN gives 0.
+// Rounding of the conversions: clamp, add 0.49999997 and truncate. NaN gives 0.
 unsigned RoundCode(float scaled, float max) {
   if (!(scaled > 0.0f))
     return 0;
