@@ -120,8 +120,8 @@ void ExpectRowsMatchFromFloat(const std::vector<float>& r, const std::vector<flo
         expected.FromFloat({r[first + i], g[first + i], b[first + i]});
         const unsigned char* p = &out[i * kStep];
         ASSERT_TRUE(RGBECLR(p[0], p[1], p[2], p[3]) == expected && p[4] == 0xA5)
-            << what << ", kernel " << cpu::Name(kernel) << ", colour " << first + i << ": "
-            << r[first + i] << ", " << g[first + i] << ", " << b[first + i];
+            << what << ", kernel " << cpu::Name(kernel) << ", colour " << first + i << ": " << r[first + i]
+            << ", " << g[first + i] << ", " << b[first + i];
       }
     }
   }

@@ -75,27 +75,25 @@ TEST(ColourStream, EveryChunkFormIsReadOrRejectedAndSkippedWhole) {
     Fill fill;
     Linear linear;
     HLS hls;
-  } cases[] = {
-      {0x11F, floats, linear, hls},
-      {0x110, floats, linear, {}},
-      {0x111, Values(0.25, 0.5, 0.75), linear, hls},
-      {0x112, Values<short, short, short>(255, 32767, -51),
-       LinearRGB_T<float>(255 * kInv255, 32767 * kInv255, -51 * kInv255),
-       HLSCLR(255 * 1.5259022e-05f, 32767 * 3.051851e-05f, -51 * 3.051851e-05f)},
-      {8, bytes, LinearRGB_T<float>(0.0f, 51 * kInv255, 255 * kInv255), {}},
-      // Unknown ids.
-      {0x113, floats, {}, {}},
-      {0x11E, floats, {}, {}},
-      {0x120, floats, {}, {}},
-      {9, bytes, {}, {}},
-      // Known ids with malformed contents: two values, a wrong tag, doubles where floats belong, nothing,
-      // too few bytes.
-      {0x11F, Values(0.25f, 0.5f), {}, {}},
-      {0x11F, Values(0.25f, 7, 0.75f), {}, {}},
-      {0x11F, Values(0.25, 0.5, 0.75), {}, {}},
-      {0x11F, Values(), {}, {}},
-      {8, [](ZELStream& s) { s.Write("\x01\x02", 2); }, {}, {}},
-  };
+  } cases[] = {{0x11F, floats, linear, hls},
+               {0x110, floats, linear, {}},
+               {0x111, Values(0.25, 0.5, 0.75), linear, hls},
+               {0x112, Values<short, short, short>(255, 32767, -51),
+                LinearRGB_T<float>(255 * kInv255, 32767 * kInv255, -51 * kInv255),
+                HLSCLR(255 * 1.5259022e-05f, 32767 * 3.051851e-05f, -51 * 3.051851e-05f)},
+               {8, bytes, LinearRGB_T<float>(0.0f, 51 * kInv255, 255 * kInv255), {}},
+               // Unknown ids.
+               {0x113, floats, {}, {}},
+               {0x11E, floats, {}, {}},
+               {0x120, floats, {}, {}},
+               {9, bytes, {}, {}},
+               // Known ids with malformed contents: two values, a wrong tag, doubles where floats belong,
+               // nothing, too few bytes.
+               {0x11F, Values(0.25f, 0.5f), {}, {}},
+               {0x11F, Values(0.25f, 7, 0.75f), {}, {}},
+               {0x11F, Values(0.25, 0.5, 0.75), {}, {}},
+               {0x11F, Values(), {}, {}},
+               {8, [](ZELStream& s) { s.Write("\x01\x02", 2); }, {}, {}}};
   for (ZELByteOrder order : {ZELByteOrder::LittleEndian, ZELByteOrder::BigEndian}) {
     for (const auto& c : cases) {
       SCOPED_TRACE(testing::Message() << "chunk " << c.id << " row " << (&c - cases));

@@ -1,10 +1,10 @@
+// The row loop of whole-image operations and the row-band tasks: which rows run, where, and in what order
+// results are folded.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <mutex>
-#include <numeric>
 #include <set>
 #include <thread>
 #include <vector>
@@ -55,36 +55,6 @@ TEST(ProcessPixels, RowRanges) {
   Visits none;
   ProcessPixelsT<ConstRawAccess, RawAccess>(empty, empty, none.Recorder(), InParallel(true), 0, -1);
   EXPECT_TRUE(none.rows.empty());
-}
-
-TEST(ProcessPixels, ParallelRowsRunOnceEachAndWriteTheDestination) {
-  Image source(37, 301, IT_RGB16, gamma::Linear);
-  for (int y = 0; y < 301; ++y)
-    source.SetPixelGrayscale(5, y, static_cast<float>(y) / 300.0f, ATO_None);
-  Image destination(37, 301, IT_RGB16, gamma::Linear);
-  Visits visits;
-  const std::function<void(ConstPixelAccess&, PixelAccess&, int)> copyRow =
-      [&visits](ConstPixelAccess& src, PixelAccess& dst, int y) {
-        {
-          std::lock_guard<std::mutex> lock(visits.mutex);
-          visits.rows.push_back(y);
-        }
-        src.MoveTo(0, y);
-        dst.MoveTo(0, y);
-        for (int x = 0; x < 37; ++x, src.Next(), dst.Next()) {
-          LinearRGB_T<float> c;
-          src.GetPixelRGB(c);
-          dst.SetPixelRGB(c);
-        }
-      };
-  ProcessPixelsT<ConstPixelAccess, PixelAccess>(destination, source, copyRow, InParallel(true), 0, -1);
-  std::sort(visits.rows.begin(), visits.rows.end());
-  std::vector<int> all(301);
-  std::iota(all.begin(), all.end(), 0);
-  EXPECT_EQ(visits.rows, all);
-  const PixelPlane& a = source.GetImplRef().Plane();
-  const PixelPlane& b = destination.GetImplRef().Plane();
-  EXPECT_EQ(std::memcmp(a.Data(), b.Data(), static_cast<std::size_t>(a.ByteSize())), 0);
 }
 
 TEST(PixelTasks, BandsCoverEveryRowOnce) {

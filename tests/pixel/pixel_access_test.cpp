@@ -10,24 +10,20 @@
 #include <vector>
 
 #include "imagery/pixel_access.h"
+#include "support/random_image.h"
 
 namespace imagery {
 namespace {
+
+using testing_support::kAllFormats;
+using testing_support::SameBits;
 
 using ByteVec = std::vector<unsigned char>;
 using RGB = LinearRGB_T<float>;
 using RGBA = LinearRGBA_T<float>;
 
-constexpr EImageType kFormats[] = {IT_RGB8,    IT_Grayscale8,   IT_RGBA8,       IT_RGBEA,
-                                   IT_RGB16,   IT_RGBA16,       IT_Grayscale16, IT_RGB32f,
-                                   IT_RGBA32f, IT_Grayscale32f, IT_RGEncoded,   IT_RGEncodedAlpha};
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInf = std::numeric_limits<float>::infinity();
-
-template <class T>
-bool SameBits(const T& a, const T& b) {
-  return std::memcmp(&a, &b, sizeof(T)) == 0;
-}
 
 // Everything a cursor reads at its pixel. Every result starts at -9, so a read that leaves it shows.
 struct Reading {
@@ -150,8 +146,7 @@ TEST(PixelAccessRead, ChannelsComeFromTheirBytePositions) {
       {IT_Grayscale32f, FloatBytes({-2.5f}), {-2.5f, -2.5f, -2.5f, 1.0f}},
       {IT_RGEncoded, {7, 0x34, 0x12}, {rg, rg, rg, 1.0f}},
       {IT_RGEncodedAlpha, {7, 0x34, 0x12, 0}, {rg, rg, rg, 1.0f}},
-      {IT_RGBEA, {200, 100, 50, 129, 51}, {RGBECLR(200, 100, 50, 129).ToFloat(), 51 * kInv255}},
-  };
+      {IT_RGBEA, {200, 100, 50, 129, 51}, {RGBECLR(200, 100, 50, 129).ToFloat(), 51 * kInv255}}};
   for (GammaValue gamma : {gamma::sRGB, GammaValue(2.2f), gamma::Linear}) {
     for (const auto& c : cases) {
       SCOPED_TRACE(testing::Message() << "type " << int(c.type) << " gamma " << gamma.Value());
@@ -230,8 +225,7 @@ TEST(PixelAccessWrite, StoredBytesAfterOneWrite) {
       // Shared exponent: colour bytes from RGBECLR; colour and grey writes make the pixel opaque.
       {IT_RGBEA, kNoGamma, kRGBA, {3, 0.5f, 0.125f}, 0.5f, {1, 2, 3, 4, 0}, rgbe({3, 0.5f, 0.125f}, 128)},
       {IT_RGBEA, kSRGB, kAlpha, {}, 0, {1, 2, 3, 4, 99}, {1, 2, 3, 4, 0}},
-      {IT_RGBEA, kSRGB, kGrey, {}, 0.25f, {1, 2, 3, 4, 0}, rgbe({0.25f, 0.25f, 0.25f}, 255)},
-  };
+      {IT_RGBEA, kSRGB, kGrey, {}, 0.25f, {1, 2, 3, 4, 0}, rgbe({0.25f, 0.25f, 0.25f}, 255)}};
   for (const auto& c : cases) {
     PixelPlane plane = PlaneWithPixel(c.type, c.gamma.value_or(gamma::sRGB), c.before);
     if (c.gamma) {
@@ -293,7 +287,7 @@ TEST(PixelAccessWrite, EveryWriteStaysInsideItsPixel) {
 // curves are two formulations of one conversion.
 TEST(PixelAccessWrite, NoGammaActsAsALinearPlane) {
   std::mt19937 random(7);
-  for (EImageType type : kFormats) {
+  for (EImageType type : kAllFormats) {
     SCOPED_TRACE(testing::Message() << "type " << int(type));
     ExpectSameCursors<ConstPixelAccess, ConstPixelAccessNoGamma, PixelAccess, PixelAccessNoGamma>(
         type, gamma::Linear, random);
