@@ -146,14 +146,17 @@ TEST(ImageList, HandlesCopiedAndDroppedConcurrently) {
 // The tests' picture files: a text line "width height grey alpha"; the reader makes an image of the
 // requested format filled with that grey and alpha.
 std::atomic<int> g_reads{0};
+ReadOptions g_lastOptions;
 
-zel::ErrorCode ReadTestPicture(Image* image, const ZELPath& path, EImageType type, int*, const ReadOptions&) {
+zel::ErrorCode ReadTestPicture(Image* image, const ZELPath& path, EImageType type, int*,
+                               const ReadOptions& options) {
   std::ifstream in(path.local_string());
   int width = 0, height = 0;
   float grey = 0, alpha = 1;
   if (!(in >> width >> height >> grey >> alpha) || width < 1 || height < 1)
     return zel::ErrorCode::Io("not a test picture");
   g_reads++;
+  g_lastOptions = options;
   std::unique_ptr<Image> loaded(ImageFactory::GetInstance().Build(
       width, height, type > IT_RGEncodedAlpha ? IT_RGBA8 : type, gamma::Linear));
   for (int y = 0; y < height; ++y)
@@ -222,6 +225,7 @@ TEST_F(ImageListFiles, UpdateReloadsFilesChangedOnDiskAndHandlesFollow) {
   const int reads = g_reads.load();
   EXPECT_TRUE(list_.Update(image.GetImpl(), Force(true)));
   EXPECT_EQ(g_reads.load(), reads + 1);
+  EXPECT_TRUE(g_lastOptions.isReload && g_lastOptions.bypassReaderCache);
   image.UpdateImage();
   Write("rock.txt", "broken");
   EXPECT_FALSE(list_.Update(image.GetImpl(), Force(true)));

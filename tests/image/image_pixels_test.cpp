@@ -71,6 +71,14 @@ TEST(ImagePixels, ValueTransformationsApplyToReadsOnly) {
   EXPECT_EQ(alpha, 0.125f);
   image.GetPixelAlpha(1, 1, alpha, ATO_Inversions);
   EXPECT_EQ(alpha, 0.875f);
+  // The linear-chain colour accessors map positions and carry alpha the same way.
+  image.MirrorX();
+  image.SetPixelRGBANoGammaConversion(0, 0, RGBA(0.5f, 0.25f, 1, 0.75f), ATO_Geometry);
+  image.GetPixelRGBANoGammaConversion(1, 0, c, ATO_None);
+  EXPECT_EQ(c, RGBA(0.5f, 0.25f, 1, 0.75f));
+  RGB rgb;
+  image.GetPixelRGBNoGammaConversion(0, 0, rgb, ATO_Geometry);
+  EXPECT_EQ(rgb, RGB(0.5f, 0.25f, 1));
   // Formats without alpha read as opaque.
   for (const EImageType type : {IT_RGB8, IT_RGEncodedAlpha, IT_Grayscale16, IT_RGB32f}) {
     Image opaque(3, 3, type, gamma::sRGB);
