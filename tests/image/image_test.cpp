@@ -67,22 +67,6 @@ TEST(Image, CopiesShareTheImplementationAndCompareByTransformationsAndAttributes
   EXPECT_TRUE(ImageFactory::Equals(copy, copy));
 }
 
-TEST(Image, SizesOfLevelsAndTheDefaultGamma) {
-  Image image(10, 3, IT_RGBA8, gamma::sRGB);
-  EXPECT_EQ(image.Width(3), 1);
-  EXPECT_EQ(image.Height(1), 1);
-  EXPECT_EQ(image.Width(40), 1);
-
-  GammaSettings& settings = GetCurrentGammaSettings();
-  const GammaSettings saved = settings;
-  settings.SetOutputGamma(GammaValue(1.8f));
-  EXPECT_EQ(Image(2, 2, IT_RGB16).GetGamma(), GammaValue(1.8f));
-  EXPECT_EQ(Image(2, 2, IT_RGB32f).GetGamma(), gamma::Linear);
-  std::unique_ptr<Image> built(ImageFactory::GetInstance().Build(2, 2, IT_Grayscale8));
-  EXPECT_EQ(built->GetGamma(), GammaValue(1.8f));
-  settings = saved;
-}
-
 TEST(Image, CopyOnWriteKeepsOtherHandlesOnTheOldPixels) {
   Image image(10, 5, IT_RGB8, gamma::sRGB);
   FillBytes(image, 1);
@@ -170,10 +154,15 @@ TEST(Image, DeepCopiesHaveTheirOwnPixelsAndAreWorkCopies) {
   EXPECT_TRUE(copy->Title().IsEmpty());
 }
 
-TEST(Image, DummiesAreMarkedInTheAttributesAndLogged) {
+TEST(Image, NewImagesTakeTheCurrentGammasAndDummiesAreMarkedInTheAttributesAndLogged) {
   GammaSettings& settings = GetCurrentGammaSettings();
   const GammaSettings saved = settings;
   settings.SetInputGamma(GammaValue(2.0f));
+  settings.SetOutputGamma(GammaValue(1.8f));
+  EXPECT_EQ(Image(2, 2, IT_RGB16).GetGamma(), GammaValue(1.8f));
+  EXPECT_EQ(Image(2, 2, IT_RGB32f).GetGamma(), gamma::Linear);
+  EXPECT_EQ(std::unique_ptr<Image>(ImageFactory::GetInstance().Build(2, 2, IT_Grayscale8))->GetGamma(),
+            GammaValue(1.8f));
   std::unique_ptr<Image> dummy;
   {
     LogCapture capture(L"image", L"WARN");
