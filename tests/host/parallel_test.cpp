@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <set>
@@ -21,6 +20,7 @@
 namespace {
 
 using tools::multiproc::ParallelContext;
+using Visits = std::vector<std::atomic<int>>;
 
 // Runs the loop on a fresh progress and answers the progress reached.
 float For(long long begin, long long end, const tools::multiproc::LoopBody& body,
@@ -31,22 +31,33 @@ float For(long long begin, long long end, const tools::multiproc::LoopBody& body
   return progress.GetValue();
 }
 
-TEST(ParallelizedFor, CallsTheBodyOnceForEveryIndexAndStepsProgressPerIndex) {
-  const std::pair<long long, long long> ranges[] = {{5, 5}, {10, 3}, {0, 1}, {-7, 13}, {3, 40000}};
-  for (const auto& [begin, end] : ranges) {
-    std::vector<std::atomic<int>> visits(static_cast<std::size_t>(std::max(0LL, end - begin)));
+void ExpectEachVisitedOnce(const Visits& visits) {
+  for (std::size_t i = 0; i < visits.size(); ++i)
+    ASSERT_EQ(visits[i].load(), 1) << "index " << i;
+}
+
+TEST(ParallelizedFor, CallsTheBodyOnceForEveryIndexEvenNestedAndStepsProgressPerIndex) {
+  for (const auto& [begin, end] : {std::pair(5LL, 5LL), {10, 3}, {0, 1}, {-7, 13}, {3, 40000}}) {
+    Visits visits(static_cast<std::size_t>(std::max(0LL, end - begin)));
     std::atomic<int> outside{0};
     const float progress =
         For(begin, end, [&, begin = begin, end = end](long long i, const ParallelContext*) {
           ++(i < begin || i >= end ? outside : visits[static_cast<std::size_t>(i - begin)]);
         });
     EXPECT_EQ(outside.load(), 0);
-    for (std::size_t i = 0; i < visits.size(); ++i) {
-      ASSERT_EQ(visits[i].load(), 1) << "index " << begin + static_cast<long long>(i);
-    }
+    ExpectEachVisitedOnce(visits);
     // One step of 1 / (|end - begin| + 1) per index.
     EXPECT_NEAR(progress, visits.size() / static_cast<double>(std::abs(end - begin) + 1), 1e-6);
   }
+  constexpr int kOuter = 8, kInner = 500;
+  Visits cells(kOuter * kOuter * kInner);
+  For(0, kOuter, [&cells](long long t, const ParallelContext*) {
+    For(0, kOuter, [&cells, t](long long o, const ParallelContext*) {
+      For(0, kInner,
+          [&cells, t, o](long long i, const ParallelContext*) { ++cells[(t * kOuter + o) * kInner + i]; });
+    });
+  });
+  ExpectEachVisitedOnce(cells);
 }
 
 TEST(ParallelizedFor, StopsStartingIndicesOnceInterruptedFromAnotherThread) {
@@ -56,9 +67,8 @@ TEST(ParallelizedFor, StopsStartingIndicesOnceInterruptedFromAnotherThread) {
     ran = 0;
     return [&, at](long long i, const ParallelContext*) {
       ++ran;
-      if (i == at) {
+      if (i == at)
         std::thread([&interruptor] { interruptor.Cancel(); }).join();
-      }
     };
   };
   // On one thread the stop is exact: the index that cancels is the last one run.
@@ -78,9 +88,8 @@ TEST(ParallelizedFor, FirstExceptionReachesTheCallerAfterEveryoneStopped) {
       ++running;
       std::this_thread::yield();
       --running;
-      if (i % 1000 == 999) {
+      if (i % 1000 == 999)
         throw std::runtime_error("body " + std::to_string(i));
-      }
     });
     ADD_FAILURE() << "no exception";
   } catch (const std::runtime_error& error) {
@@ -90,22 +99,6 @@ TEST(ParallelizedFor, FirstExceptionReachesTheCallerAfterEveryoneStopped) {
   std::atomic<int> after{0};
   For(0, 100, [&](long long, const ParallelContext*) { ++after; });
   EXPECT_EQ(after.load(), 100) << "the pool is still usable";
-}
-
-TEST(ParallelizedFor, LoopsNestInsideLoops) {
-  constexpr int kOuter = 8;
-  constexpr int kInner = 500;
-  std::vector<std::atomic<int>> visits(kOuter * kOuter * kInner);
-  For(0, kOuter, [&visits](long long t, const ParallelContext*) {
-    For(0, kOuter, [&visits, t](long long o, const ParallelContext*) {
-      For(0, kInner, [&visits, t, o](long long i, const ParallelContext*) {
-        ++visits[static_cast<std::size_t>((t * kOuter + o) * kInner + i)];
-      });
-    });
-  });
-  for (std::size_t i = 0; i < visits.size(); ++i) {
-    ASSERT_EQ(visits[i].load(), 1) << "cell " << i;
-  }
 }
 
 TEST(ParallelizedFor, HelpersTakePartUnderTheirOwnThreadIndexAtTheCallersPriority) {
@@ -134,9 +127,8 @@ TEST(ParallelizedFor, HelpersTakePartUnderTheirOwnThreadIndexAtTheCallersPriorit
       EXPECT_TRUE(fresh || owner->second == std::this_thread::get_id()) << "two threads shared an index";
       // Index 0 holds its thread until another has taken part, so that helpers are known to join in; it
       // gives up after a generous delay so that a broken pool fails instead of hanging.
-      if (i == 0) {
+      if (i == 0)
         joined.wait_for(lock, std::chrono::seconds(30), [&owners] { return owners.size() >= 2; });
-      }
       joined.notify_all();
     });
   }).join();
@@ -209,7 +201,7 @@ TEST(KORProgress, ConcurrentStepsAndSubStepsAddUpAndReportInOrder) {
   EXPECT_FALSE(overlapping.load());
   EXPECT_FALSE(decreasing);
   EXPECT_EQ(last, 1.0f);
-  EXPECT_FLOAT_EQ(progress.GetValue(), 1.0f) << "concurrent sub-steps took distinct parent steps";
+  EXPECT_FLOAT_EQ(progress.GetValue(), 1.0f);
 }
 
 }  // namespace

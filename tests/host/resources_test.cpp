@@ -1,3 +1,4 @@
+// The texts of numeric resource ids: the id's own text forms, the built-in table and the host's edits.
 #include <gtest/gtest.h>
 
 #include "imagery_host/resources.h"
@@ -5,7 +6,6 @@
 namespace {
 
 using zel::ResourceNumericId;
-using zel::ResourceStringHolder;
 
 constexpr Tools::CRC kGrayscale(0xf99d3c809ffb3c38);
 constexpr Tools::CRC kNormalChannel(0x316fe2b2971045fd);
@@ -15,24 +15,20 @@ class Resources : public testing::Test {
  protected:
   void SetUp() override { holder_.ResetToDefaults(); }
   void TearDown() override { holder_.ResetToDefaults(); }
-
   std::wstring Lookup(const ResourceNumericId& id) const {
     ZELString text(L"<unchanged>");
     holder_.GetStringInto(id, text);
     return text.wstr();
   }
-
-  ResourceStringHolder& holder_ = ResourceStringHolder::Instance();
+  zel::ResourceStringHolder& holder_ = zel::ResourceStringHolder::Instance();
 };
 
-TEST(ResourceNumericIdText, EachKindHasItsForm) {
+TEST_F(Resources, IdsHaveATextFormAndMissingTextsReportAnErrorLeavingTheTarget) {
   EXPECT_EQ(ResourceNumericId(kGrayscale).ToText().wstr(), L"crc:0xf99d3c809ffb3c38");
   EXPECT_EQ(ResourceNumericId(Tools::CRC(0x1)).ToText().wstr(), L"crc:0x0000000000000001");
   EXPECT_EQ(ResourceNumericId::FromInteger(-7).ToText().wstr(), L"-7");
   EXPECT_EQ(ResourceNumericId().ToText().wstr(), L"undefined");
-}
 
-TEST_F(Resources, MissingTextsReportAnErrorLeavingTheTarget) {
   ZELString text(L"kept");
   const zel::ErrorCode code = holder_.GetStringInto(Tools::CRC(0x1234), text);
   EXPECT_TRUE(code.IsBad());
@@ -50,7 +46,6 @@ TEST_F(Resources, HostCanReplaceRemoveAndRestoreTheBuiltInTexts) {
   EXPECT_EQ(Lookup(Tools::CRC(7)), L"<unchanged>") << "a CRC and an integer of one value are distinct";
   holder_.RemoveString(kNormalChannel);
   EXPECT_EQ(Lookup(kNormalChannel), L"<unchanged>");
-
   holder_.ResetToDefaults();
   EXPECT_EQ(Lookup(kGrayscale), L"Grayscale");
   EXPECT_EQ(Lookup(kNormalChannel), L"Normal map");

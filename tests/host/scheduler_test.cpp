@@ -1,5 +1,5 @@
 // The task scheduler: task claiming, the submit-and-help waiting pattern (with any number of workers,
-// nested, from many threads), exceptions, and shutdown.
+// nested, from many threads), exceptions, shutdown, the pool size and the job thread limit.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,22 +20,12 @@ using Task = tools::GenericFunctionTask<false>;
 using TaskList = std::vector<std::shared_ptr<Task>>;
 using Visits = std::vector<std::atomic<int>>;
 
-// The waiting pattern that row-band helpers are built on: the caller submits its tasks, then runs the
-// last one nobody has taken, dropping finished ones, and sleeps briefly while all are being run.
+// The waiting pattern that row-band helpers are built on, on a scheduler of the test's choosing.
 void SubmitAndHelp(tools::CScheduler& scheduler, TaskList pending) {
   for (const std::shared_ptr<Task>& task : pending)
     scheduler.AddTask(task);
-  while (!pending.empty()) {
-    std::shared_ptr<Task> untaken;
-    for (std::size_t i = pending.size(); i-- > 0 && !untaken;) {
-      if (pending[i]->IsFinished()) {
-        pending.erase(pending.begin() + static_cast<std::ptrdiff_t>(i));
-      } else if (pending[i]->GetStatus() == tools::CTask::kQueued) {
-        untaken = pending[i];
-      }
-    }
-    tools::ProcessOrSleep(untaken, true);
-  }
+  while (!pending.empty())
+    tools::ProcessOrSleep(tools::GetTaskToDo(pending), true);
 }
 
 // One task per band of `rows` rows, each counting the visits of its rows from `offset` on.
@@ -51,9 +41,8 @@ TaskList MakeBands(int height, int rows, Visits& visits, std::size_t offset = 0)
 }
 
 void ExpectEachVisitedOnce(const Visits& visits) {
-  for (std::size_t y = 0; y < visits.size(); ++y) {
+  for (std::size_t y = 0; y < visits.size(); ++y)
     ASSERT_EQ(visits[y].load(), 1) << "row " << y;
-  }
 }
 
 TEST(CTask, ExactlyOneOfManyRacingThreadsClaimsAndRunsEachTask) {
@@ -81,8 +70,7 @@ TEST(CTask, ExactlyOneOfManyRacingThreadsClaimsAndRunsEachTask) {
 
 // Bands of rows, directly and as subtasks of tasks that wait for them the same way.
 TEST(CScheduler, EveryBandRunsOnceWithAnyNumberOfWorkersAndWaitsNestWithoutDeadlock) {
-  constexpr int kOuter = 12;
-  constexpr int kRows = 101;
+  constexpr int kOuter = 12, kRows = 101;
   for (int workers : {-1, 0, 1, 3}) {
     tools::CScheduler own(std::max(workers, 0));
     tools::CScheduler& scheduler = workers < 0 ? tools::GetScheduler<tools::SchedulerType::Default>() : own;
@@ -92,29 +80,27 @@ TEST(CScheduler, EveryBandRunsOnceWithAnyNumberOfWorkersAndWaitsNestWithoutDeadl
 
     Visits nested(kOuter * kRows);
     TaskList outer;
-    for (std::size_t o = 0; o < kOuter; ++o) {
+    for (std::size_t o = 0; o < kOuter; ++o)
       outer.push_back(std::make_shared<Task>(
           [&, o] { SubmitAndHelp(scheduler, MakeBands(kRows, 3, nested, o * kRows)); }));
-    }
     SubmitAndHelp(scheduler, outer);
     ExpectEachVisitedOnce(nested);
   }
 }
 
-TEST(CScheduler, ExceptionIsKeptInTheTaskAndTheWorkerCarriesOn) {
-  tools::CScheduler scheduler(1);
-  auto failing = std::make_shared<Task>([] { throw std::runtime_error("band failed"); });
-  auto later = std::make_shared<Task>([] {});
-  scheduler.AddTask(failing);
-  scheduler.AddTask(later);
-  // Never claim here: only the worker can finish these.
-  while (!failing->IsFinished() || !later->IsFinished())
-    tools::ProcessOrSleep(nullptr, true);
-  EXPECT_THROW(std::rethrow_exception(failing->GetError()), std::runtime_error);
-  EXPECT_FALSE(later->GetError());
-}
-
-TEST(CScheduler, QueuedTasksOfAStoppedSchedulerAreLeftToTheirWaiters) {
+TEST(CScheduler, ExceptionIsKeptInTheTaskAndQueuedTasksOfAStoppedSchedulerAreLeftToTheirWaiters) {
+  {
+    tools::CScheduler scheduler(1);
+    auto failing = std::make_shared<Task>([] { throw std::runtime_error("band failed"); });
+    auto later = std::make_shared<Task>([] {});
+    scheduler.AddTask(failing);
+    scheduler.AddTask(later);
+    // Never claim here: only the worker can finish these.
+    while (!failing->IsFinished() || !later->IsFinished())
+      tools::ProcessOrSleep(nullptr, true);
+    EXPECT_THROW(std::rethrow_exception(failing->GetError()), std::runtime_error);
+    EXPECT_FALSE(later->GetError()) << "the worker carried on";
+  }
   std::thread::id ranOn;
   auto task = std::make_shared<Task>([&ranOn] { ranOn = std::this_thread::get_id(); });
   { tools::CScheduler(0).AddTask(task); }
@@ -131,8 +117,10 @@ TEST(CScheduler, WorkerCountFromTheEnvironmentAndTheJobThreadLimit) {
   ::unsetenv("IMAGERY_WORKER_THREADS");
   const int fromHardware = tools::CScheduler::DefaultWorkerCount();
   EXPECT_GE(fromHardware, 1);
-  ::setenv("IMAGERY_WORKER_THREADS", "7", 1);
-  EXPECT_EQ(tools::CScheduler::DefaultWorkerCount(), 7);
+  for (const char* accepted : {"1", "7", "256"}) {
+    ::setenv("IMAGERY_WORKER_THREADS", accepted, 1);
+    EXPECT_EQ(tools::CScheduler::DefaultWorkerCount(), std::atoi(accepted));
+  }
   for (const char* ignored : {"0", "-3", "257", "4x", ""}) {
     ::setenv("IMAGERY_WORKER_THREADS", ignored, 1);
     EXPECT_EQ(tools::CScheduler::DefaultWorkerCount(), fromHardware) << '"' << ignored << '"';

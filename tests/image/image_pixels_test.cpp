@@ -1,3 +1,5 @@
+// Per-pixel handle operations: which transformations reads and writes go through, mip levels, averages,
+// constant checks and baking the transformations into new pixels.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -10,81 +12,55 @@
 namespace imagery {
 namespace {
 
-// A linear 8-bit image whose pixel (x, y) has red x * 10 + 1, green y * 10 + 1 and blue 7.
+using RGB = LinearRGB_T<float>;
+using RGBA = LinearRGBA_T<float>;
+
+// A linear image whose pixel (x, y) has red x * 10 + 1, green y * 10 + 1 (in 8-bit codes) and blue 7.
 Image CodedImage(int width, int height, EImageType type = IT_RGB8) {
   Image image(width, height, type, gamma::Linear);
   for (int y = 0; y < height; ++y)
     for (int x = 0; x < width; ++x)
-      image.SetPixelRGBA(x, y,
-                         LinearRGBA_T<float>((x * 10 + 1) / 255.0f, (y * 10 + 1) / 255.0f, 7 / 255.0f, 0.5f),
+      image.SetPixelRGBA(x, y, RGBA((x * 10 + 1) / 255.0f, (y * 10 + 1) / 255.0f, 7 / 255.0f, 0.5f),
                          ATO_None);
   return image;
-}
-
-// The stored (x, y) that a handle read landed on, recovered from the codes.
-std::pair<int, int> StoredPosition(const LinearRGB_T<float>& c) {
-  return {static_cast<int>(c.r * 255.0f + 0.5f) / 10, static_cast<int>(c.g * 255.0f + 0.5f) / 10};
-}
-
-TEST(ImagePixels, CoordinatesFollowMirrorAndRotation) {
-  Image image = CodedImage(4, 2);
-  LinearRGB_T<float> c;
-  image.MirrorX();
-  image.GetPixelRGB(0, 1, c, ATO_Geometry);
-  EXPECT_EQ(StoredPosition(c), std::make_pair(3, 1));
-  image.GetPixelRGB(0, 1, c, ATO_None);
-  EXPECT_EQ(StoredPosition(c), std::make_pair(0, 1));
-
-  image.MirrorX();
-  image.SetRotationAngle(90);
-  EXPECT_EQ(image.GetTransformedWidth(), 2);
-  EXPECT_EQ(image.GetTransformedHeight(), 4);
-  image.GetPixelRGB(0, 0, c, ATO_TransformedFrame);
-  EXPECT_EQ(StoredPosition(c), std::make_pair(0, 1));
-  image.GetPixelRGB(3, 1, c, ATO_Geometry);
-  EXPECT_EQ(StoredPosition(c), std::make_pair(2, 0));
-
-  // Setters store at the mapped position, values as given.
-  image.SetExposure(0.5f);
-  image.SetPixelRGB(0, 0, LinearRGB_T<float>(0, 0, 1), ATO_TransformedFrame | ATO_ExposureContrast);
-  image.GetPixelRGB(0, 1, c, ATO_None);
-  EXPECT_EQ(c, LinearRGB_T<float>(0, 0, 1));
 }
 
 // The value mappings themselves are the transformations' own; here only which handle operations apply
 // them.
 TEST(ImagePixels, ValueTransformationsApplyToReadsOnly) {
   Image image(2, 2, IT_RGBA32f, gamma::Linear);
-  image.SetPixelRGBA(1, 1, LinearRGBA_T<float>(0.25f, 0.5f, 2.0f, 0.25f), ATO_None);
+  image.SetPixelRGBA(1, 1, RGBA(0.25f, 0.5f, 2.0f, 0.25f), ATO_None);
   image.SetExposure(0.1f);
   image.SetContrast(1.0f);
   image.SetInvertedColor(true);
   image.SetInvertedAlpha(true);
-  LinearRGBA_T<float> c;
+  RGBA c, expected(0.25f, 0.5f, 2.0f, 0.25f);
   image.GetPixelRGBA(1, 1, c, ATO_ExposureContrast | ATO_Inversions);
-  LinearRGBA_T<float> expected(0.25f, 0.5f, 2.0f, 0.25f);
   image.GetTransformations().ApplyTransform(expected, ATO_ExposureContrast | ATO_Inversions);
   EXPECT_EQ(c, expected);
-  float grey;
+  float grey, alpha;
   image.GetPixelGrayscale(1, 1, grey, ATO_None);
   EXPECT_EQ(grey, (0.35f * 0.25f + 0.5f * 0.5f) + 0.15f * 2.0f);
-  // Written values are stored as given whatever the options say.
   image.SetPixelAlpha(1, 1, 0.125f, ATO_Inversions);
-  float alpha;
   image.GetPixelAlpha(1, 1, alpha, ATO_None);
   EXPECT_EQ(alpha, 0.125f);
   image.GetPixelAlpha(1, 1, alpha, ATO_Inversions);
   EXPECT_EQ(alpha, 0.875f);
-}
-
-TEST(ImagePixels, AlphaOfFormatsWithoutAlpha) {
+  // The linear-chain colour accessors map positions and carry alpha the same way.
+  image.MirrorX();
+  image.SetPixelRGBANoGammaConversion(0, 0, RGBA(0.5f, 0.25f, 1, 0.75f), ATO_Geometry);
+  image.GetPixelRGBANoGammaConversion(1, 0, c, ATO_None);
+  EXPECT_EQ(c, RGBA(0.5f, 0.25f, 1, 0.75f));
+  RGB rgb;
+  image.GetPixelRGBNoGammaConversion(0, 0, rgb, ATO_Geometry);
+  EXPECT_EQ(rgb, RGB(0.5f, 0.25f, 1));
+  // Formats without alpha read as opaque.
   for (const EImageType type : {IT_RGB8, IT_RGEncodedAlpha, IT_Grayscale16, IT_RGB32f}) {
-    Image image(3, 3, type, gamma::sRGB);
-    float alpha = -1;
-    image.GetPixelAlpha(2, 2, alpha, ATO_None);
+    Image opaque(3, 3, type, gamma::sRGB);
+    opaque.GetPixelAlpha(2, 2, alpha, ATO_None);
     EXPECT_EQ(alpha, 1.0f) << int(type);
-    image.SetInvertedAlpha(true);
-    image.GetPixelAlpha(2, 2, alpha, ATO_Inversions);
+    opaque.SetInvertedAlpha(true);
+    opaque.GetPixelAlpha(2, 2, alpha, ATO_Inversions);
     EXPECT_EQ(alpha, 0.0f) << int(type);
   }
 }
@@ -103,32 +79,28 @@ TEST(ImagePixels, MipLevelsAndTheLinearChain) {
   float grey;
   image.GetPixelGrayscaleNoGammaConversion(0, 0, grey, ATO_None, 2);
   EXPECT_EQ(grey, 128 * kInv255);
-  // Geometry at a level uses that level's size.
+  // Geometry at a level uses that level's size; until marked valid, levels read level 0.
   image.MirrorX();
   image.GetPixelGrayscale(0, 1, grey, ATO_Geometry, 1);
   EXPECT_EQ(grey, 1.0f);
-  // Until marked valid, levels read level 0.
   impl.InvalidateMipMaps(true, true);
   image.GetPixelGrayscale(0, 1, grey, ATO_Geometry, 1);
   EXPECT_EQ(grey, 0.0f);
 }
 
-TEST(ImagePixels, AverageColor) {
-  Image image = CodedImage(4, 4);
-  LinearRGB_T<float> c;
-  image.GetPixelRGB(0, 0, c, ATO_None);
-  EXPECT_EQ(image.GetAverageColor(1), c);
+TEST(ImagePixels, AverageColorSamplesAGridThroughEveryTransformation) {
+  Image image = CodedImage(4, 6);
+  RGB c;
   image.MirrorX();
   image.MirrorY();
-  image.GetPixelRGB(3, 3, c, ATO_None);
+  image.GetPixelRGB(3, 5, c, ATO_None);
   EXPECT_EQ(image.GetAverageColor(1), c);
-
-  // Two by two samples at 0 and 2 on each side, summed in single precision.
+  // Two by two samples at 0 and half of each side, summed in single precision.
   image.SetMirrorX(false);
   image.SetMirrorY(false);
   image.SetInvertedColor(true);
-  LinearRGB_T<float> sum;
-  for (const int y : {0, 2}) {
+  RGB sum;
+  for (const int y : {0, 3}) {
     for (const int x : {0, 2}) {
       image.GetPixelRGB(x, y, c, ATO_Inversions);
       sum += c;
@@ -142,53 +114,50 @@ TEST(ImagePixels, ConstantImagesAreExact) {
     Image image(5, 3, type, gamma::sRGB);
     for (int y = 0; y < 3; ++y)
       for (int x = 0; x < 5; ++x)
-        image.SetPixelRGBA(x, y, LinearRGBA_T<float>(0.5f, 0.5f, 0.5f, 0.5f), ATO_None);
-    LinearRGB_T<float> colour;
+        image.SetPixelRGBA(x, y, RGBA(0.5f, 0.5f, 0.5f, 0.5f), ATO_None);
+    RGB colour, first;
     float grey = 0, alpha = 0;
-    EXPECT_TRUE(image.IsConstantColor(colour)) << int(type);
-    EXPECT_TRUE(image.IsConstantGrayscale(grey));
-    EXPECT_TRUE(image.IsConstantAlpha(alpha));
-    LinearRGB_T<float> first;
+    EXPECT_TRUE(image.IsConstantColor(colour) && image.IsConstantGrayscale(grey) &&
+                image.IsConstantAlpha(alpha))
+        << int(type);
     image.GetPixelRGB(0, 0, first, ATO_None);
     EXPECT_EQ(colour, first);
-
     // One code more in the last pixel, then in a middle one.
     for (const auto& [x, y] : {std::pair{4, 2}, std::pair{2, 1}}) {
       Image changed(image);
       changed.NewImplFromExisting(nullptr);
       changed.GetImplRef().CopyMemoryFrom(image.GetImplRef());
-      unsigned char* byte = changed.GetImplRef().Plane().PixelAddress(x, y);
-      byte[type == IT_RGBEA ? 0 : BytesPerPixel(type) == 1 ? 0 : Is16Bit(type) ? 1 : 0] += 1;
+      changed.GetImplRef().Plane().PixelAddress(x, y)[type != IT_RGBEA && Is16Bit(type) ? 1 : 0] += 1;
       EXPECT_FALSE(changed.IsConstantColor(colour)) << int(type) << " at " << x << "," << y;
     }
   }
   Image alpha(3, 3, IT_RGBA8, gamma::sRGB);
   alpha.SetPixelAlpha(2, 2, 1.0f, ATO_None);
   float value = 0;
+  RGB colour;
   EXPECT_FALSE(alpha.IsConstantAlpha(value));
   EXPECT_EQ(value, 0.0f);
-  LinearRGB_T<float> colour;
   EXPECT_TRUE(alpha.IsConstantColor(colour));
 }
 
 TEST(ImagePixels, BakingTransformations) {
   ImageFactory& factory = ImageFactory::GetInstance();
   Image plain = CodedImage(3, 5, IT_RGBA8);
-  std::unique_ptr<Image> same(factory.BuildAndBakeTransformations(plain, false));
-  EXPECT_EQ(same->GetImpl(), plain.GetImpl());
-  std::unique_ptr<Image> deep(factory.BuildAndBakeTransformations(plain, true));
-  EXPECT_NE(deep->GetImpl(), plain.GetImpl());
+  EXPECT_EQ(std::unique_ptr<Image>(factory.BuildAndBakeTransformations(plain, false))->GetImpl(),
+            plain.GetImpl());
+  EXPECT_NE(std::unique_ptr<Image>(factory.BuildAndBakeTransformations(plain, true))->GetImpl(),
+            plain.GetImpl());
 
   // A grey, an alpha and a colour format: the baked pixels are those the source shows in its transformed
   // frame with every value transformation, stored without any transformation of their own.
   Image grey(4, 2, IT_Grayscale32f, gamma::Linear);
-  for (int y = 0; y < 2; ++y)
-    for (int x = 0; x < 4; ++x)
-      grey.SetPixelGrayscale(x, y, static_cast<float>(y * 4 + x), ATO_None);
+  for (int i = 0; i < 8; ++i)
+    grey.SetPixelGrayscale(i % 4, i / 4, static_cast<float>(i), ATO_None);
   grey.SetRotationAngle(90);
   grey.SetExposure(0.5f);
+  EXPECT_EQ(grey.GetTransformedWidth() * 10 + grey.GetTransformedHeight(), 24);
   Image mirrored = plain;
-  mirrored.SetPixelRGBA(2, 4, LinearRGBA_T<float>(0, 0, 0, 1), ATO_None);
+  mirrored.SetPixelRGBA(2, 4, RGBA(0, 0, 0, 1), ATO_None);
   mirrored.SetFilePath(ZELPath(L"/maps/brick.png"));
   mirrored.SetTitle(ZELString(L"Brick"));
   mirrored.MirrorX();
@@ -207,20 +176,19 @@ TEST(ImagePixels, BakingTransformations) {
     EXPECT_TRUE(baked->Title().IsEmpty());
     for (int y = 0; y < baked->Height(); ++y) {
       for (int x = 0; x < baked->Width(); ++x) {
-        LinearRGBA_T<float> expected, actual;
+        RGBA expected, actual;
         source->GetPixelRGBA(x, y, expected, ATO_TransformedFrame | ATO_ExposureContrast | ATO_Inversions);
         baked->GetPixelRGBA(x, y, actual, ATO_None);
         // 16-bit codes are rounded on the way.
-        const float gaps[] = {actual.r - expected.r, actual.g - expected.g, actual.b - expected.b,
-                              actual.a - expected.a};
-        for (float gap : gaps)
+        for (float gap :
+             {actual.r - expected.r, actual.g - expected.g, actual.b - expected.b, actual.a - expected.a})
           EXPECT_LE(std::fabs(gap), 0.5f / 65535) << x << "," << y;
       }
     }
   }
-  std::unique_ptr<Image> turned(factory.BuildAndBakeTransformations(grey, false));
   float corner;
-  turned->GetPixelGrayscale(0, 0, corner, ATO_None);
+  std::unique_ptr<Image>(factory.BuildAndBakeTransformations(grey, false))
+      ->GetPixelGrayscale(0, 0, corner, ATO_None);
   EXPECT_EQ(corner, 4.5f);  // stored (0, 1)
 }
 

@@ -1,3 +1,5 @@
+// Image handles: the shared default implementation, sharing and comparing, copy-on-write and deep
+// copies, dummies, printing and the host's picture reader.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,7 +9,6 @@
 #include "imagery/image.h"
 #include "imagery/image_factory.h"
 #include "imagery/image_list.h"
-#include "imagery/pixel_access.h"
 #include "support/image_support.h"
 
 namespace imagery {
@@ -21,23 +22,19 @@ void FillBytes(Image& image, unsigned char start) {
     plane.Data()[i] = static_cast<unsigned char>(start + i);
 }
 
-TEST(Image, EmptyHandlesShareTheDefaultImplementation) {
+TEST(Image, EmptyHandlesShareTheDefaultImplementationWhichIsNeverRegisteredOrNamed) {
+  ImageImpl* const defaultImpl = ImageFactory::GetInstance().GetDefaultImpl();
   Image a, b;
-  EXPECT_EQ(a.GetImpl(), ImageFactory::GetInstance().GetDefaultImpl());
-  EXPECT_TRUE(a.IsEmpty());
-  EXPECT_TRUE(a == b);
-  EXPECT_FALSE(ImageList::Instance().Contains(a.GetImpl()));
-
+  EXPECT_EQ(a.GetImpl(), defaultImpl);
+  EXPECT_TRUE(a.IsEmpty() && a == b);
   a.SetFilePath(ZELPath(L"/maps/brick.png"));
   EXPECT_FALSE(a.IsEmpty());
   EXPECT_TRUE(b.IsEmpty());
-  EXPECT_TRUE(ImageFactory::GetInstance().GetDefaultImpl()->FilePath().empty());
-
+  EXPECT_TRUE(defaultImpl->FilePath().empty());
   a.Reset();
   EXPECT_TRUE(a.IsEmpty());
-  // The default implementation is never registered, even when something tries.
-  ImageList::Instance().AddImpl(ImageFactory::GetInstance().GetDefaultImpl());
-  EXPECT_FALSE(ImageList::Instance().Contains(ImageFactory::GetInstance().GetDefaultImpl()));
+  ImageList::Instance().AddImpl(defaultImpl);
+  EXPECT_FALSE(ImageList::Instance().Contains(defaultImpl));
 }
 
 TEST(Image, CopiesShareTheImplementationAndCompareByTransformationsAndAttributes) {
@@ -48,38 +45,26 @@ TEST(Image, CopiesShareTheImplementationAndCompareByTransformationsAndAttributes
   EXPECT_TRUE(copy == original);
 
   copy.MirrorX();
+  copy.ExtraAttributes().put("Source", "scan");
   EXPECT_FALSE(copy == original);
   copy.Swap(original);
-  EXPECT_TRUE(original.GetMirrorX());
-  EXPECT_FALSE(copy.GetMirrorX());
+  EXPECT_TRUE(original.GetMirrorX() && !copy.GetMirrorX());
+  EXPECT_EQ(original.ExtraAttributes().get<std::string>("Source"), "scan");
+  EXPECT_TRUE(copy.ExtraAttributes().empty());
 
-  Image other(original);
+  Image other(copy);
   other.ExtraAttributes().put("Source", "scan");
-  EXPECT_TRUE(other != original);
+  EXPECT_TRUE(other != copy);
   Image& alias = other;
   other = alias;  // self-assignment keeps everything
   EXPECT_EQ(other.GetImpl()->References(), 3);
+  EXPECT_EQ(other.ExtraAttributes().get<std::string>("Source"), "scan");
+  other.Reset();
+  EXPECT_TRUE(other.ExtraAttributes().empty());
 
   // Identical pixels in another implementation are not equal.
-  Image twin(4, 4, IT_RGB8, GammaValue(2.2f));
-  EXPECT_FALSE(twin == Image(4, 4, IT_RGB8, GammaValue(2.2f)));
+  EXPECT_FALSE(Image(4, 4, IT_RGB8, GammaValue(2.2f)) == Image(4, 4, IT_RGB8, GammaValue(2.2f)));
   EXPECT_TRUE(ImageFactory::Equals(copy, copy));
-}
-
-TEST(Image, SizesOfLevelsAndTheDefaultGamma) {
-  Image image(10, 3, IT_RGBA8, gamma::sRGB);
-  EXPECT_EQ(image.Width(3), 1);
-  EXPECT_EQ(image.Height(1), 1);
-  EXPECT_EQ(image.Width(40), 1);
-
-  GammaSettings& settings = GetCurrentGammaSettings();
-  const GammaSettings saved = settings;
-  settings.SetOutputGamma(GammaValue(1.8f));
-  EXPECT_EQ(Image(2, 2, IT_RGB16).GetGamma(), GammaValue(1.8f));
-  EXPECT_EQ(Image(2, 2, IT_RGB32f).GetGamma(), gamma::Linear);
-  std::unique_ptr<Image> built(ImageFactory::GetInstance().Build(2, 2, IT_Grayscale8));
-  EXPECT_EQ(built->GetGamma(), GammaValue(1.8f));
-  settings = saved;
 }
 
 TEST(Image, CopyOnWriteKeepsOtherHandlesOnTheOldPixels) {
@@ -103,12 +88,12 @@ TEST(Image, CopyOnWriteKeepsOtherHandlesOnTheOldPixels) {
   LinearRGBA_T<float> pixel(1, 1, 1, 1);
   image.GetPixelRGBA(3, 2, pixel, ATO_None);
   EXPECT_EQ(pixel, LinearRGBA_T<float>(0, 0, 0, 0));
-
   EXPECT_EQ(other.GetImpl(), old);
   EXPECT_EQ(old->References(), 1);
   EXPECT_EQ(other.GetImplRef().Plane().Data()[0], 1);
 
-  // The sole holder's old implementation dies once its properties are copied.
+  // The sole holder's old implementation dies once its properties are copied, whether a temporary copy
+  // or a keeper sharing it holds it meanwhile.
   std::atomic<int> destroyed{0};
   Image alone(new testing_support::CountedImpl(3, 3, &destroyed));
   alone.SetTitle(ZELString(L"Alone"));
@@ -116,26 +101,25 @@ TEST(Image, CopyOnWriteKeepsOtherHandlesOnTheOldPixels) {
   EXPECT_EQ(destroyed.load(), 1);
   EXPECT_EQ(alone.Title(), ZELString(L"Alone"));
   EXPECT_EQ(alone.GetGamma(), GammaValue(2.2f));
-
-  // A keeper sharing the implementation holds it instead of a temporary copy.
   Image keeper(alone);
   ImageImpl* kept = alone.GetImpl();
   alone.NewImplFromExisting(6, 2, CAI_DontCare, &keeper);
   EXPECT_EQ(keeper.GetImpl(), kept);
   EXPECT_EQ(alone.Width(), 6);
   EXPECT_EQ(alone.Title(), ZELString(L"Alone"));
-}
+  // A keeper on another implementation keeps nothing alive.
+  Image single(new testing_support::CountedImpl(3, 3, &destroyed));
+  single.SetTitle(ZELString(L"A title too long to be stored inside the string"));
+  single.NewImplFromExisting(2, 2, CAI_Care, &keeper);
+  EXPECT_EQ(destroyed.load(), 2);
+  EXPECT_EQ(single.Title(), ZELString(L"A title too long to be stored inside the string"));
 
-TEST(Image, NewImplementationsOfNoPixelsAndUnchangedTypes) {
-  Image image(4, 4, IT_RGB8, gamma::sRGB);
+  // No pixels, an empty source and an unchanged format.
   image.NewImplFromExisting(0, 0, CAI_Care, nullptr);
-  EXPECT_EQ(image.GetImplRef().Width(), 0);
   EXPECT_EQ(image.GetImplRef().Plane().ByteSize(), 0u);
   EXPECT_FALSE(ImageList::Instance().Contains(image.GetImpl()));
-  // An empty implementation still gives a 1 x 1 new one.
   image.NewImplFromExisting(nullptr);
-  EXPECT_EQ(image.GetImplRef().Width(), 1);
-
+  EXPECT_EQ(image.GetImplRef().Width(), 1) << "an empty implementation still gives a 1 x 1 new one";
   Image typed(4, 4, IT_RGB16, gamma::sRGB);
   ImageImpl* before = typed.GetImpl();
   typed.SetImageType(IT_RGB16, gamma::Linear);
@@ -146,20 +130,7 @@ TEST(Image, NewImplementationsOfNoPixelsAndUnchangedTypes) {
   EXPECT_EQ(typed.GetGamma(), gamma::Linear);
 }
 
-TEST(Image, UpdateImageMovesToTheNewestVersion) {
-  Image image(4, 4, IT_RGB8, gamma::sRGB);
-  ImageImpl* first = image.GetImpl();
-  EXPECT_FALSE(image.UpdateImage());
-  Image newer(4, 4, IT_RGB8, gamma::sRGB);
-  Image newest(4, 4, IT_RGB8, gamma::sRGB);
-  first->NextImpl(newer.GetImpl());
-  newer.GetImpl()->NextImpl(newest.GetImpl());
-  EXPECT_TRUE(image.UpdateImage());
-  EXPECT_EQ(image.GetImpl(), newest.GetImpl());
-  EXPECT_FALSE(image.UpdateImage());
-}
-
-TEST(Image, DeepCopies) {
+TEST(Image, DeepCopiesHaveTheirOwnPixelsAndAreWorkCopies) {
   Image source(5, 3, IT_RGB8, GammaValue(2.2f));
   FillBytes(source, 10);
   source.SetFilePath(ZELPath(L"/maps/brick.png"));
@@ -183,10 +154,15 @@ TEST(Image, DeepCopies) {
   EXPECT_TRUE(copy->Title().IsEmpty());
 }
 
-TEST(Image, DummiesAreMarkedInTheAttributesAndLogged) {
+TEST(Image, NewImagesTakeTheCurrentGammasAndDummiesAreMarkedInTheAttributesAndLogged) {
   GammaSettings& settings = GetCurrentGammaSettings();
   const GammaSettings saved = settings;
   settings.SetInputGamma(GammaValue(2.0f));
+  settings.SetOutputGamma(GammaValue(1.8f));
+  EXPECT_EQ(Image(2, 2, IT_RGB16).GetGamma(), GammaValue(1.8f));
+  EXPECT_EQ(Image(2, 2, IT_RGB32f).GetGamma(), gamma::Linear);
+  EXPECT_EQ(std::unique_ptr<Image>(ImageFactory::GetInstance().Build(2, 2, IT_Grayscale8))->GetGamma(),
+            GammaValue(1.8f));
   std::unique_ptr<Image> dummy;
   {
     LogCapture capture(L"image", L"WARN");
@@ -206,7 +182,6 @@ TEST(Image, DummiesAreMarkedInTheAttributesAndLogged) {
   EXPECT_TRUE(dummy->IsDummy());
   EXPECT_EQ(dummy->ExtraAttributes().get<std::string>("IsDummy"), "true");
   EXPECT_TRUE(Image(*dummy).IsDummy());
-
   dummy->SetDummy(false);
   EXPECT_FALSE(dummy->IsDummy());
   EXPECT_EQ(dummy->ExtraAttributes().get<std::string>("IsDummy"), "false");
@@ -221,17 +196,6 @@ TEST(Image, DummiesAreMarkedInTheAttributesAndLogged) {
   EXPECT_TRUE(errorsOnly.Lines().empty());
 }
 
-TEST(Image, Printing) {
-  Image image(64, 32, IT_RGBA8, gamma::sRGB);
-  image.SetFilePath(ZELPath(L"/maps/brick.png"));
-  std::ostringstream narrow;
-  narrow << image;
-  EXPECT_EQ(narrow.str(), "imagery::Image(64x32,2@/maps/brick.png)");
-  std::wostringstream wide;
-  wide << image;
-  EXPECT_EQ(wide.str(), L"imagery::Image(64x32,2@/maps/brick.png)");
-}
-
 zel::ErrorCode ReaderThatLoadsARedSquare(Image* image, const ZELPath& path, EImageType type, int* extra,
                                          const ReadOptions& options) {
   std::unique_ptr<Image> loaded(ImageFactory::GetInstance().Build(3, 3, type, gamma::Linear));
@@ -243,7 +207,7 @@ zel::ErrorCode ReaderThatLoadsARedSquare(Image* image, const ZELPath& path, EIma
   return zel::ErrorCode();
 }
 
-TEST(Image, TheSourceReaderHook) {
+TEST(Image, TheSourceReaderHookAndPrinting) {
   ImageFactory& factory = ImageFactory::GetInstance();
   EXPECT_FALSE(factory.CanReadImageFromSource());
   Image image(2, 2, IT_RGB8, gamma::sRGB);
@@ -264,14 +228,19 @@ TEST(Image, TheSourceReaderHook) {
   LinearRGB_T<float> red;
   image.GetPixelRGB(0, 0, red, ATO_None);
   EXPECT_EQ(red, LinearRGB_T<float>(1, 0, 0));
-
   ReadOptions reload;
   reload.isReload = true;
   EXPECT_TRUE(image.ReadFromSource(ZELPath(L"/maps/a.png"), IT_RGB8, extra, reload).IsOk());
   EXPECT_EQ(extra, 2);
-
   factory.SetAdditionalFeaturesFunc(nullptr);
   EXPECT_FALSE(factory.CanReadImageFromSource());
+
+  std::ostringstream narrow;
+  std::wostringstream wide;
+  narrow << image;
+  wide << image;
+  EXPECT_EQ(narrow.str(), "imagery::Image(3x3,0@/maps/a.png)");
+  EXPECT_EQ(wide.str(), L"imagery::Image(3x3,0@/maps/a.png)");
 }
 
 }  // namespace

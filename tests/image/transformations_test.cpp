@@ -1,3 +1,5 @@
+// The transformation record: angles, coordinate mapping in both frames, flag rules, value mappings and
+// the digest.
 #include <gtest/gtest.h>
 
 #include <set>

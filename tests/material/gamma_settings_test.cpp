@@ -32,8 +32,8 @@ void ExpectGammas(const GammaSettings& settings, float input, float output, floa
 }
 
 // Stream builders: a chunk holding whatever its parts write, typed values, and raw bytes.
-template <class... Part>
-Fill Chunk(unsigned short id, Part... parts) {
+template <class... Piece>
+Fill Chunk(unsigned short id, Piece... parts) {
   return [=](ZELStream& s) {
     ZELWriteChunk chunk(&s, id);
     (Fill(parts)(s), ...);

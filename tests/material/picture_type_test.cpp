@@ -1,22 +1,32 @@
-// Picture types: names, the colour/grey classifications and the presentation order.
+// Picture types and file tags: names, the colour/grey classifications, the presentation order, the
+// registered tag keys, tag lists from the settings, and channel files found on disk.
 #include <climits>
+#include <filesystem>
+#include <fstream>
 #include <set>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
+
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "imagery/picture_type.h"
 #include "imagery/resource_text.h"
+#include "imagery_host/settings.h"
 
 namespace imagery {
 namespace {
 
+namespace fs = std::filesystem;
+namespace xml = ::config::xml;
+
 TEST(PictureType, NamesAndClassificationsOverEveryValueInAndAroundTheRange) {
   std::vector<int> values = {INT_MIN, INT_MAX};
-  for (int value = -3; value <= 30; ++value) {
+  for (int value = -3; value <= 30; ++value)
     values.push_back(value);
-  }
   const std::set<int> readAsColour = {-1, 0, 3, 6, 16, 20, 21};
   const std::set<int> withColourSpace = {0, 3, 16, 20};
   std::set<std::string> logNames;
@@ -38,21 +48,111 @@ TEST(PictureType, NamesAndClassificationsOverEveryValueInAndAroundTheRange) {
   EXPECT_EQ(GetName(PT_SpecularColor), GetString(STR_HighlightColorChannel));
 }
 
-std::vector<int> ReorderedValues(std::vector<EPictureType> list) {
-  GetReorderedPTList(list);
-  return std::vector<int>(list.begin(), list.end());
-}
-
 TEST(PictureType, PresentationOrderSortsTheMiddleByDisplayName) {
   // Sorted by the current names in ordinal order ("Clearcoat IOR" before "Clearcoat contribution"); a
   // translated name moves its channel, and a channel already listed is not repeated.
   auto& texts = zel::ResourceStringHolder::Instance();
   texts.SetString(STR_BumpChannel, L"Zigzag");
   texts.SetString(STR_TerrainChannel, L"Aaa");
-  const std::vector<int> translated = ReorderedValues({PT_Roughness});
+  std::vector<EPictureType> list = {PT_Roughness};
+  GetReorderedPTList(list);
   texts.ResetToDefaults();
-  EXPECT_EQ(translated, (std::vector<int>{9,  0, 2,  6, 11, 7,  5,  18, 17, 22, 21, 19, 20,
-                                          12, 8, 15, 4, 16, 14, 10, 3,  13, 1,  23, -1}));
+  EXPECT_EQ(std::vector<int>(list.begin(), list.end()),
+            (std::vector<int>{9,  0, 2,  6, 11, 7,  5,  18, 17, 22, 21, 19, 20,
+                              12, 8, 15, 4, 16, 14, 10, 3,  13, 1,  23, -1}));
+}
+
+// Read from the settings store directly: the library would answer a missing or blank key's default.
+ZELString Stored(const std::string& channel) {
+  return xml::GetPropertyRef(("filetags/" + channel).c_str(), "kor", L"");
+}
+
+TEST(FileTagKeys, AreRegisteredWithTheirExactDefaultsWhenTheLibraryLoads) {
+  const ZELString names =
+      L"Alpha AmbiantOcclusion Backlight Bump Color ColorShift Displacement Highlight Metalness Normal "
+      L"ClearcoatContribution ClearcoatIOR ClearcoatRoughness ClearcoatTint ClearcoatNormal ClearcoatFlatten "
+      L"Reflection Roughness Terrain Transparency Luminous GlowIntensity";
+  for (const ZELString& name : names.TokenizeMe(L' ', 0, false))
+    EXPECT_EQ(Stored(name.ToUTF8()).Left(2), ZELString(L" _")) << name;
+  EXPECT_EQ(Stored("Color"),
+            ZELString(L" _Color _Albedo _COL _ALPHAMASKED _diffuse _color _albedo _Diffuse"));
+  EXPECT_EQ(Stored("Displacement"),
+            ZELString(L" _Displacement _DISP _DISP16 _d _height _Height _displacement"));
+  EXPECT_EQ(Stored("ClearcoatTint"), ZELString(L" _ClearcoatColor"));
+  EXPECT_TRUE(xml::GetPropertyRef("filetags/Enabled", "kor", false));
+  EXPECT_FALSE(xml::GetPropertyRef("filetags/PreserveMappings", "kor", true));
+}
+
+// Every case starts and ends with the registered defaults, in a fresh folder.
+class FileTags : public ::testing::Test {
+ protected:
+  void SetUp() override { fs::create_directories(folder_); }
+  void TearDown() override {
+    xml::ResetToDefaults();
+    fs::remove_all(folder_);
+  }
+  ZELString In(const std::string& name) const { return ZELString::FromUTF8((folder_ / name).string()); }
+  ZELString Find(const std::string& name, EPictureType target) const {
+    return FindChannelPath(ZELPath(In(name)), target).GetString();
+  }
+
+  fs::path folder_ = fs::temp_directory_path() / ("imagery_filetags_" + std::to_string(getpid()));
+};
+
+TEST_F(FileTags, SettingsWithoutTagsFallBackToTheDefaults) {
+  SetFileTagProperty(PT_Color, L"   ");
+  for (EPictureType type : {PT_UNDEFINED, PT_Data}) {
+    SetFileTagProperty(type, L"_Data");  // ignored: these have no key
+    EXPECT_EQ(ChannelFileSuffix(type), ZELString(L"_map")) << type;
+  }
+  EXPECT_EQ(ChannelFileSuffix(PT_Color), ZELString(L"_Color")) << "blank tags fall back to the default";
+  EXPECT_TRUE(GetFileTagDefault(static_cast<EPictureType>(24)).IsEmpty());
+  SetFileTagProperty(PT_Color, L"  _Base _Col ");
+  EXPECT_EQ(ChannelFileSuffix(PT_Color), ZELString(L"_Base"));
+  SetFileTagProperty(PT_Specular, L"_Gloss");
+  EXPECT_EQ(ChannelFileSuffix(PT_SpecularColor), ZELString(L"_Gloss")) << "the two share one key";
+}
+
+TEST_F(FileTags, TheFirstChannelInValueOrderRecognisesAName) {
+  // clang-format off
+  const std::vector<std::pair<const wchar_t*, int>> cases = {
+      {L"/m/brick_Color.png", PT_Color}, {L"_Color.png", PT_Color}, {L"x_ALPHAMASKED.png", PT_Color},
+      {L"brick_color_2k.jpg", PT_Color}, {L"wall_NRM16.tif", PT_NormalMap}, {L"shiny_Specular.png", PT_Specular},
+      {L"c_ClearcoatFlatten.png", PT_ClearcoatFlatten}, {L"coat_ClearcoatColor.png", PT_ClearcoatTint},
+      {L"_Colorful.png", PT_UNDEFINED}, {L"brick.png", PT_UNDEFINED}, {L"", PT_UNDEFINED}};
+  // clang-format on
+  for (const auto& [name, type] : cases)
+    EXPECT_EQ(GetTypeFromFileTags(ZELPath(name)), type) << ZELString(name);
+  SetFileTagProperty(PT_Bump, L"_height");
+  EXPECT_EQ(GetTypeFromFileTags(ZELPath(L"dune_height.png")), PT_Bump) << "bump precedes displacement";
+  xml::SetProperty("filetags/Enabled", false, "kor");
+  EXPECT_EQ(GetTypeFromFileTags(ZELPath(L"brick_Color.png")), PT_UNDEFINED);
+}
+
+TEST_F(FileTags, ChannelFilesAreSearchedTagByTagThenExtensionByExtension) {
+  for (const char* name :
+       {"brick_Normal.png", "brick_NRM.exr", "brick_map.png", "wall_Roughness_2k.tga",
+        "wall_Displacement.jpg", "rock_Normal.png", "rock_VAR2_Normal.png", "rock_VAR3_Normal.tga"})
+    std::ofstream(folder_ / name) << "x";
+  // The first tag wins over an earlier extension; variants share the plain material's files, the
+  // variant's own file coming first unless a plain one has an earlier extension; "_VAR" without a number
+  // is no variant. The tag is replaced where it stood, and a name without one gets the target's appended.
+  const std::vector<std::tuple<const char*, EPictureType, const char*>> cases = {
+      {"brick_Color.png", PT_NormalMap, "brick_Normal.png"},
+      {"rock_VAR17_Color.jpg", PT_NormalMap, "rock_Normal.png"},
+      {"rock_VAR2_Color.png", PT_NormalMap, "rock_VAR2_Normal.png"},
+      {"rock_VAR3_Color.png", PT_NormalMap, "rock_Normal.png"},
+      {"rock_VAR_Color.png", PT_NormalMap, nullptr},
+      {"wall_Color_2k.png", PT_Roughness, "wall_Roughness_2k.tga"},
+      {"wall.bmp", PT_Displacement, "wall_Displacement.jpg"},
+      {"brick_Color.png", PT_Data, nullptr},
+      {"brick_Color.png", PT_UNDEFINED, nullptr}};
+  for (const auto& [source, target, found] : cases)
+    EXPECT_EQ(Find(source, target), found ? In(found) : ZELString()) << source << " " << target;
+  fs::remove(folder_ / "brick_Normal.png");
+  EXPECT_EQ(Find("brick_Color.png", PT_NormalMap), In("brick_NRM.exr"));
+  xml::SetProperty("filetags/Enabled", false, "kor");
+  EXPECT_TRUE(Find("brick_Color.png", PT_NormalMap).IsEmpty());
 }
 
 }  // namespace

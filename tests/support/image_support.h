@@ -4,7 +4,6 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -18,7 +17,7 @@
 
 namespace imagery::testing_support {
 
-// Holds one reference on an implementation for the duration of a test.
+// Holds one reference on an implementation for the duration of a test (none once `impl` is reset).
 struct ImplHolder {
   explicit ImplHolder(ImageImpl* held) : impl(held->AddRef()) {}
   ImplHolder(const ImplHolder&) = delete;
@@ -57,9 +56,8 @@ class TempFolder {
   }
   const std::filesystem::path& path() const { return path_; }
   std::filesystem::path Write(const std::string& name, const std::string& contents = "x") const {
-    const std::filesystem::path file = path_ / name;
-    std::ofstream(file, std::ios::binary) << contents;
-    return file;
+    std::ofstream(path_ / name, std::ios::binary) << contents;
+    return path_ / name;
   }
 
  private:
