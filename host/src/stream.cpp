@@ -88,6 +88,16 @@ bool ZELStream::ReadSInt32(int& value) {
   return ReadTyped(value);
 }
 
+bool ZELStream::ReadSIntAnyWidth(int& value) {
+  short narrow = 0;
+  if (ReadTyped(value))
+    return true;
+  if (!ReadTyped(narrow))
+    return false;
+  value = narrow;
+  return true;
+}
+
 bool ZELStream::WriteStdString(const std::string& bytes) {
   if (bytes.size() > std::numeric_limits<std::uint32_t>::max())
     return false;

@@ -11,10 +11,11 @@
 #include <iosfwd>
 #include <memory>
 
+#include <boost/function.hpp>
 #include <boost/property_tree/ptree.hpp>
 
-#include "imagery/export.h"
 #include "imagery/color.h"
+#include "imagery/export.h"
 #include "imagery/gamma.h"
 #include "imagery/image_impl.h"
 #include "imagery/picture_type.h"
@@ -25,6 +26,8 @@
 #include "imagery_host/md5.h"
 #include "imagery_host/zel_path.h"
 #include "imagery_host/zel_string.h"
+
+class ZELStream;
 
 namespace imagery {
 
@@ -56,6 +59,47 @@ class IMAGERY_API Image {
   virtual void Reset();
   virtual void MergeImpl(ImageImpl* impl);
   virtual ZELString GetUniquePathIdentifier() const;
+
+  // --- Scene stream (image_stream.h has the chunk layout) -----------------------------------------------
+  // What WriteNonEncapsulated decided: the first flag asks the writer to add the pixel bits, the second
+  // tells it that a subclass already stored the file contents itself. Both start false.
+  struct IncorporationStatus {
+    bool writeBits = false;
+    bool storedByHost = false;
+  };
+  // Reads one image chunk. The handle first gets a 1 x 1 placeholder carrying the path read; a referenced
+  // image is then loaded through the factory's reader (and so through the image list), an incorporated
+  // one from its bits. `requested` goes to the reader; IT_Grayscale8 also turns an IT_RGB8 result grey.
+  // False on damaged data (the stream's error names the cause when the chunk is not an image chunk or a
+  // check of the bits fails) or when the file cannot be loaded (its error becomes the stream's).
+  virtual bool Read(ZELStream* stream, EImageType requested);
+  // Called inside the file reference chunk after its three values; a subclass reads what it wrote there.
+  virtual bool FinishReadingIncorporationChunk(ZELStream* stream, bool incorporated, EImageType requested);
+  // Writes the image chunk. The pixel bits go in when `incorporate` is set, or when the image has no path
+  // or an internal one ("ZEL_Internal..." leaf) and is not the factory's default image; otherwise the
+  // chunk refers to the file. `forVexExport` rewrites drive-letter and network paths (FileNameForVEXCP).
+  virtual bool Write(ZELStream* stream, bool incorporate, bool forVexExport) const;
+  // The three values of the file reference chunk, which the caller has opened.
+  virtual bool WriteNonEncapsulated(ZELStream* stream, IncorporationStatus& status, bool incorporated) const;
+
+  // Reads the next sub-chunk of an image chunk, reporting what it found through the references.
+  bool ReadChunk(ZELStream* stream, bool& bitsRead, bool& synchronized, int& width, int& height,
+                 EPictureType& pictureType, GammaValue& gamma, EImageType requested);
+  // Each opens the next chunk (kBitsChunk, kBitsV0Chunk), builds a new implementation from it and gives
+  // it to this handle, keeping the transformations. On failure the handle keeps its implementation.
+  bool ReadImageBitsV1(ZELStream* stream);
+  bool ReadImageBitsV0(ZELStream* stream);
+  // The transformation and exposure chunks, then the identity of the shared implementation: for digests
+  // that tell pixels plus transformations apart. Never stored.
+  bool WriteForMD5(ZELStream* stream) const;
+  // The path for export: "D:\a\b.png" becomes "C:\a\b.png", "\\server\share" becomes
+  // "C:\server\share"; other paths are unchanged.
+  ZELString FileNameForVEXCP() const;
+
+  // Applied, when set, to the path of an image whose file reference says it is incorporated.
+  static boost::function<ZELPath(const ZELPath&)> FixFileName;
+  // When true, Write replaces every path by an anonymous one built from its digest and its leaf.
+  static bool fixFileNameForVexExport_;
 
   // --- Implementations --------------------------------------------------------------------------------
   void ShareImpl(ImageImpl* impl);

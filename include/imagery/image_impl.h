@@ -103,6 +103,8 @@ class IMAGERY_API ImageImpl {
   virtual void CommonCopyTo(ImageImpl* destination, CareAboutIncorporation care) const;
   // Answers whether it destroyed the implementation.
   virtual bool RemoveRef();
+  // Writes the pixel bits chunk: header, gamma, picture type and title when set, then level 0's rows.
+  virtual bool Write(ZELStream* stream) const;
   // The destructor unregisters the implementation and releases the shared record and the next version.
   virtual ~ImageImpl();
 
@@ -168,6 +170,7 @@ class IMAGERY_API ImageImpl {
   const ZELString& Title() const { return title_; }
   void SetTitle(const ZELString& title) { title_ = title; }
   const zel_uid::PermUID& UniqueId() const { return uniqueId_; }
+  void SetUniqueId(const zel_uid::PermUID& id) { uniqueId_ = id; }
   // Offered to the host; the library never takes it.
   zel::CriticalSection& Lock() const { return lock_; }
 
@@ -212,6 +215,11 @@ class IMAGERY_API ImageImpl {
   void CopyMemoryFrom(const ImageImpl& source);
   // Exchanges level 0 and both mip chains; everything else stays.
   void SwapAllPixelData(ImageImpl& other);
+  // Level 0's height x row bytes, row padding included, raw. ReadMemory fills the plane as it is
+  // allocated; WriteMemoryTo copies at most `size` bytes.
+  bool WriteMemory(ZELStream* stream) const;
+  bool WriteMemoryTo(unsigned char* buffer, long long size) const;
+  bool ReadMemory(ZELStream* stream);
   // MD5 of level 0's bytes, row padding included.
   void BuildFirstReadCheckSum();
   const MD5digest& GetFirstReadCheckSum() const { return firstReadCheckSum_; }

@@ -10,10 +10,13 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "imagery/export.h"
 #include "imagery/color.h"
+#include "imagery/export.h"
 #include "imagery_host/enum_combiner.h"
 #include "imagery_host/md5.h"
+
+class ZELStream;
+class ZELReadChunk;
 
 namespace imagery {
 
@@ -63,6 +66,21 @@ class IMAGERY_API ImageTransformations {
     return *this;
   }
   void Swap(ImageTransformations& other) noexcept;
+
+  // --- Scene stream ----------------------------------------------------------------------------------
+  // The transformation chunk (angle, colour inversion, mirrors, DPI, normal and alpha inversions, normal
+  // green inversion), then the exposure and contrast chunk; each writer opens its own chunk.
+  bool Write(ZELStream* stream) const;
+  bool WriteTransformation(ZELStream* stream) const;
+  bool WriteExposureContrast(ZELStream* stream) const;
+  // Reads the sub-chunks of `parent`, already open, up to its end; other chunks are skipped. False on the
+  // first failure.
+  bool Read(ZELStream* stream, const ZELReadChunk& parent);
+  // The data of an open transformation chunk. Older chunks end after the DPI or after the alpha
+  // inversion: the flags they lack keep their values.
+  bool ReadTransformationChunk(ZELStream* stream, const ZELReadChunk& chunk);
+  // The data of an open exposure and contrast chunk; with the flag clear both values become 0.
+  bool ReadExposureContrastChunk(ZELStream* stream);
 
   // Exact comparison of every field; flags compare as the whole 64-bit set.
   friend bool operator==(const ImageTransformations& a, const ImageTransformations& b) {

@@ -142,6 +142,8 @@ class ZELStream {
   bool CheckReadChunk(unsigned short tag);
   // A typed 32-bit int.
   bool ReadSInt32(int& value);
+  // A typed 32-bit int, or the typed 16-bit value that older chunks hold in its place (widened).
+  bool ReadSIntAnyWidth(int& value);
 
   bool WriteString(const ZELString& text);
   bool ReadString(ZELString& text);

@@ -1,0 +1,488 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+#include "imagery/conversions.h"
+#include "imagery/gamma_settings.h"
+#include "imagery/image.h"
+#include "imagery/image_factory.h"
+#include "imagery/image_list.h"
+#include "imagery/image_stream.h"
+#include "imagery/resample.h"
+#include "imagery_host/logger.h"
+#include "imagery_host/stream.h"
+#include "support/random_image.h"
+
+namespace imagery {
+namespace {
+
+using testing_support::Bytes;
+using testing_support::kAllFormats;
+using testing_support::PlaneBytes;
+using testing_support::RandomImage;
+
+Bytes Written(const Image& image, bool incorporate, bool forExport = false) {
+  ZELMemoryStream stream;
+  EXPECT_TRUE(image.Write(&stream, incorporate, forExport));
+  return stream.Bytes();
+}
+
+// The ids of the image chunk's sub-chunks, and its path.
+std::vector<unsigned short> SubChunks(const Bytes& bytes, ZELPath* path = nullptr) {
+  ZELMemoryStream stream(bytes);
+  ZELReadChunk image;
+  ZELPath read;
+  std::vector<unsigned short> ids;
+  if (!image.InitChunk(&stream) || !stream.ReadPath(read))
+    return ids;
+  while (image.HasMoreData()) {
+    ZELReadChunk sub;
+    if (!sub.InitChunk(&stream))
+      break;
+    ids.push_back(sub.GetID());
+  }
+  if (path)
+    *path = read;
+  return ids;
+}
+
+bool Has(const std::vector<unsigned short>& ids, unsigned short id) {
+  return std::find(ids.begin(), ids.end(), id) != ids.end();
+}
+
+// Writes old layouts value by value: typed values are a 16-bit tag, then the value.
+struct OldChunkWriter {
+  ZELMemoryStream stream;
+  void Int(int v) { stream.WriteSwap<unsigned short>(2), stream.WriteSwap(v); }
+  void Short(short v) { stream.WriteSwap<unsigned short>(1), stream.WriteSwap(v); }
+  void Byte(unsigned char v) { stream.WriteSwap<unsigned short>(0), stream.WriteSwap(v); }
+  void Float(float v) { stream.WriteSwap<unsigned short>(3), stream.WriteSwap(v); }
+  void Double(double v) { stream.WriteSwap<unsigned short>(4), stream.WriteSwap(v); }
+};
+
+// A bits chunk of version 1 built from its parts, inside an image chunk without a path.
+Bytes BitsImageChunk(const std::function<void(OldChunkWriter&)>& insideBits) {
+  OldChunkWriter w;
+  {
+    ZELWriteChunk image(&w.stream, kImageChunk);
+    w.stream.WritePath(ZELPath());
+    ZELWriteChunk bits(&w.stream, kBitsChunk);
+    insideBits(w);
+  }
+  return w.stream.Bytes();
+}
+
+void Header(OldChunkWriter& w, int type, int height, int width, int rowBytes, int bitsPerPixel) {
+  ZELWriteChunk header(&w.stream, kBitsHeaderChunk);
+  for (int v : {type, height, width, rowBytes, bitsPerPixel})
+    w.Int(v);
+}
+
+void Rows(OldChunkWriter& w, std::size_t count) {
+  ZELWriteChunk data(&w.stream, kBitsDataChunk);
+  w.stream.Write(Bytes(count, 0x5A).data(), count);
+}
+
+// Reads `bytes` into `image`; the stream's error tag goes to `tag` ("" when none).
+bool ReadInto(Image& image, const Bytes& bytes, std::string* tag = nullptr,
+              EImageType requested = IT_UNDEFINED, int version = ZELStream::kCurrentVersion) {
+  ZELMemoryStream stream(bytes, ZELByteOrder::LittleEndian, version);
+  const bool read = image.Read(&stream, requested);
+  if (tag)
+    *tag = stream.GetError().IsBad() ? stream.GetError().ToString() : "";
+  return read;
+}
+
+// Picture files of these tests: a text line "width height grey", always read as IT_RGB8; the reader asks
+// the image list first, as a host's reader does.
+std::atomic<int> g_fileReads{0};
+zel::ErrorCode ReadTextPicture(Image* image, const ZELPath& path, EImageType, int*,
+                               const ReadOptions& options) {
+  if (!options.bypassReaderCache &&
+      ImageList::Instance().Load(image, path, IT_RGB8, AutoScaleGrayScale(false)))
+    return zel::ErrorCode();
+  std::ifstream in(path.local_string());
+  int width = 0, height = 0;
+  float grey = 0;
+  if (!(in >> width >> height >> grey) || width < 1 || height < 1)
+    return zel::ErrorCode::Io("not a test picture");
+  ++g_fileReads;
+  Image loaded(width, height, IT_RGB8, gamma::sRGB);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x)
+      loaded.SetPixelRGB(x, y, {grey, grey, grey}, ATO_None);
+  loaded.SetFilePath(path);
+  loaded.UpdateLastModif();
+  *image = loaded;
+  return zel::ErrorCode();
+}
+
+class ReferencedImages : public ::testing::Test {
+ protected:
+  void SetUp() override { ImageFactory::GetInstance().SetAdditionalFeaturesFunc(&ReadTextPicture); }
+  void TearDown() override {
+    ImageFactory::GetInstance().SetAdditionalFeaturesFunc(nullptr);
+    std::filesystem::remove_all(folder_);
+  }
+  ZELPath File(const std::string& name, const std::string& contents) {
+    std::filesystem::create_directories(folder_);
+    std::ofstream(folder_ / name) << contents;
+    return ZELPath(ZELString::FromUTF8((folder_ / name).string()));
+  }
+  std::filesystem::path folder_ = std::filesystem::temp_directory_path() /
+                                  ("imagery_stream_" + std::to_string(::getpid()) + "_" +
+                                   ::testing::UnitTest::GetInstance()->current_test_info()->name());
+};
+
+TEST(ImageStream, IncorporatedImagesComeBackBitForBitWithEverythingTheHandleCarries) {
+  for (EImageType type : kAllFormats) {
+    SCOPED_TRACE(type);
+    Image original = RandomImage(type, 5, 3, type == IT_RGB8 ? GammaValue(2.2f) : gamma::sRGB, 7 + type);
+    original.SetPtype(static_cast<EPictureType>(type));
+    original.SetTitle(L"t\u00eftre");
+    original.SetRotationAngle(90.0f);
+    original.MirrorX();
+    original.SetExposure(0.5f);
+    original.SetInvertedAlpha(true);
+    original.SetInvertedNormalGreen(true);
+    original.DPI(300);
+    original.ExtraAttributes().put("maker.tool", "brush \"soft\"");
+    original.ExtraAttributes().put("IsDummy", true);
+
+    Image read(2, 2, IT_Grayscale16);
+    ASSERT_TRUE(ReadInto(read, Written(original, true)));
+    EXPECT_EQ(read.ImageType(), type);
+    EXPECT_EQ(read.GetGamma(), original.GetGamma());
+    EXPECT_EQ(PlaneBytes(read), PlaneBytes(original));
+    EXPECT_EQ(read.GetTransformations(), original.GetTransformations());
+    EXPECT_EQ(read.ExtraAttributes(), original.ExtraAttributes());
+    EXPECT_EQ(read.GetPtype(), original.GetPtype());
+    EXPECT_EQ(read.Title(), original.Title());
+    EXPECT_EQ(read.GetImplRef().UniqueId(), original.GetImplRef().UniqueId());
+    EXPECT_NE(read.GetImpl(), original.GetImpl());
+  }
+}
+
+TEST(ImageStream, WriterChoosesBitsOrReferenceAndStoresGammaAsSRGBWhenUnset) {
+  Image noPath = RandomImage(IT_RGB8, 3, 2, gamma::NotSet, 1);
+  noPath.SetPtype(PT_Bump);
+  Image internal = RandomImage(IT_RGB8, 3, 2, gamma::sRGB, 2);
+  internal.SetFilePath(L"/scene/ZEL_Internal_12.png");
+  for (const Image* image : {&noPath, &internal}) {
+    const std::vector<unsigned short> ids = SubChunks(Written(*image, false));
+    EXPECT_TRUE(Has(ids, kBitsChunk));
+    EXPECT_FALSE(Has(ids, kFileReferenceChunk) || Has(ids, kGammaChunk) || Has(ids, kPictureTypeChunk));
+  }
+  Image empty;
+  EXPECT_FALSE(Has(SubChunks(Written(empty, false)), kBitsChunk));
+  EXPECT_TRUE(Has(SubChunks(Written(empty, true)), kBitsChunk));
+
+  // Unset and zero gammas are written as sRGB, in the bits and in a file reference.
+  for (GammaValue gamma : {gamma::NotSet, GammaValue(0.0f)}) {
+    Image referenced(2, 2, IT_RGB8, gamma::Linear);
+    referenced.SetFilePath(L"/textures/a.png");
+    referenced.GetImplRef().Plane().SetGamma(gamma);
+    ZELMemoryStream stream(Written(referenced, false));
+    ZELReadChunk image, sub;
+    ZELPath path;
+    float stored = 0;
+    ASSERT_TRUE(image.InitChunk(&stream) && stream.ReadPath(path));
+    while (sub.InitChunk(&stream) && sub.GetID() != kGammaChunk)
+      sub.Close();
+    ASSERT_TRUE(stream.ReadTyped(stored));
+    EXPECT_EQ(stored, -2.0f);
+    Image bits;
+    noPath.GetImplRef().Plane().SetGamma(gamma);
+    ASSERT_TRUE(ReadInto(bits, Written(noPath, true)));
+    EXPECT_EQ(bits.GetGamma(), gamma::sRGB);
+  }
+}
+
+TEST(ImageStream, ExportPathsAndAnonymousPaths) {
+  Image image(1, 1, IT_RGB8);
+  const std::pair<const wchar_t*, const wchar_t*> cases[] = {
+      {L"D:\\textures\\a.png", L"C:\\textures\\a.png"},
+      {L"\\\\server\\share\\a.png", L"C:\\server\\share\\a.png"},
+      {L"/textures/a.png", L"/textures/a.png"},
+  };
+  for (const auto& [path, exported] : cases) {
+    image.SetFilePath(path);
+    EXPECT_EQ(image.FileNameForVEXCP(), ZELString(exported));
+    ZELPath written;
+    SubChunks(Written(image, false, true), &written);
+    EXPECT_EQ(written.GetString(), ZELString(exported));
+  }
+  Image::fixFileNameForVexExport_ = true;
+  image.SetFilePath(L"D:\\textures\\a.png");
+  ZELPath written;
+  SubChunks(Written(image, false, true), &written);
+  Image::fixFileNameForVexExport_ = false;
+  const std::string text = "D:\\textures\\a.png";
+  EXPECT_EQ(written.GetString(), ZELString(L"C:/##Tessark_Dummy##/") +
+                                     ZELString::FromUTF8(ComputeMD5(text.data(), text.size()).ToHex()) +
+                                     ZELString(L"/a.png"));
+}
+
+TEST(ImageStream, OlderLayoutsReadToTheirValues) {
+  // Bits of version 0 with 16-bit typed numbers, a transformation chunk ending after the DPI and an
+  // exposure chunk whose flag is clear, in a stream too old for the permanent identifier.
+  OldChunkWriter w;
+  const zel_uid::PermUID skippedId = zel_uid::PermUID::Generate();
+  const unsigned char rgb[8] = {1, 2, 3, 4, 5, 6, 0, 0};
+  {
+    ZELWriteChunk image(&w.stream, kImageChunk);
+    w.stream.WritePath(ZELPath(L"/old/scene.png"));
+    {
+      ZELWriteChunk transformation(&w.stream, kTransformationChunk);
+      w.Double(180.0), w.Byte(1), w.Byte(0), w.Byte(1), w.Short(96);
+    }
+    {
+      ZELWriteChunk exposure(&w.stream, kExposureContrastChunk);
+      w.Byte(0), w.Float(0.5f), w.Float(0.25f);
+    }
+    {
+      ZELWriteChunk bits(&w.stream, kBitsV0Chunk);
+      w.Short(IT_RGB8), w.Int(1), w.Short(2), w.Int(8), w.Short(24);
+      w.stream.Write(rgb, sizeof rgb);
+    }
+    {
+      ZELWriteChunk id(&w.stream, kPermanentIdChunk);
+      skippedId.Write(&w.stream);
+    }
+    ZELWriteChunk gamma(&w.stream, kGammaChunk);
+    w.Float(0.0f);
+  }
+  Image image;
+  image.SetInvertedNormal(true);
+  image.SetInvertedNormalGreen(true);
+  GetCurrentGammaSettings().SetInputGamma(GammaValue(1.8f));
+  ASSERT_TRUE(ReadInto(image, w.stream.Bytes(), nullptr, IT_UNDEFINED, kPermanentIdStreamVersion - 1));
+  EXPECT_EQ(PlaneBytes(image), Bytes(rgb, rgb + 8));
+  EXPECT_EQ(image.FilePath(), ZELPath(L"/old/scene.png"));
+  EXPECT_EQ(image.GetAngle(), 180.0);
+  EXPECT_TRUE(image.GetInvertedColor() && image.GetMirrorY() && !image.GetMirrorX());
+  EXPECT_EQ(image.DPI(), 96);
+  EXPECT_TRUE(image.GetInvertedNormal() && image.GetInvertedNormalGreen()) << "absent from the short form";
+  EXPECT_FALSE(image.HasExposureOrContrast());
+  EXPECT_EQ(image.GetExposure(), 0.0f);
+  EXPECT_EQ(image.GetContrast(), 0.0f);
+  EXPECT_NE(image.GetImplRef().UniqueId(), skippedId) << "written before identifiers were kept";
+  EXPECT_EQ(image.GetGamma(), GammaValue(1.8f)) << "a stored 0 takes the input gamma of the format";
+  GetCurrentGammaSettings().SetInputGamma(gamma::sRGB);
+
+  // The eight-bit grey type stored with three or four bytes per pixel is 16-bit grey in RGB bytes.
+  for (int bytesPerPixel : {3, 4}) {
+    Image grey;
+    ASSERT_TRUE(ReadInto(grey, BitsImageChunk([&](OldChunkWriter& b) {
+                           Header(b, IT_Grayscale8, 1, 1, 4, bytesPerPixel * 8);
+                           Rows(b, 4);
+                         })));
+    EXPECT_EQ(grey.ImageType(), bytesPerPixel == 3 ? IT_RGEncoded : IT_RGEncodedAlpha);
+    EXPECT_EQ(grey.GetGamma(), gamma::NotSet) << "no gamma chunk";
+  }
+}
+
+TEST(ImageStream, EveryDamagedBitsChunkFailsWithItsTagAndTheHandleKeepsItsPixels) {
+  struct Case {
+    const char* tag;
+    std::function<void(OldChunkWriter&)> bits;
+  };
+  const Case v1[] = {
+      {"IMGRD1271", [](OldChunkWriter& w) { Header(w, IT_UNDEFINED, 1, 1, 4, 24); }},
+      {"IMGRD1274", [](OldChunkWriter& w) { Header(w, IT_RGB8, 1, 0, 4, 24); }},
+      {"IMGRD1283", [](OldChunkWriter& w) { Rows(w, 4); }},
+      {"IMGRD1291", [](OldChunkWriter& w) { Header(w, IT_RGB8, 1, 1, 0, 24), Rows(w, 4); }},
+      {"IMGRD1295", [](OldChunkWriter& w) { Header(w, IT_RGB8, 1, 1, 4, 7), Rows(w, 4); }},
+      {"IMGRD1176", [](OldChunkWriter& w) { Header(w, IT_RGBA8, 1, 1, 4, 24), Rows(w, 4); }},
+      {"IMGRD1176", [](OldChunkWriter& w) { Header(w, IT_Grayscale8, 1, 1, 4, 16), Rows(w, 4); }},
+  };
+  for (const Case& c : v1) {
+    SCOPED_TRACE(c.tag);
+    Image image(2, 2, IT_RGBA8);
+    const ImageImpl* before = image.GetImpl();
+    ZELMemoryStream stream(BitsImageChunk(c.bits));
+    ZELReadChunk outer;
+    ZELPath path;
+    ASSERT_TRUE(outer.InitChunk(&stream) && stream.ReadPath(path));
+    EXPECT_FALSE(image.ReadImageBitsV1(&stream));
+    EXPECT_EQ(stream.GetError().Tag(), c.tag);
+    EXPECT_EQ(image.GetImpl(), before);
+  }
+  const std::pair<const char*, std::vector<int>> v0[] = {
+      {"IMGRD1372", {IT_RGB8, 0, 1, 4, 24}},  {"IMGRD1378", {IT_RGB8, 1, 1, 0, 24}},
+      {"IMGRD1384", {IT_RGB8, 1, 1, 4, 7}},   {"IMGRD1273", {IT_UNDEFINED, 1, 1, 4, 24}},
+      {"IMGRD1273", {IT_RGB16, 1, 1, 8, 24}},
+  };
+  for (const auto& [tag, ints] : v0) {
+    OldChunkWriter w;
+    {
+      ZELWriteChunk bits(&w.stream, kBitsV0Chunk);
+      for (int v : ints)
+        w.Int(v);
+      w.stream.Write(Bytes(16).data(), 16);
+    }
+    Image image;
+    w.stream.Rewind();
+    EXPECT_FALSE(image.ReadImageBitsV0(&w.stream));
+    EXPECT_EQ(w.stream.GetError().Tag(), tag);
+    EXPECT_TRUE(image.IsEmpty());
+  }
+  // Anything but an image chunk where one is expected.
+  OldChunkWriter other;
+  { ZELWriteChunk bits(&other.stream, kBitsChunk); }
+  std::string tag;
+  Image image;
+  EXPECT_FALSE(ReadInto(image, other.stream.Bytes(), &tag));
+  EXPECT_EQ(tag, "IMGRD1124");
+  EXPECT_TRUE(image.IsEmpty());
+}
+
+// Counts the implementations its images ask for.
+struct CountingFactory : ImageFactory {
+  ImageImpl* CreateImpl(int width, int height, EImageType type, GammaValue gamma,
+                        NewPixels pixels) const override {
+    ++created;
+    return ImageFactory::CreateImpl(width, height, type, gamma, pixels);
+  }
+  mutable int created = 0;
+};
+struct CountingImage : Image {
+  using Image::Image;
+  const ImageFactory* GetFactory() const override { return &factory; }
+  static inline CountingFactory factory;
+};
+
+TEST(ImageStream, TruncatedOrLyingChunksFailCleanlyWithoutAllocatingWhatTheyPromise) {
+  Image source = RandomImage(IT_RGBA16, 3, 2, gamma::sRGB, 3);
+  source.ExtraAttributes().put("a", "b");
+  const Bytes whole = Written(source, true);
+  Image image(4, 4, IT_RGB8);
+  const ImageImpl* before = image.GetImpl();
+  for (std::size_t size = 0; size < whole.size(); ++size) {
+    std::string tag;
+    ASSERT_FALSE(ReadInto(image, Bytes(whole.begin(), whole.begin() + size), &tag)) << size;
+    ASSERT_EQ(tag, "IMGRD1124") << size;
+    ASSERT_EQ(image.GetImpl(), before);
+  }
+
+  CountingImage huge;
+  const Bytes promise = BitsImageChunk([](OldChunkWriter& w) {
+    Header(w, IT_RGBA32f, 100000, 100000, 1600000, 128);
+    Rows(w, 64);
+  });
+  const int createdBefore = CountingImage::factory.created;
+  EXPECT_FALSE(ReadInto(huge, promise));
+  EXPECT_EQ(CountingImage::factory.created, createdBefore + 1) << "only the 1 x 1 placeholder";
+  EXPECT_EQ(huge.Width(), 1);
+}
+
+TEST_F(ReferencedImages, ReadBackThroughTheImageListAtTheStoredSizeAndSurviveMissingFiles) {
+  const ZELPath path = File("rock.txt", "8 6 0.5");
+  Image loaded;
+  int extra = 0;
+  ASSERT_TRUE(loaded.ReadFromSource(path, IT_RGB8, extra, ReadOptions()).IsOk());
+  loaded.SetPtype(PT_Roughness);
+  loaded.MirrorY();
+  const std::vector<unsigned short> ids = SubChunks(Written(loaded, false));
+  EXPECT_TRUE(Has(ids, kFileReferenceChunk) && Has(ids, kPictureTypeChunk) && !Has(ids, kBitsChunk));
+
+  const int reads = g_fileReads;
+  Image shared;
+  ASSERT_TRUE(ReadInto(shared, Written(loaded, false)));
+  EXPECT_EQ(shared.GetImpl(), loaded.GetImpl()) << "the file already loaded is shared";
+  EXPECT_EQ(g_fileReads, reads);
+  EXPECT_TRUE(shared.GetMirrorY());
+
+  // A texture reduced in place keeps its full pixels as a backup: the stream records the reduced size,
+  // and the image comes back reduced.
+  ResampleOpts inPlace;
+  inPlace.implManagement = IM_InPlace;
+  Resample(loaded, 4, 3, inPlace);
+  const Bytes reduced = Written(loaded, false);
+  EXPECT_TRUE(Has(SubChunks(reduced), kDownSampledSizeChunk));
+  Image small;
+  ASSERT_TRUE(ReadInto(small, reduced));
+  EXPECT_EQ(small.Width(), 4);
+  EXPECT_EQ(small.Height(), 3);
+  Resample(loaded, 4, 6, inPlace);
+  EXPECT_FALSE(Has(SubChunks(Written(loaded, false)), kDownSampledSizeChunk)) << "one side only";
+
+  // A missing file fails with the reader's error; the next image of the stream still reads.
+  Image missing(2, 2, IT_RGB8);
+  missing.SetFilePath(File("gone.txt", "not a picture"));
+  ZELMemoryStream two;
+  ASSERT_TRUE(missing.Write(&two, false, false) &&
+              RandomImage(IT_RGB8, 2, 2, gamma::sRGB, 4).Write(&two, false, false));
+  two.Rewind();
+  Image first, second;
+  EXPECT_FALSE(first.Read(&two, IT_UNDEFINED));
+  EXPECT_EQ(two.GetError().Message(), "not a test picture");
+  two.SetError(zel::ErrorCode());
+  EXPECT_TRUE(second.Read(&two, IT_UNDEFINED));
+  EXPECT_EQ(second.Width(), 2);
+}
+
+TEST_F(ReferencedImages, GreyRequestsAndTheLogLines) {
+  const ZELPath path = File("grey.txt", "2 2 0.5");
+  Image colour;
+  int extra = 0;
+  ASSERT_TRUE(colour.ReadFromSource(path, IT_RGB8, extra, ReadOptions()).IsOk());
+  const zel_uid::PermUID id = colour.GetImplRef().UniqueId();
+  colour.SetPtype(PT_Color);
+
+  std::vector<std::wstring> lines;
+  std::mutex mutex;
+  Logger::instance().Enable(L"gamma", L"TRACE");
+  Logger::instance().Enable(L"image", L"DEBUG");
+  const Logger::Sink previous = Logger::instance().SetSink([&](const LogRecord& record) {
+    std::lock_guard<std::mutex> lock(mutex);
+    lines.emplace_back(record.message);
+  });
+  Image grey;
+  const bool read = ReadInto(grey, Written(colour, false), nullptr, IT_Grayscale8);
+  Logger::instance().SetSink(previous);
+  Logger::instance().Disable(L"gamma");
+  Logger::instance().Disable(L"image");
+  ASSERT_TRUE(read);
+  EXPECT_EQ(grey.ImageType(), IT_Grayscale8);
+  EXPECT_EQ(grey.GetImplRef().UniqueId(), id) << "the identifier survives the conversion";
+  const std::vector<std::wstring> expected = {L"Image::Read----------------------------",
+                                              L"KORCHUNK_IMAGE_GAMMA is -2", L"Set ptype PT_Color",
+                                              L"Set gamma with incorporatedGamma -2"};
+  for (const std::wstring& line : expected)
+    EXPECT_NE(std::find(lines.begin(), lines.end(), line), lines.end())
+        << std::string(line.begin(), line.end());
+}
+
+TEST(ImageStream, RawTransfersAndDigestForms) {
+  Image image = RandomImage(IT_RGB8, 3, 2, gamma::sRGB, 5);
+  const Bytes plane = PlaneBytes(image);
+  Bytes buffer(5, 0xEE);
+  EXPECT_TRUE(image.GetImplRef().WriteMemoryTo(buffer.data(), 3));
+  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 3), Bytes(plane.begin(), plane.begin() + 3));
+  EXPECT_EQ(buffer[3], 0xEE);
+
+  // Digests of the written form tell transformations and implementations apart, and nothing else.
+  const auto digest = [](const Image& i) {
+    ZELMemoryStream stream;
+    EXPECT_TRUE(i.WriteForMD5(&stream));
+    return ComputeMD5(stream.Bytes().data(), stream.Bytes().size());
+  };
+  Image same(image);
+  same.ExtraAttributes().put("x", 1);
+  EXPECT_EQ(digest(same), digest(image));
+  same.MirrorX();
+  EXPECT_NE(digest(same), digest(image));
+  Image copy = RandomImage(IT_RGB8, 3, 2, gamma::sRGB, 5);
+  EXPECT_NE(digest(copy), digest(image));
+}
+
+}  // namespace
+}  // namespace imagery
