@@ -30,6 +30,7 @@
 #include "imagery/image_factory.h"
 #include "imagery/image_impl.h"
 #include "imagery/image_list.h"
+#include "imagery/image_stream.h"
 #include "imagery/normal_encoding.h"
 #include "imagery/picture_type.h"
 #include "imagery/pixel_access.h"
