@@ -261,6 +261,41 @@ double Time(F&& work) {
   return MillisecondsSince(start);
 }
 
+// A scene file holding the sample by reference (its path and what rebuilds the same pixels) and a picture
+// made in memory with its pixels incorporated, read back as a scene is opened.
+void ShowSceneStream(const std::filesystem::path& folder, const imagery::Image& sample) {
+  using namespace imagery;
+  Image painted(6, 4, IT_RGBA8, gamma::sRGB);
+  for (int y = 0; y < 4; ++y)
+    for (int x = 0; x < 6; ++x)
+      painted.SetPixelRGBA(x, y, {x / 5.0f, y / 3.0f, 0.5f, 1.0f}, ATO_None);
+  painted.SetTitle(L"painted in memory");
+  Image mirrored(sample);
+  mirrored.MirrorX();
+
+  const ZELPath scene(ZELString::FromUTF8((folder / "scene.bin").string()));
+  {
+    ZELFileStream out(scene, ZELFileStream::Mode::Write);
+    const bool written =
+        mirrored.Write(&out, false, false) && painted.Write(&out, false, false) && out.Close();
+    std::printf(
+        "  a scene file with the sample by reference and a painted picture incorporated: %s, %llu bytes\n",
+        written ? "written" : "NOT written",
+        static_cast<unsigned long long>(std::filesystem::file_size(folder / "scene.bin")));
+  }
+  ZELFileStream in(scene, ZELFileStream::Mode::Read);
+  Image reference, incorporated;
+  const bool read = reference.Read(&in, IT_RGB8) && incorporated.Read(&in, IT_RGBA8);
+  const PixelPlane& a = painted.GetImplRef().Plane();
+  const PixelPlane& b = incorporated.GetImplRef().Plane();
+  const bool same = a.ByteSize() == b.ByteSize() && std::memcmp(a.Data(), b.Data(), a.ByteSize()) == 0;
+  std::cout << "  read back: " << (read ? "yes" : "no")
+            << "; the reference shares the loaded sample's pixels: "
+            << (reference.GetImpl() == sample.GetImpl() ? "yes" : "no")
+            << " (mirrored: " << (reference.GetMirrorX() ? "yes" : "no") << "); the painted picture \""
+            << incorporated.Title() << "\" has the same bytes: " << (same ? "yes" : "no") << "\n";
+}
+
 // Loads the bundled sample through the image list: the same file asked for twice is read once, a
 // change on disk is picked up, and every format is a conversion away.
 void ShowImageList(const std::filesystem::path& sample) {
@@ -289,6 +324,7 @@ void ShowImageList(const std::filesystem::path& sample) {
   Resample(small, 12, 8, ResampleOpts());
   std::cout << "  reduced to 12 x 8 by area averaging (grey 0-9):\n";
   PrintGrid(small);
+  ShowSceneStream(folder, first);
 
   // Overwrite the file with a flat grey picture and move its time forward, as an editor saving would.
   {
