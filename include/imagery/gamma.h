@@ -118,4 +118,11 @@ IMAGERY_API unsigned char EncodeChannel8(float c, GammaValue gamma,
 IMAGERY_API unsigned short EncodeChannel16(float c, GammaValue gamma,
                                            PowerPrecision precision = PowerPrecision::Single);
 
+// A pixel's three channels at once, with the results of three single calls (single precision): one call
+// into the library per pixel instead of three.
+IMAGERY_API void DecodeThreeChannels8(const unsigned char* codes, float* linear, GammaValue gamma);
+IMAGERY_API void DecodeThreeChannels16(const unsigned short* codes, float* linear, GammaValue gamma);
+IMAGERY_API void EncodeThreeChannels8(const float* linear, unsigned char* codes, GammaValue gamma);
+IMAGERY_API void EncodeThreeChannels16(const float* linear, unsigned short* codes, GammaValue gamma);
+
 }  // namespace imagery

@@ -88,6 +88,18 @@ class IMAGERY_API GammaEncoder {
   // overlap. The sRGB curve runs several values at a time where the processor allows.
   void EncodeRow(const float* linear, Code* codes, std::size_t count) const;
 
+  // Three values (a pixel's colour) with the same results as three calls; the sRGB curve is then one
+  // call into the library instead of three.
+  void EncodeThree(const float* linear, Code* codes) const {
+    if (kind_ == Kind::SRGB) {
+      EncodeThreeSRGB(linear, codes);
+      return;
+    }
+    codes[0] = (*this)(linear[0]);
+    codes[1] = (*this)(linear[1]);
+    codes[2] = (*this)(linear[2]);
+  }
+
   Code operator()(float linear) const {
     const float c = ClampUnit(linear);
     switch (kind_) {
@@ -106,6 +118,8 @@ class IMAGERY_API GammaEncoder {
  private:
   enum class Kind : unsigned char { SRGB, Linear, Table, Direct };
   using Thresholds = detail::EncodeThresholds<Code>;
+
+  static void EncodeThreeSRGB(const float* linear, Code* codes);
 
   static Code Quantize(float encoded) {
     return static_cast<Code>(detail::RoundToCode<kMaxCode>(encoded * static_cast<float>(kMaxCode)));

@@ -181,6 +181,13 @@ void GammaEncoder<Code>::EncodeRow(const float* linear, Code* codes, std::size_t
 }
 
 template <class Code>
+void GammaEncoder<Code>::EncodeThreeSRGB(const float* linear, Code* codes) {
+  codes[0] = Quantize(curves::EncodeSRGBClamped(ClampUnit(linear[0])));
+  codes[1] = Quantize(curves::EncodeSRGBClamped(ClampUnit(linear[1])));
+  codes[2] = Quantize(curves::EncodeSRGBClamped(ClampUnit(linear[2])));
+}
+
+template <class Code>
 GammaDecodeTable<Code>::GammaDecodeTable(GammaValue gamma)
     : gamma_(gamma), storage_(SharedDecodeTable<Code>(gamma)), values_(storage_->data()) {}
 

@@ -40,46 +40,79 @@ inline unsigned short ScaleTo16(float c) {
 
 // Channel conversions. Decoders map stored codes to linear light, encoders the reverse; every one is
 // constructible from the plane's gamma so that cursors can hold any of them alike.
+// Decoders also take a pixel's three colour codes at once (DecodeThree8 / DecodeThree16).
 struct CurveDecoder {
   explicit CurveDecoder(GammaValue g) : gamma(g) {}
   float Decode8(unsigned char v) const { return DecodeChannel8(v, gamma); }
   float Decode16(unsigned short v) const { return DecodeChannel16(v, gamma); }
+  void DecodeThree8(const unsigned char* v, float* c) const { DecodeThreeChannels8(v, c, gamma); }
+  void DecodeThree16(const unsigned short* v, float* c) const { DecodeThreeChannels16(v, c, gamma); }
   GammaValue gamma;
 };
+// Encoders also take a pixel's three colour values at once (EncodeThree8 / EncodeThree16), with the
+// results of three single calls.
 struct CurveEncoder {
   explicit CurveEncoder(GammaValue g) : gamma(g) {}
   unsigned char Encode8(float c) const { return EncodeChannel8(c, gamma, PowerPrecision::Single); }
   unsigned short Encode16(float c) const { return EncodeChannel16(c, gamma, PowerPrecision::Single); }
+  void EncodeThree8(const float* c, unsigned char* codes) const { EncodeThreeChannels8(c, codes, gamma); }
+  void EncodeThree16(const float* c, unsigned short* codes) const { EncodeThreeChannels16(c, codes, gamma); }
   GammaValue gamma;
 };
 struct ScaleDecoder {
   explicit ScaleDecoder(GammaValue) {}
   float Decode8(unsigned char v) const { return static_cast<float>(v) * kInv255; }
   float Decode16(unsigned short v) const { return static_cast<float>(v) * kInv65535; }
+  void DecodeThree8(const unsigned char* v, float* c) const {
+    for (int i = 0; i < 3; ++i)
+      c[i] = Decode8(v[i]);
+  }
+  void DecodeThree16(const unsigned short* v, float* c) const {
+    for (int i = 0; i < 3; ++i)
+      c[i] = Decode16(v[i]);
+  }
 };
 struct ScaleEncoder {
   explicit ScaleEncoder(GammaValue) {}
   unsigned char Encode8(float c) const { return ScaleTo8(c); }
   unsigned short Encode16(float c) const { return ScaleTo16(c); }
+  void EncodeThree8(const float* c, unsigned char* codes) const {
+    for (int i = 0; i < 3; ++i)
+      codes[i] = ScaleTo8(c[i]);
+  }
+  void EncodeThree16(const float* c, unsigned short* codes) const {
+    for (int i = 0; i < 3; ++i)
+      codes[i] = ScaleTo16(c[i]);
+  }
 };
 struct TableDecoder8 {
   explicit TableDecoder8(GammaValue g) : table(g) {}
   float Decode8(unsigned char v) const { return table(v); }
+  void DecodeThree8(const unsigned char* v, float* c) const {
+    for (int i = 0; i < 3; ++i)
+      c[i] = table(v[i]);
+  }
   GammaDecodeTable8 table;
 };
 struct TableDecoder16 {
   explicit TableDecoder16(GammaValue g) : table(g) {}
   float Decode16(unsigned short v) const { return table(v); }
+  void DecodeThree16(const unsigned short* v, float* c) const {
+    for (int i = 0; i < 3; ++i)
+      c[i] = table(v[i]);
+  }
   GammaDecodeTable16 table;
 };
 struct TableEncoder8 {
   explicit TableEncoder8(GammaValue g) : encoder(g, PowerPrecision::Single) {}
   unsigned char Encode8(float c) const { return encoder(c); }
+  void EncodeThree8(const float* c, unsigned char* codes) const { encoder.EncodeThree(c, codes); }
   GammaEncoder8 encoder;
 };
 struct TableEncoder16 {
   explicit TableEncoder16(GammaValue g) : encoder(g, PowerPrecision::Single) {}
   unsigned short Encode16(float c) const { return encoder(c); }
+  void EncodeThree16(const float* c, unsigned short* codes) const { encoder.EncodeThree(c, codes); }
   GammaEncoder16 encoder;
 };
 
@@ -170,6 +203,17 @@ inline void ReadRGB(const unsigned char* p, [[maybe_unused]] const Decoder& d, L
     c = ReadSharedExponent<T>(p);
   } else if constexpr (L.grey) {
     c.r = c.g = c.b = ReadSample<L.colour>(p + L.red, d);
+  } else if constexpr (L.colour == SampleKind::Code8 || L.colour == SampleKind::Code16) {
+    const StoredSample<L.colour> codes[3] = {
+        LoadStored<L.colour>(p + L.red), LoadStored<L.colour>(p + L.green), LoadStored<L.colour>(p + L.blue)};
+    float values[3];
+    if constexpr (L.colour == SampleKind::Code8)
+      d.DecodeThree8(codes, values);
+    else
+      d.DecodeThree16(codes, values);
+    c.r = values[0];
+    c.g = values[1];
+    c.b = values[2];
   } else if constexpr (L.colour != SampleKind::None) {
     c.r = ReadSample<L.colour>(p + L.red, d);
     c.g = ReadSample<L.colour>(p + L.green, d);
@@ -204,6 +248,16 @@ inline void WriteRGB(unsigned char* p, [[maybe_unused]] const Encoder& e, const 
     WriteAlpha<T>(p, 1.0f);
   } else if constexpr (L.grey) {
     StoreStored<L.colour>(p + L.red, EncodeSample<L.colour>(e, GreyValue(c)));
+  } else if constexpr (L.colour == SampleKind::Code8 || L.colour == SampleKind::Code16) {
+    const float values[3] = {c.b, c.g, c.r};
+    StoredSample<L.colour> codes[3];
+    if constexpr (L.colour == SampleKind::Code8)
+      e.EncodeThree8(values, codes);
+    else
+      e.EncodeThree16(values, codes);
+    StoreStored<L.colour>(p + L.blue, codes[0]);
+    StoreStored<L.colour>(p + L.green, codes[1]);
+    StoreStored<L.colour>(p + L.red, codes[2]);
   } else if constexpr (L.colour != SampleKind::None) {
     StoreStored<L.colour>(p + L.blue, EncodeSample<L.colour>(e, c.b));
     StoreStored<L.colour>(p + L.green, EncodeSample<L.colour>(e, c.g));
