@@ -166,6 +166,12 @@ ZELMemoryStream::ZELMemoryStream(ZELByteOrder byteOrder, int version) : ZELStrea
 ZELMemoryStream::ZELMemoryStream(std::vector<unsigned char> bytes, ZELByteOrder byteOrder, int version)
     : ZELStream(byteOrder, version), bytes_(std::move(bytes)) {}
 
+void ZELMemoryStream::WillWrite(std::uint64_t bytes) {
+  const std::uint64_t wanted = position_ + bytes + bytes / 8;
+  if (bytes < bytes_.max_size() / 2 && wanted > bytes_.capacity() && wanted < bytes_.max_size())
+    bytes_.reserve(static_cast<std::size_t>(wanted));
+}
+
 bool ZELMemoryStream::DoWrite(const void* data, std::size_t size) {
   if (size > bytes_.max_size() - position_)
     return false;

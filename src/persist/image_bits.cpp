@@ -101,6 +101,7 @@ bool ImageImpl::Write(ZELStream* stream) const {
 }
 
 bool ImageImpl::WriteMemory(ZELStream* stream) const {
+  stream->WillWrite(plane_.ByteSize());
   return stream->Write(plane_.Data(), static_cast<std::size_t>(plane_.ByteSize()));
 }
 
