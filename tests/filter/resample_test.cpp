@@ -1,7 +1,7 @@
-// Resampling: values worked out by hand from the documented arithmetic (box means, partial weights,
-// bilinear samples, margins), every format through its typed adapters against the per-pixel cursors,
-// the two passes, where the new pixels go, interruption and progress. Cases large enough for the pool
-// run again on one thread and must give the same bytes.
+// Resampling: values worked out from the documented arithmetic (partial box weights, bilinear samples,
+// margins), every format through its typed adapters against the per-pixel cursors, the two passes,
+// where the new pixels go, interruption and progress. Cases large enough for the pool run again on one
+// thread and must give the same bytes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -36,65 +36,70 @@ ResampleOpts Options(bool keepAspectRatio, bool whiteMargin = false) {
   return options;
 }
 
-// Resamples `image` and, when the target is large enough for the pool, a deep copy on one thread.
-void ResampleAndCompareOnOneThread(Image& image, int width, int height, const ResampleOpts& options) {
-  const std::unique_ptr<Image> source(image.DeepCopy());
-  Resample(image, width, height, options);
-  if (width * height > 1599 || source->Width() * source->Height() > 1599) {
-    EXPECT_TRUE(SameBytes(OnOneThread(*source, [&](Image& i) { Resample(i, width, height, options); }),
-                          PlaneBytes(image)));
+// A resampled deep copy of `source`; when large enough for the pool, the same bytes again on one thread.
+std::unique_ptr<Image> Resampled(const Image& source, int width, int height, const ResampleOpts& options) {
+  std::unique_ptr<Image> image(source.DeepCopy());
+  Resample(*image, width, height, options);
+  if (width * height > 1599 || source.Width() * source.Height() > 1599) {
+    EXPECT_EQ(OnOneThread(source, [&](Image& i) { Resample(i, width, height, options); }),
+              PlaneBytes(*image));
+  }
+  return image;
+}
+
+// Reductions by 1.5 (3 x 3 to 2 x 2) and 2, the latter keeping the aspect ratio with margins of a
+// quarter of the long axis on each side (rows on the pool, longer than the pieces the engine writes at
+// once). Target pixel x covers [x f, (x + 1) f) of the source: each source pixel weighs the part of it
+// that is covered on its column times that on its row; weights and weighted colours are summed row by
+// row, then divided.
+TEST(Resample, ReductionsAreAreaWeightedBoxesBetweenMargins) {
+  const struct {
+    int width, height, size;
+    bool white;
+  } cases[] = {{3, 3, 2, false}, {320, 160, 160, false}, {160, 320, 160, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.width << " x " << c.height);
+    const Image source = RandomImage(IT_RGBA32f, c.width, c.height, gamma::Linear, 8);
+    const auto image = Resampled(source, c.size, c.size, Options(true, c.white));
+    const float f = static_cast<float>(std::max(c.width, c.height)) / static_cast<float>(c.size);
+    const int left = (c.size - static_cast<int>(c.width / f)) / 2,
+              top = (c.size - static_cast<int>(c.height / f)) / 2;
+    const float m = c.white ? DecodeChannel8(255, gamma::sRGB) : 0.0f;  // white: the 8-bit 255 as sRGB
+    for (int y = 0; y < c.size; ++y) {
+      for (int x = 0; x < c.size; ++x) {
+        Channels4 expected{m, m, m, 1.0f};
+        if (x >= left && x < c.size - left && y >= top && y < c.size - top) {
+          const float x0 = static_cast<float>(x - left) * f, y0 = static_cast<float>(y - top) * f;
+          Channels4 sum{};
+          float total = 0.0f;
+          for (int j = static_cast<int>(y0); static_cast<float>(j) < y0 + f; ++j) {
+            const float rowPart =
+                std::min(static_cast<float>(j + 1), y0 + f) - std::max(static_cast<float>(j), y0);
+            for (int i = static_cast<int>(x0); static_cast<float>(i) < x0 + f; ++i) {
+              const float w =
+                  (std::min(static_cast<float>(i + 1), x0 + f) - std::max(static_cast<float>(i), x0)) *
+                  rowPart;
+              const Channels4 s = At(source, i, j);
+              for (int k = 0; k < 4; ++k)
+                sum[k] += w * s[k];
+              total += w;
+            }
+          }
+          for (int k = 0; k < 4; ++k)
+            expected[k] = sum[k] / total;
+        }
+        ASSERT_EQ(At(*image, x, y), expected) << x << ", " << y;
+      }
+    }
   }
 }
 
-// Hand-worked values: box means at integer factors, partial weights, bilinear samples at a factor of 2
-// between margins.
-TEST(Resample, TextbookCases) {
-  // 300 x 40 to 150 x 20 (rows on the pool, longer than the pieces the engine writes at once): means of
-  // 2 x 2 blocks, each weight 1, summed row by row.
-  Image blocks = RandomImage(IT_RGBA32f, 300, 40, gamma::Linear, 7);
-  const std::unique_ptr<Image> before(blocks.DeepCopy());
-  ResampleAndCompareOnOneThread(blocks, 150, 20, ResampleOpts());
-  for (int y = 0; y < 20; ++y) {
-    for (int x = 0; x < 150; ++x) {
-      const Channels4 a = At(*before, 2 * x, 2 * y), b = At(*before, 2 * x + 1, 2 * y);
-      const Channels4 c = At(*before, 2 * x, 2 * y + 1), d = At(*before, 2 * x + 1, 2 * y + 1);
-      const Channels4 mean = At(blocks, x, y);
-      for (int i = 0; i < 4; ++i)
-        ASSERT_EQ(mean[i], (((a[i] + b[i]) + c[i]) + d[i]) / 4.0f) << x << ", " << y;
-    }
-  }
-  // 3 x 3 to 2 x 2: on each axis the first pixel covers source pixels 0 and 1 with parts 1 and 0.5, the
-  // second pixels 1 and 2 with parts 0.5 and 1; weights are column part x row part, summed row by row.
-  Image nine = RandomImage(IT_RGBA32f, 3, 3, gamma::Linear, 8);
-  const std::unique_ptr<Image> source9(nine.DeepCopy());
-  Resample(nine, 2, 2, ResampleOpts());
-  const struct {
-    int first;
-    float parts[2];
-  } cover[] = {{0, {1.0f, 0.5f}}, {1, {0.5f, 1.0f}}};
-  for (int y = 0; y < 2; ++y) {
-    for (int x = 0; x < 2; ++x) {
-      Channels4 sum{};
-      float total = 0.0f;
-      for (int j = 0; j < 2; ++j) {
-        for (int i = 0; i < 2; ++i) {
-          const float w = cover[x].parts[i] * cover[y].parts[j];
-          const Channels4 c = At(*source9, cover[x].first + i, cover[y].first + j);
-          for (int k = 0; k < 4; ++k)
-            sum[k] += w * c[k];
-          total += w;
-        }
-      }
-      for (int k = 0; k < 4; ++k)
-        EXPECT_EQ(At(nine, x, y)[k], sum[k] / total) << x << ", " << y;
-    }
-  }
-  // 150 x 20 to 340 x 40 keeping the aspect ratio: both scales 0.5, content 300 x 40 between margins of
-  // 20 columns. Content pixel x samples u = (x - 20 + 0.5) / 2 - 0.5, a quarter or three quarters past a
-  // source centre, between the pixels floor(u) and floor(u) + 1 clamped to the image.
-  Image small = RandomImage(IT_RGBA32f, 150, 20, gamma::Linear, 9);
-  const std::unique_ptr<Image> source(small.DeepCopy());
-  ResampleAndCompareOnOneThread(small, 340, 40, Options(true));
+// 150 x 20 to 340 x 40 keeping the aspect ratio: both scales 0.5, content 300 x 40 between margins of
+// 20 columns. Content pixel x samples u = (x - 20 + 0.5) / 2 - 0.5, a quarter or three quarters past a
+// source centre, between the pixels floor(u) and floor(u) + 1 clamped to the image.
+TEST(Resample, EnlargementsAreBilinearBetweenMargins) {
+  const Image source = RandomImage(IT_RGBA32f, 150, 20, gamma::Linear, 9);
+  const auto image = Resampled(source, 340, 40, Options(true));
   struct Axis {
     int first, second;
     float fraction;
@@ -107,14 +112,14 @@ TEST(Resample, TextbookCases) {
   for (int y = 0; y < 40; ++y) {
     const Axis v = axis(y, 20);
     for (int x = 0; x < 340; ++x) {
-      const Channels4 sample = At(small, x, y);
+      const Channels4 sample = At(*image, x, y);
       if (x < 20 || x >= 320) {
         ASSERT_EQ(sample, (Channels4{0.0f, 0.0f, 0.0f, 1.0f})) << x << ", " << y;
         continue;
       }
       const Axis u = axis(x - 20, 150);
-      const Channels4 c00 = At(*source, u.first, v.first), c10 = At(*source, u.second, v.first);
-      const Channels4 c01 = At(*source, u.first, v.second), c11 = At(*source, u.second, v.second);
+      const Channels4 c00 = At(source, u.first, v.first), c10 = At(source, u.second, v.first);
+      const Channels4 c01 = At(source, u.first, v.second), c11 = At(source, u.second, v.second);
       for (int i = 0; i < 4; ++i) {
         const float top = (1.0f - u.fraction) * c00[i] + u.fraction * c10[i];
         const float bottom = (1.0f - u.fraction) * c01[i] + u.fraction * c11[i];
@@ -124,91 +129,51 @@ TEST(Resample, TextbookCases) {
   }
 }
 
-// Where the margins go is worked out from the sizes alone: a quarter of the long axis on each side;
-// the content between them is the box mean of 2 x 2 source pixels.
-TEST(Resample, KeepingTheAspectRatioCentresTheContentBetweenMargins) {
-  for (bool white : {false, true}) {
-    for (bool wide : {false, true}) {
-      SCOPED_TRACE(::testing::Message() << (white ? "white" : "black") << (wide ? " wide" : " tall"));
-      Image image = RandomImage(IT_RGBA32f, wide ? 200 : 100, wide ? 100 : 200, gamma::Linear, 11);
-      const std::unique_ptr<Image> before(image.DeepCopy());
-      ResampleAndCompareOnOneThread(image, 100, 100, Options(true, white));
-      // White is the 8-bit 255 decoded as sRGB.
-      const float m = white ? DecodeChannel8(255, gamma::sRGB) : 0.0f;
-      for (int y = 0; y < 100; ++y) {
-        for (int x = 0; x < 100; ++x) {
-          const int along = wide ? y : x;
-          const int sx = 2 * (wide ? x : x - 25), sy = 2 * (wide ? y - 25 : y);
-          Channels4 expected{m, m, m, 1.0f};
-          if (along >= 25 && along < 75) {
-            const Channels4 a = At(*before, sx, sy), b = At(*before, sx + 1, sy);
-            const Channels4 c = At(*before, sx, sy + 1), d = At(*before, sx + 1, sy + 1);
-            for (int i = 0; i < 4; ++i)
-              expected[i] = (((a[i] + b[i]) + c[i]) + d[i]) / 4.0f;
-          }
-          ASSERT_EQ(At(image, x, y), expected) << x << ", " << y;
-        }
-      }
-    }
-  }
-}
-
-struct Format {
-  EImageType type;
-  GammaValue gamma;
-};
-const Format kFormats[] = {
-    {IT_RGB8, gamma::sRGB},        {IT_RGB8, GammaValue(2.2f)},       {IT_Grayscale8, gamma::sRGB},
-    {IT_RGBA8, gamma::sRGB},       {IT_RGBA8, GammaValue(1.8f)},      {IT_RGBEA, gamma::Linear},
-    {IT_RGB16, GammaValue(1.8f)},  {IT_RGBA16, gamma::sRGB},          {IT_Grayscale16, gamma::Linear},
-    {IT_RGB32f, gamma::Linear},    {IT_RGBA32f, gamma::Linear},       {IT_Grayscale32f, gamma::Linear},
-    {IT_RGEncoded, gamma::Linear}, {IT_RGEncodedAlpha, gamma::Linear}};
-
-// The engine on the runtime adapters, which read and write through the cursors with a switch per pixel.
-template <class Pixel>
-void ResampleThroughCursors(const Image& from, Image& into, bool keep, bool white, bool parallel) {
-  tools::ThreadStateDispatcher dispatcher;
-  ZELNullInterruptor never;
-  KORProgress progress;
-  tools::InterruptorAndProgress control{never, progress};
-  const LinearRGB_T<float> margin =
-      white ? LinearRGB_T<float>(CLR(255, 255, 255), gamma::sRGB) : LinearRGB_T<float>(0.0f, 0.0f, 0.0f);
-  Pixel empty{}, marginColour{};
-  if constexpr (std::is_same_v<Pixel, LinearRGBA_T<float>>)
-    marginColour = Pixel(margin, 1.0f);
-  else
-    marginColour = margin;
-  ResamplingHelpers::ImageAdapter<Pixel> to(into);
-  tools::resample<Pixel>(ResamplingHelpers::ImageAdapter<Pixel>(from), to,
-                         tools::ResampleSize(into.GetImplRef().Width(), into.GetImplRef().Height()), empty,
-                         marginColour, dispatcher, control, keep, parallel);
-}
-
+// Every format and gamma through the typed adapters gives the bytes of the engine on the runtime
+// adapters, which read and write through the cursors with a switch per pixel.
 TEST(Resample, EveryFormatGivesWhatTheCursorsGive) {
-  struct Case {
+  const struct {
+    EImageType type;
+    GammaValue gamma;
+  } formats[] = {
+      {IT_RGB8, gamma::sRGB},        {IT_RGB8, GammaValue(2.2f)},       {IT_Grayscale8, gamma::sRGB},
+      {IT_RGBA8, gamma::sRGB},       {IT_RGBA8, GammaValue(1.8f)},      {IT_RGBEA, gamma::Linear},
+      {IT_RGB16, GammaValue(1.8f)},  {IT_RGBA16, gamma::sRGB},          {IT_Grayscale16, gamma::Linear},
+      {IT_RGB32f, gamma::Linear},    {IT_RGBA32f, gamma::Linear},       {IT_Grayscale32f, gamma::Linear},
+      {IT_RGEncoded, gamma::Linear}, {IT_RGEncodedAlpha, gamma::Linear}};
+  const struct {
     int w, h, targetW, targetH;
     bool keep, white;
-  };
-  const Case cases[] = {
-      {1, 1, 3, 2, false, false},    {5, 3, 2, 2, false, false},      {7, 1, 3, 1, false, true},
-      {3, 5, 7, 9, false, false},    {9, 4, 4, 4, true, false},       {3, 2, 11, 5, true, true},
-      {6, 9, 10, 4, true, false},    {150, 20, 131, 9, false, false}, {40, 10, 133, 30, true, false},
-      {61, 47, 23, 19, false, true}, {23, 19, 61, 47, true, true}};
+  } cases[] = {{1, 1, 3, 2, false, false},    {5, 3, 2, 2, false, false},      {7, 1, 3, 1, false, true},
+               {3, 5, 7, 9, false, false},    {9, 4, 4, 4, true, false},       {3, 2, 11, 5, true, true},
+               {6, 9, 10, 4, true, false},    {150, 20, 131, 9, false, false}, {40, 10, 133, 30, true, false},
+               {61, 47, 23, 19, false, true}, {23, 19, 61, 47, true, true}};
   unsigned seed = 1;
-  for (const Format& format : kFormats) {
-    for (const Case& c : cases) {
-      SCOPED_TRACE(::testing::Message()
-                   << "format " << int(format.type) << " gamma " << format.gamma.Value() << ", " << c.w << "x"
-                   << c.h << " -> " << c.targetW << "x" << c.targetH << (c.keep ? " keeping aspect" : "")
-                   << (c.white ? " white" : ""));
-      Image image = RandomImage(format.type, c.w, c.h, format.gamma, seed++);
+  for (const auto& format : formats) {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(::testing::Message() << "format " << int(format.type) << " gamma " << format.gamma.Value()
+                                        << ", case " << &c - cases);
+      const Image image = RandomImage(format.type, c.w, c.h, format.gamma, seed++);
       Image expected(c.targetW, c.targetH, format.type, format.gamma);
+      const float m = c.white ? DecodeChannel8(255, gamma::sRGB) : 0.0f;
+      const LinearRGB_T<float> margin(m, m, m);
+      const auto throughCursors = [&](auto empty, auto marginColour) {
+        using Pixel = decltype(empty);
+        tools::ThreadStateDispatcher dispatcher;
+        ZELNullInterruptor never;
+        KORProgress progress;
+        tools::InterruptorAndProgress control{never, progress};
+        ResamplingHelpers::ImageAdapter<Pixel> to(expected);
+        tools::resample<Pixel>(ResamplingHelpers::ImageAdapter<Pixel>(image), to,
+                               tools::ResampleSize(c.targetW, c.targetH), empty, marginColour, dispatcher,
+                               control, c.keep, seed % 2 == 0);
+      };
       if (HasAlpha(format.type))
-        ResampleThroughCursors<LinearRGBA_T<float>>(image, expected, c.keep, c.white, seed % 2 == 0);
+        throughCursors(LinearRGBA_T<float>(), LinearRGBA_T<float>(margin, 1.0f));
       else
-        ResampleThroughCursors<LinearRGB_T<float>>(image, expected, c.keep, c.white, seed % 2 == 0);
-      ResampleAndCompareOnOneThread(image, c.targetW, c.targetH, Options(c.keep, c.white));
-      EXPECT_TRUE(SameBytes(PixelBytes(image), PixelBytes(expected)));
+        throughCursors(LinearRGB_T<float>(), margin);
+      EXPECT_EQ(PlaneBytes(*Resampled(image, c.targetW, c.targetH, Options(c.keep, c.white))),
+                PlaneBytes(expected));
     }
   }
 }
@@ -216,38 +181,34 @@ TEST(Resample, EveryFormatGivesWhatTheCursorsGive) {
 // One axis growing while the other shrinks: first the width, then the height.
 TEST(Resample, CrossedSizesTakeTwoPasses) {
   for (const auto& [width, height] : {std::pair(170, 60), std::pair(45, 40)}) {
-    Image image = RandomImage(IT_RGBA16, width, height, gamma::sRGB, 12);
-    const std::unique_ptr<Image> twoPasses(image.DeepCopy());
-    ResampleAndCompareOnOneThread(image, height, width, ResampleOpts());
+    const Image image = RandomImage(IT_RGBA16, width, height, gamma::sRGB, 12);
+    std::unique_ptr<Image> twoPasses(image.DeepCopy());
     Resample(*twoPasses, height, height, ResampleOpts());
     Resample(*twoPasses, height, width, ResampleOpts());
-    EXPECT_EQ(PlaneBytes(image), PlaneBytes(*twoPasses)) << width << " x " << height;
+    EXPECT_EQ(PlaneBytes(*Resampled(image, height, width, ResampleOpts())), PlaneBytes(*twoPasses)) << width;
   }
 }
 
 TEST(Resample, ProgressIsReportedOnlyWhenAskedAndTwoPassesShareIt) {
-  struct Case {
+  // Sequential rows; rows on the pool, whose loop counts one step more than there are rows; crossed
+  // sizes, whose two passes are sub-steps completed when they end, whether or not they reported.
+  const struct {
     int w, h, targetW, targetH;
     bool useProgress;
     float least, most;
-  };
-  // Sequential rows; rows on the pool, whose loop counts one step more than there are rows; crossed
-  // sizes, whose two passes are sub-steps completed when they end, whether or not they reported.
-  const Case cases[] = {{20, 20, 10, 10, false, 0, 0},   {20, 20, 10, 10, true, 1, 1},
-                        {60, 60, 30, 30, false, 0, 0},   {60, 60, 30, 30, true, 0.9f, 1},
-                        {100, 50, 50, 100, false, 1, 1}, {100, 50, 50, 100, true, 1, 1}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.w << "x" << c.h << " -> " << c.targetW << "x" << c.targetH
-                                      << (c.useProgress ? " reporting" : ""));
+  } cases[] = {{20, 20, 10, 10, false, 0, 0},   {20, 20, 10, 10, true, 1, 1},
+               {60, 60, 30, 30, false, 0, 0},   {60, 60, 30, 30, true, 0.9f, 1},
+               {100, 50, 50, 100, false, 1, 1}, {100, 50, 50, 100, true, 1, 1}};
+  for (const auto& c : cases) {
     Image image = RandomImage(IT_RGB8, c.w, c.h, gamma::sRGB, 13);
     KORProgress progress;
     ResampleOpts options;
     options.useProgress = c.useProgress;
     options.progress = &progress;
     Resample(image, c.targetW, c.targetH, options);
-    EXPECT_EQ(image.Width() * 1000 + image.Height(), c.targetW * 1000 + c.targetH);
-    EXPECT_GE(progress.GetValue(), c.least - 1e-6f);
-    EXPECT_LE(progress.GetValue(), c.most + 1e-6f);
+    EXPECT_TRUE(image.Width() == c.targetW && image.Height() == c.targetH) << &c - cases;
+    EXPECT_TRUE(progress.GetValue() >= c.least - 1e-6f && progress.GetValue() <= c.most + 1e-6f)
+        << &c - cases;
   }
 }
 
@@ -255,47 +216,35 @@ TEST(Resample, WhereTheNewPixelsGo) {
   ResampleOpts inPlace;
   inPlace.implManagement = IM_InPlace;
   // A new implementation: other handles keep the old pixels; the picture's properties come along.
-  {
-    Image image = RandomImage(IT_RGB8, 9, 7, gamma::sRGB, 14);
-    image.SetTitle(ZELString::FromUTF8("title"));
-    image.SetFilePath(ZELPath(ZELString::FromUTF8("/nowhere/picture.png")));
-    const Image other = image;
-    const Bytes before = PlaneBytes(image);
-    Resample(image, 4, 3, ResampleOpts());
-    EXPECT_NE(image.GetImpl(), other.GetImpl());
-    EXPECT_EQ(image.Width(), 4);
-    EXPECT_EQ(image.Title(), ZELString::FromUTF8("title"));
-    EXPECT_EQ(image.FileName(), ZELString::FromUTF8("/nowhere/picture.png"));
-    EXPECT_FALSE(image.GetImplRef().HasDownSamplingBackup());
-    EXPECT_EQ(PlaneBytes(other), before);
-  }
-  // In place: every handle sees the new pixels; the old ones become the down-sampling backup.
-  {
-    Image image = RandomImage(IT_RGBA8, 9, 7, gamma::sRGB, 15);
-    image.GetImplRef().AllocateMipMapGamma();
-    const Image other = image;
-    const std::unique_ptr<Image> expected(image.DeepCopy());
-    Resample(*expected, 4, 3, ResampleOpts());
-    const Bytes before = PlaneBytes(image);
-    Resample(image, 4, 3, inPlace);
-    EXPECT_EQ(image.GetImpl(), other.GetImpl());
-    EXPECT_EQ(PlaneBytes(other), PlaneBytes(*expected));
-    EXPECT_FALSE(image.ValidMipMapsGamma());
-    const PixelPlane* backup = image.GetImplRef().DownSamplingBackup();
-    ASSERT_NE(backup, nullptr);
-    EXPECT_EQ(backup->Width(), 9);
-    EXPECT_EQ(Bytes(backup->Data(), backup->Data() + backup->ByteSize()), before);
-    // A second reduction keeps the first backup.
-    Resample(image, 2, 2, inPlace);
-    EXPECT_EQ(image.GetImplRef().DownSamplingBackup()->Width(), 9);
-    EXPECT_EQ(image.GetImplRef().DownSamplingRate(), 5);
-  }
+  Image image = RandomImage(IT_RGBA8, 9, 7, gamma::sRGB, 14);
+  image.SetTitle(ZELString::FromUTF8("title"));
+  const Image other = image;
+  const Bytes before = PlaneBytes(image);
+  const std::unique_ptr<Image> expected(image.DeepCopy());
+  Resample(*expected, 4, 3, ResampleOpts());
+  Resample(image, 4, 3, ResampleOpts());
+  EXPECT_NE(image.GetImpl(), other.GetImpl());
+  EXPECT_TRUE(image.Title() == ZELString::FromUTF8("title") && !image.GetImplRef().HasDownSamplingBackup());
+  EXPECT_EQ(PlaneBytes(other), before);
+  // In place: every handle sees the new pixels; the old ones become the down-sampling backup, which a
+  // second reduction keeps.
+  Image shared = other;
+  shared.GetImplRef().AllocateMipMapGamma();
+  Resample(shared, 4, 3, inPlace);
+  EXPECT_EQ(shared.GetImpl(), other.GetImpl());
+  EXPECT_EQ(PlaneBytes(other), PlaneBytes(*expected));
+  EXPECT_FALSE(shared.ValidMipMapsGamma());
+  const PixelPlane* backup = shared.GetImplRef().DownSamplingBackup();
+  ASSERT_NE(backup, nullptr);
+  EXPECT_EQ(Bytes(backup->Data(), backup->Data() + backup->ByteSize()), before);
+  Resample(shared, 2, 2, inPlace);
+  EXPECT_EQ(shared.GetImplRef().DownSamplingBackup()->Width(), 9);
+  EXPECT_EQ(shared.GetImplRef().DownSamplingRate(), 5);
   // The same size: nothing at all, not even a backup.
   Image same = RandomImage(IT_RGB8, 5, 5, gamma::sRGB, 16);
   ImageImpl* impl = same.GetImpl();
   Resample(same, 5, 5, inPlace);
-  EXPECT_EQ(same.GetImpl(), impl);
-  EXPECT_FALSE(impl->HasDownSamplingBackup());
+  EXPECT_TRUE(same.GetImpl() == impl && !impl->HasDownSamplingBackup());
   // The shared default implementation is never resized.
   Image empty;
   Resample(empty, 3, 3, inPlace);
@@ -306,7 +255,6 @@ TEST(Resample, WhereTheNewPixelsGo) {
   // a target with a zero dimension or of another size than the destination's is left alone.
   Image filled = RandomImage(IT_RGBA8, 3, 2, gamma::sRGB, 19);
   const Bytes original = PlaneBytes(filled);
-  const Image nothing(0, 4, IT_RGBA8, gamma::sRGB);
   tools::ThreadStateDispatcher dispatcher;
   ZELNullInterruptor never;
   KORProgress progress;
@@ -319,13 +267,14 @@ TEST(Resample, WhereTheNewPixelsGo) {
         control, false, false);
   };
   const std::unique_ptr<Image> copy(filled.DeepCopy());
+  const Image nothing(0, 4, IT_RGBA8, gamma::sRGB);
   run(nothing, 3, 0);
   run(nothing, 4, 2);
   EXPECT_EQ(PlaneBytes(filled), original);
   run(nothing, 3, 2);
   EXPECT_EQ(PlaneBytes(filled), PlaneBytes(Image(3, 2, IT_RGBA8, gamma::sRGB)));
   run(*copy, 3, 2);
-  EXPECT_EQ(PixelBytes(filled), PixelBytes(*copy));
+  EXPECT_EQ(PlaneBytes(filled), original);
 }
 
 // Says yes a given number of times, then no, from any thread.
@@ -339,27 +288,21 @@ class CountdownInterruptor : public ZELInterruptor {
 };
 
 TEST(Resample, AnInterruptedResamplingLeavesTheImageAsItWas) {
-  struct Case {
-    int w, h, targetW, targetH, yes;
-  };
   // Small and large images, reductions, enlargements and crossed sizes, stopped at once or later.
-  const Case cases[] = {{9, 7, 4, 3, 0},    {9, 7, 4, 3, 3},    {60, 50, 20, 20, 5}, {20, 20, 70, 60, 5},
-                        {12, 10, 6, 20, 0}, {12, 10, 6, 20, 4}, {80, 40, 40, 80, 2}};
-  for (const Case& c : cases) {
+  const int cases[][5] = {{9, 7, 4, 3, 0},    {9, 7, 4, 3, 3},    {60, 50, 20, 20, 5}, {20, 20, 70, 60, 5},
+                          {12, 10, 6, 20, 0}, {12, 10, 6, 20, 4}, {80, 40, 40, 80, 2}};
+  for (const auto& c : cases) {
     for (ImplManagement management : {IM_NewImpl, IM_InPlace}) {
-      SCOPED_TRACE(::testing::Message() << c.w << "x" << c.h << " -> " << c.targetW << "x" << c.targetH
-                                        << " after " << c.yes << ", management " << int(management));
-      Image image = RandomImage(IT_RGBA8, c.w, c.h, gamma::sRGB, 17);
+      Image image = RandomImage(IT_RGBA8, c[0], c[1], gamma::sRGB, 17);
       ImageImpl* impl = image.GetImpl();
       const Bytes before = PlaneBytes(image);
-      CountdownInterruptor interruptor(c.yes);
+      CountdownInterruptor interruptor(c[4]);
       ResampleOpts options;
       options.implManagement = management;
       options.interruptor = &interruptor;
-      Resample(image, c.targetW, c.targetH, options);
-      EXPECT_EQ(image.GetImpl(), impl);
-      EXPECT_FALSE(impl->HasDownSamplingBackup());
-      EXPECT_EQ(PlaneBytes(image), before);
+      Resample(image, c[2], c[3], options);
+      EXPECT_TRUE(image.GetImpl() == impl && !impl->HasDownSamplingBackup() && PlaneBytes(image) == before)
+          << &c - cases << ", management " << management;
     }
   }
 }
@@ -378,8 +321,7 @@ TEST(Resample, BorderAddressing) {
   // Interpolating at a pixel centre gives that pixel; wrapping blends the last column with the first.
   const Image map = RandomImage(IT_RGB32f, 3, 2, gamma::Linear, 20);
   const ResamplingHelpers::Rgb adapter(map);
-  const LinearRGB_T<float> centre = interp2D::InterpolateMap<1>(adapter, 1.5f, 0.5f, 3, 3);
-  EXPECT_EQ(centre, adapter.get({1, 0}));
+  EXPECT_EQ(interp2D::InterpolateMap<1>(adapter, 1.5f, 0.5f, 3, 3), adapter.get({1, 0}));
   const LinearRGB_T<float> seam = interp2D::InterpolateMap<1>(adapter, 3.0f, 0.5f, interp2D::BA_Wrap, 3);
   const LinearRGB_T<float> top[] = {adapter.get({2, 0}), adapter.get({0, 0})};
   const LinearRGB_T<float> bottom[] = {adapter.get({2, 1}), adapter.get({0, 1})};
