@@ -3,7 +3,7 @@
 // detected processor level, on the pool and (for the large images) on one thread.
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
@@ -24,64 +24,32 @@ const AutoScaleGrayScale kScale(true), kNoScale(false);
 const InvertGrayRange kInvert(true), kKeep(false);
 const GammaValue kSRGB = gamma::sRGB, kPower(2.2f);
 
-// Rounding of the conversions: clamp, add 0.49999997 and truncate. NaN gives 0.
-unsigned RoundCode(float scaled, float max) {
-  if (!(scaled > 0.0f))
-    return 0;
-  return scaled >= max ? static_cast<unsigned>(max) : static_cast<unsigned>(scaled + 0.49999997f);
-}
-
-void Put(Bytes& out, unsigned code16) {
-  out.insert(out.end(), {static_cast<unsigned char>(code16 >> 8), static_cast<unsigned char>(code16)});
-}
-void Put(Bytes& out, float v) {
-  unsigned char b[4];
-  std::memcpy(b, &v, 4);
-  out.insert(out.end(), b, b + 4);
-}
-
-// What converting `source` to `target` with the target gamma and the grey range (min, max) stores,
-// rows padded with zeros. Alpha is read as stored (1 where there is none).
+// What converting `source` to `target` with the target gamma and the grey range (min, max) stores:
+// colour and alpha (read as stored, 1 where there is none) written through a gamma cursor, as are 8-bit
+// and float grey; 16-bit grey encoded in double precision, clamped, and rounded by adding 0.49999997
+// and truncating.
 Bytes Reference(const Image& source, EImageType target, GammaValue gamma, float min = 0, float max = 1,
                 bool invert = false) {
-  Bytes out;
-  const auto byte = [](float a) { return static_cast<unsigned char>(RoundCode(a * 255.0f, 255.0f)); };
+  Image out(source.Width(), source.Height(), target, gamma);
   for (int y = 0; y < source.Height(); ++y) {
     for (int x = 0; x < source.Width(); ++x) {
       const LinearRGB_T<float> c = Colour(source, x, y);
       float a = 1.0f;
       ConstPixelAccessNoGamma(source.GetImplRef().Plane(), x, y).GetPixelAlpha(a);
-      const float v = invert ? (max - Grey(c)) / (max - min) : (Grey(c) - min) / (max - min);
-      unsigned char r8, g8, b8;
-      unsigned short r16, g16, b16;
-      RGBECLR packed;
-      if (target == IT_Grayscale8) {
-        out.push_back(EncodeChannel8(v, gamma, PowerPrecision::Single));
-      } else if (target == IT_Grayscale16) {
-        const float clamped = v >= 1.0f ? 1.0f : v > 0.0f ? v : 0.0f;
-        Put(out, RoundCode(EncodeLinear(clamped, gamma, PowerPrecision::Double) * 65535.0f, 65535.0f));
-      } else if (target == IT_Grayscale32f) {
-        Put(out, v);
-      } else if (target == IT_RGB8 || target == IT_RGBA8) {
-        ToRGB(c, r8, g8, b8, gamma);
-        out.insert(out.end(), {b8, g8, r8, byte(a)});
-      } else if (target == IT_RGB16 || target == IT_RGBA16) {
-        ToRGB(c, r16, g16, b16, gamma);
-        for (unsigned code : {unsigned{b16}, unsigned{g16}, unsigned{r16}, RoundCode(a * 65535.0f, 65535.0f)})
-          Put(out, code);
-      } else if (target == IT_RGB32f || target == IT_RGBA32f) {
-        for (float channel : {c.b, c.g, c.r, a})
-          Put(out, channel);
+      const float v = (invert ? max - Grey(c) : Grey(c) - min) / (max - min);
+      PixelAccess to(out.GetImplRef().Plane(), x, y);
+      if (target == IT_Grayscale16) {
+        const float clamped = std::max(0.0f, std::min(v, 1.0f));  // NaN gives 0
+        const float code = EncodeLinear(clamped, gamma, PowerPrecision::Double) * 65535.0f;
+        detail::StoreBE16(to.Pointer(), static_cast<unsigned short>(code + 0.49999997f));
+      } else if (IsGrayscale(target)) {
+        to.SetPixelGrayscale(v);
       } else {
-        packed.FromFloat(c);
-        out.insert(out.end(), {packed.r, packed.g, packed.b, packed.e, byte(a)});
+        to.SetPixelRGBA(c, a);
       }
-      if (target == IT_RGB8 || target == IT_RGB16 || target == IT_RGB32f)
-        out.resize(out.size() - static_cast<std::size_t>(BytesPerPixel(target) / 3));  // no alpha
     }
-    out.resize((out.size() + 3) / 4 * 4, 0);
   }
-  return out;
+  return PlaneBytes(out);
 }
 
 class ConversionsFrom : public ::testing::TestWithParam<EImageType> {};
@@ -184,22 +152,18 @@ TEST_P(ConversionsFrom, EveryTargetAtEveryLevelMatchesTheReference) {
       continue;
     Bytes expected = PlaneBytes(source);
     const PowerPrecision precision = IsGrayscale(type) ? PowerPrecision::Double : PowerPrecision::Single;
-    for (int y = 0; y < s.height; ++y) {
-      for (int x = 0; x < s.width; ++x) {
+    const int wide = Is16Bit(type) ? 2 : 1;
+    for (int y = 0; y < s.height; ++y)
+      for (int x = 0; x < s.width; ++x)
         for (int ch = 0; ch < (IsGrayscale(type) ? 1 : 3); ++ch) {
-          unsigned char* b =
-              &expected[y * source.BytesPerLine() + x * BytesPerPixel(type) + ch * (Is16Bit(type) ? 2 : 1)];
-          if (Is16Bit(type)) {
-            const unsigned short code = EncodeChannel16(
-                DecodeChannel16(static_cast<unsigned short>(b[0] << 8 | b[1]), s.gamma), grey, precision);
-            b[0] = static_cast<unsigned char>(code >> 8);
-            b[1] = static_cast<unsigned char>(code);
-          } else {
-            b[0] = EncodeChannel8(DecodeChannel8(b[0], s.gamma), grey, precision);
-          }
+          unsigned char* b = &expected[y * source.BytesPerLine() + x * BytesPerPixel(type) + ch * wide];
+          const float linear =
+              wide == 2 ? DecodeChannel16(detail::LoadBE16(b), s.gamma) : DecodeChannel8(*b, s.gamma);
+          if (wide == 2)
+            detail::StoreBE16(b, EncodeChannel16(linear, grey, precision));
+          else
+            *b = EncodeChannel8(linear, grey, precision);
         }
-      }
-    }
     everywhere("re-encoded", [&] {
       Image image(source);
       const ImageImpl* impl = image.GetImpl();

@@ -9,23 +9,18 @@
 namespace imagery::cpu {
 namespace {
 
-const Level kLevels[] = {Level::Scalar, Level::SSE2, Level::AVX2, Level::AVX512};
-
-TEST(CpuLevel, NamesParseBackAndNothingElseParses) {
-  for (const Level level : kLevels)
-    EXPECT_EQ(Parse(Name(level)), level);
+TEST(CpuLevel, NamesParseAndScopedLevelsNeverRaiseAboveTheDetectedOneAndRestore) {
+  const Level kLevels[] = {Level::Scalar, Level::SSE2, Level::AVX2, Level::AVX512};
   EXPECT_STREQ(Name(Level::SSE2), "sse2");
   for (const char* name : {"", "SSE2", "avx", "scalar ", "avx5120", "plain"})
     EXPECT_FALSE(Parse(name).has_value()) << name;
-}
-
-TEST(CpuLevel, ScopedLevelsNeverRaiseAboveTheDetectedOneAndRestore) {
   // The environment lowers the level the process starts with.
   const char* asked = std::getenv("IMAGERY_CPU");
   const auto parsed = Parse(asked != nullptr ? asked : "");
   const Level start = Active();
   EXPECT_EQ(start, parsed ? std::min(*parsed, Detected()) : Detected());
   for (const Level outer : kLevels) {
+    EXPECT_EQ(Parse(Name(outer)), outer);
     {
       const ScopedLevel scoped(outer);
       EXPECT_EQ(Active(), std::min(outer, Detected())) << Name(outer);

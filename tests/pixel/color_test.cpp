@@ -10,22 +10,18 @@
 namespace imagery {
 namespace {
 
-TEST(Colours, MemoryLayoutAndEquality) {
+TEST(Colours, MemoryLayoutArithmeticAndGrey) {
   const CLR c(0x00123456u);
   EXPECT_EQ(c, CLR(0x12, 0x34, 0x56));
   EXPECT_EQ(std::memcmp(&c, "\x56\x34\x12\x00", 4), 0);  // blue first in memory
   EXPECT_NE(CLR(0xAB123456u), c);                        // the fourth byte takes part
   const CLRA a(0x80123456u);
   EXPECT_EQ(std::memcmp(&a, "\x56\x34\x12\x80", 4), 0);
-  EXPECT_EQ(a.ToCLR(), c);
-  EXPECT_EQ(CLRA(c, 0x80), a);
+  EXPECT_TRUE(a.ToCLR() == c && CLRA(c, 0x80) == a);
   const LinearRGBA_T<float> f(0.1f, 0.2f, 0.3f, 0.4f);
   const float floats[4] = {0.1f, 0.2f, 0.3f, 0.4f};
   EXPECT_EQ(std::memcmp(&f, floats, sizeof floats), 0);
   EXPECT_NE(f, LinearRGBA_T<float>(0.1f, 0.2f, 0.3f, 0.5f));
-}
-
-TEST(LinearColours, ArithmeticAndGrey) {
   LinearRGB_T<float> sum(1.0f, 2.0f, 3.0f);
   sum += LinearRGB_T<float>(0.5f, 0.5f, -4.0f);
   EXPECT_EQ(0.5f * sum - sum * 2.0f, LinearRGB_T<float>(-2.25f, -3.75f, 1.5f));
@@ -39,7 +35,6 @@ TEST(LinearColours, HashFoldsTheChannelBitsIntoAStartValue) {
   EXPECT_EQ(hash_value(c), 0x5a24d30447fe97a3ull);
   EXPECT_EQ(hash_value(LinearRGB_T<float>()), 0x10c95e320d6a803eull);
   EXPECT_EQ(hash_value(LinearRGB_T<float>(-0.0f, 0.0f, -0.0f)), 0x10c95e320d6a803eull);
-  EXPECT_NE(hash_value(c), hash_value(LinearRGB_T<float>(0.25f, 0.5f, 1.0f)));
   // Both boost and the standard library find it.
   EXPECT_EQ(boost::hash<LinearRGB_T<float>>()(c), static_cast<std::size_t>(0x5a24d30447fe97a3ull));
   std::unordered_set<LinearRGB_T<float>> set{{0.0f, 0.0f, 0.0f}, {-0.0f, 0.0f, 0.0f}, c};
