@@ -18,9 +18,9 @@
 #include "imagery_host/scheduler.h"
 
 namespace imagery {
-// Formats print as their numbers in test names and failure messages.
-inline void PrintTo(EImageType type, std::ostream* out) {
-  *out << static_cast<int>(type);
+// Formats print as their numbers in failure messages.
+inline std::ostream& operator<<(std::ostream& out, EImageType type) {
+  return out << static_cast<int>(type);
 }
 }  // namespace imagery
 
