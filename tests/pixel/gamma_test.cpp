@@ -138,12 +138,11 @@ TEST(GammaCurves, SRGBPolynomialsRoundEveryOperation) {
 // ToRGB, cursors and the per-value encoders with their default precision encode power gammas in single
 // precision; ToCLR and the 16-bit trait in double: checked on linear values the two precisions encode apart.
 TEST(ColourConversions, ChannelsInRGBOrderWithTheRightPrecision) {
-  const CLR clr(0x000A80FFu);
+  const CLR clr(10, 128, 255);
   const LinearRGB_T<float> decoded(DecodeChannel8(10, gamma::sRGB), DecodeChannel8(128, gamma::sRGB),
                                    DecodeChannel8(255, gamma::sRGB));
-  EXPECT_EQ(CLRFLOATFrom(clr.Red(), clr.Green(), clr.Blue(), gamma::sRGB), decoded);
-  EXPECT_EQ(LinearRGB_T<float>(clr, gamma::sRGB), decoded);
-  EXPECT_EQ(decoded.ToCLR(gamma::sRGB), clr);
+  EXPECT_TRUE(CLRFLOATFrom(clr.Red(), clr.Green(), clr.Blue(), gamma::sRGB) == decoded &&
+              LinearRGB_T<float>(clr, gamma::sRGB) == decoded && decoded.ToCLR(gamma::sRGB) == clr);
   float c8 = 0.0f, c16 = 0.0f;
   for (std::uint32_t bits = 0x30000000u; bits <= 0x3F800000u && (c8 == 0.0f || c16 == 0.0f); bits += 37) {
     const float c = FromBits(bits);
@@ -271,27 +270,26 @@ TEST(GammaTables, EncodersMatchTheReferenceAtEveryDecision) {
   ExpectEncoderMatchesReference<unsigned short>(3);
 }
 
-// Tables stay valid after more distinct gammas than the cache holds have pushed theirs out, and threads
-// asking at once for a gamma nobody has built yet all get correct tables.
+// Tables stay valid after more gammas than the cache holds have pushed theirs out, and threads asking at
+// once for a gamma nobody has built yet all get correct tables.
 TEST(GammaTables, OutliveTheirCacheEntriesAndAreSharedAcrossThreads) {
   const GammaValue first(1.234f);
   const GammaEncoder16 kept(first, PowerPrecision::Double);
   const GammaDecodeTable16 keptDecode(first);
   for (int i = 0; i < 20; ++i) {
     const GammaValue g(1.5f + 0.01f * static_cast<float>(i));
-    EXPECT_EQ(GammaEncoder16(g)(0.5f), EncodeChannel16(0.5f, g));
-    EXPECT_EQ(GammaDecodeTable16(g)(30000), DecodeChannel16(30000, g));
+    EXPECT_TRUE(GammaEncoder16(g)(0.5f) == EncodeChannel16(0.5f, g) &&
+                GammaDecodeTable16(g)(3) == DecodeChannel16(3, g));
   }
   const GammaEncoder16 copy = kept;
   for (std::uint32_t b = 0; b <= 0x3F800000u; b += 65537)
     ASSERT_EQ(copy(FromBits(b)), EncodeChannel16(FromBits(b), first, PowerPrecision::Double));
   EXPECT_EQ(keptDecode(40000), DecodeChannel16(40000, first));
-
-  const GammaValue fresh(2.345f);
   std::atomic<int> mismatches{0};
   std::vector<std::thread> threads;
   for (unsigned t = 0; t < 4; ++t) {
-    threads.emplace_back([t, fresh, &mismatches] {
+    threads.emplace_back([t, &mismatches] {
+      const GammaValue fresh(2.345f);
       const GammaEncoder16 encoder(fresh);
       const GammaDecodeTable16 decoder(fresh);
       for (unsigned v = t; v < 65536; v += 4) {

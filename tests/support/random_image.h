@@ -9,7 +9,6 @@
 #include <functional>
 #include <limits>
 #include <memory>
-#include <ostream>
 #include <random>
 #include <vector>
 
@@ -45,15 +44,14 @@ inline Image RandomImage(EImageType type, int width, int height, GammaValue gamm
   const float inf = std::numeric_limits<float>::infinity();
   const float kExtremes[] = {0.0f, -0.0f, 0.5f, 1.0f, inf, -inf, std::nanf(""), 3e38f, 1e-13f};
   for (int y = 0; y < height; ++y) {
-    unsigned char* row = plane.Row(y);
     for (int i = 0; i < width * plane.BytesPerPixel(); i += IsFloat(type) ? 4 : 1) {
       float v = value(random);
       if (extremes && random() % 6 == 0)
         v = kExtremes[random() % 9];
       if (IsFloat(type))
-        std::memcpy(row + i, &v, sizeof v);
+        std::memcpy(plane.Row(y) + i, &v, sizeof v);
       else
-        row[i] = static_cast<unsigned char>(random());
+        plane.Row(y)[i] = static_cast<unsigned char>(random());
     }
   }
   return image;
@@ -73,34 +71,6 @@ inline Bytes OnOneThread(const Image& source, const std::function<void(Image&)>&
   const tools::ScopedJobThreadLimit oneThread(1);
   operation(*copy);
   return PlaneBytes(*copy);
-}
-
-// The grey of a colour as the library defines it: (0.35 R + 0.5 G) + 0.15 B in single precision.
-inline float Grey(const LinearRGB_T<float>& c) {
-  return (0.35f * c.r + 0.5f * c.g) + 0.15f * c.b;
-}
-
-inline LinearRGB_T<float> Colour(const Image& image, int x, int y) {
-  LinearRGB_T<float> c;
-  ConstPixelAccess(image.GetImplRef().Plane(), x, y).GetPixelRGB(c);
-  return c;
-}
-
-// The grey range of `rows` (all rows when none are given) in one pass in pixel order: a value replaces
-// the minimum when not above it and the maximum when above it (so NaN never counts).
-inline void ReferenceGreyRange(const Image& image, float& min, float& max, std::vector<int> rows = {}) {
-  if (rows.empty())
-    for (int y = 0; y < image.Height(); ++y)
-      rows.push_back(y);
-  min = std::numeric_limits<float>::max();
-  max = -min;
-  for (int y : rows) {
-    for (int x = 0; x < image.Width(); ++x) {
-      const float g = Grey(Colour(image, x, y));
-      min = g <= min ? g : min;
-      max = g > max ? g : max;
-    }
-  }
 }
 
 template <class T>

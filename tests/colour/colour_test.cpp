@@ -1,9 +1,12 @@
-// HLS and RGBE colours, black-body colours and the derived interface colours.
+// HLS and RGBE colours, black-body colours, the derived interface colours, and the stream form of
+// colours: round trips, every chunk form a reader meets, and malformed chunks.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <limits>
+#include <optional>
 #include <random>
 #include <vector>
 
@@ -11,11 +14,13 @@
 
 #include "colour/rgbe_rows.h"
 #include "imagery/colour_spaces.h"
+#include "imagery_host/stream.h"
 
 namespace imagery {
 namespace {
 
 using RGB = LinearRGB_T<float>;
+using Fill = std::function<void(ZELStream&)>;
 
 // Every channel within `tolerance`.
 bool Near(const RGB& actual, const RGB& expected, float tolerance) {
@@ -23,9 +28,11 @@ bool Near(const RGB& actual, const RGB& expected, float tolerance) {
          std::fabs(actual.b - expected.b) <= tolerance;
 }
 
+// Known colours, hue wrapping, hashing, random round trips, the byte helpers (linear bytes, the fourth
+// byte kept) and HLSE, which keeps the intensity of colours brighter than white in its exponent.
 TEST(HLS, KnownColoursRoundTripsAndBrighterThanWhite) {
-  EXPECT_EQ(HLSCLR(RGB(1.0f, 0.0f, 0.0f)), HLSCLR(0.0f, 0.5f, 1.0f));
-  EXPECT_EQ(ToCLRFLOAT(HLSCLR(0.0f, 0.5f, 0.0f)), RGB(0.5f, 0.5f, 0.5f));
+  EXPECT_TRUE(HLSCLR(RGB(1.0f, 0.0f, 0.0f)) == HLSCLR(0.0f, 0.5f, 1.0f) &&
+              ToCLRFLOAT(HLSCLR(0.0f, 0.5f, 0.0f)) == RGB(0.5f, 0.5f, 0.5f));
   EXPECT_NEAR(HLSCLR(RGB(1.0f, 0.0f, 1.0f)).h, 5.0f / 6.0f, 1e-6f);
   EXPECT_EQ(ToCLRFLOAT(HLSCLR(0.3f, -0.1f, 1.0f)), RGB(0.0f, 0.0f, 0.0f));
   EXPECT_TRUE(Near(ToCLRFLOAT(HLSCLR(-0.75f, 0.4f, 0.7f)), ToCLRFLOAT(HLSCLR(0.25f, 0.4f, 0.7f)), 1e-6f));
@@ -37,23 +44,19 @@ TEST(HLS, KnownColoursRoundTripsAndBrighterThanWhite) {
   for (int i = 0; i < 20000; ++i) {
     const RGB rgb(unit(random), unit(random), unit(random));
     const HLSCLR hls(rgb);
-    ASSERT_TRUE(hls.h >= 0.0f && hls.h <= 1.0f && hls.s >= 0.0f && hls.s <= 1.0f);
     const RGB back = hls.ToRGB();
-    ASSERT_TRUE(Near(back, rgb, 2e-5f)) << back.r << " " << back.g << " " << back.b;
+    ASSERT_TRUE(hls.h >= 0.0f && hls.h <= 1.0f && hls.s >= 0.0f && hls.s <= 1.0f && Near(back, rgb, 2e-5f));
     ASSERT_EQ(make_vector(hls), glm::dvec3(back.r, back.g, back.b));
   }
-  // The byte helpers go through the same conversions with linear bytes; the fourth byte stays.
   float h, l, s;
   CLR(0x00336699u).ToHLSGamma(h, l, s);
   CLR back(0x5A000000u);
   back.FromHLSGamma(h, l, s);
   EXPECT_EQ(back.Value(), 0x5A336699u);
-  // HLSE keeps the intensity of colours brighter than white in its exponent.
   const HLSECLR bright(RGB(2.0f, 1.0f, 0.0f));
-  EXPECT_EQ(bright.e, 2.0f);
+  EXPECT_TRUE(bright.e == 2.0f && HLSECLR(RGB(0.2f, 0.4f, 0.6f)).e == 1.0f);
   EXPECT_TRUE(Near(HLSCLR(bright).ToRGB(), HLSCLR(RGB(1.0f, 0.5f, 0.0f)).ToRGB(), 1e-6f));
   EXPECT_TRUE(Near(ToCLRFLOAT(bright), {2.0f, 1.0f, 0.0f}, 1e-5f));
-  EXPECT_EQ(HLSECLR(RGB(0.2f, 0.4f, 0.6f)).e, 1.0f);
   EXPECT_EQ(ToCLRFLOAT(HLSECLR(0.0f, 0.5f, 0.0f, -3.0f)), RGB(0.0f, 0.0f, 0.0f));
 }
 
@@ -133,22 +136,19 @@ TEST(RGBE, RowFormGivesTheBytesOfFromFloat) {
   }
 }
 
+// Clamped to 1000..10000 K; white at daylight; hotter bodies are bluer and, past daylight, less red.
 TEST(Temperature, ClampsAndReachesWhiteAtDaylight) {
-  EXPECT_NEAR(GetTemperatureColor(6600.0f).r, 1.0f, 1e-6f);
-  EXPECT_NEAR(GetTemperatureColor(6600.0f).b, 1.0f, 1e-6f);
-  EXPECT_EQ(GetTemperatureColor(500.0f), GetTemperatureColor(1000.0f));
-  EXPECT_EQ(GetTemperatureColor(std::nanf("")), GetTemperatureColor(1000.0f));
-  EXPECT_EQ(GetTemperatureColor(25000.0f), GetTemperatureColor(10000.0f));
-  RGB previous = GetTemperatureColor(1000.0f);
-  EXPECT_EQ(previous.b, 0.0f);
+  EXPECT_TRUE(Near(GetTemperatureColor(6600.0f), RGB(1.0f, GetTemperatureColor(6600.0f).g, 1.0f), 1e-6f));
+  EXPECT_TRUE(GetTemperatureColor(500.0f) == GetTemperatureColor(1000.0f) &&
+              GetTemperatureColor(std::nanf("")) == GetTemperatureColor(1000.0f) &&
+              GetTemperatureColor(25000.0f) == GetTemperatureColor(10000.0f) &&
+              GetTemperatureColor(1000.0f).b == 0.0f);
   for (float kelvin = 1100.0f; kelvin <= 10000.0f; kelvin += 100.0f) {
-    const RGB c = GetTemperatureColor(kelvin);
-    // Hotter bodies are bluer and, past daylight, less red.
+    const RGB c = GetTemperatureColor(kelvin), previous = GetTemperatureColor(kelvin - 100.0f);
     ASSERT_TRUE(c.g >= 0.0f && c.g <= 1.0f && c.b <= 1.0f && c.b >= previous.b && c.r <= previous.r)
         << kelvin;
-    previous = c;
   }
-  EXPECT_LT(previous.r, 0.8f);
+  EXPECT_LT(GetTemperatureColor(10000.0f).r, 0.8f);
 }
 
 TEST(InterfaceColours, DisabledHighlightedMoreIntenseLerpAndDistance) {
@@ -157,19 +157,17 @@ TEST(InterfaceColours, DisabledHighlightedMoreIntenseLerpAndDistance) {
   EXPECT_EQ(MakeDisabledColor(CLR(0x00FFFFFFu)), CLR(255, 255, 255));
   const CLR red = MakeDisabledColor(CLR(255, 0, 0));
   EXPECT_EQ(red.Red() - red.Green(), 102);  // 0.4 of the difference survives
-  EXPECT_EQ(MakeHighlightedColor(CLR(0u)), CLR(40, 40, 40));
-  EXPECT_EQ(MakeHighlightedColor(CLR(0x00FFFFFFu)), CLR(255, 255, 255));
-  for (int v = 1; v < 256; ++v) {
-    const CLR lit = MakeHighlightedColor(CLR(v, v, v));
-    ASSERT_TRUE(lit.Red() >= v && lit.Red() >= MakeHighlightedColor(CLR(v - 1, 0, 0)).Red()) << v;
-  }
+  EXPECT_TRUE(MakeHighlightedColor(CLR(0u)) == CLR(40, 40, 40) &&
+              MakeHighlightedColor(CLR(0x00FFFFFFu)) == CLR(255, 255, 255));
+  for (int v = 1; v < 256; ++v)
+    ASSERT_GE(MakeHighlightedColor(CLR(v, v, v)).Red(),
+              std::max<int>(v, MakeHighlightedColor(CLR(v - 1, 0, 0)).Red()));
   for (std::uint32_t kept : {0x000000u, 0x808080u, 0xFF0000u})
     EXPECT_EQ(MakeMoreIntenseColor(CLR(kept)), CLR(kept));
   float h0, l0, s0, h1, l1, s1;
   CLR(150, 120, 110).ToHLSGamma(h0, l0, s0);
   MakeMoreIntenseColor(CLR(150, 120, 110)).ToHLSGamma(h1, l1, s1);
   EXPECT_TRUE(s1 > s0 && s1 <= 0.8f && std::fabs(h1 - h0) < 0.01f && std::fabs(l1 - l0) < 0.01f);
-
   const CLR a(10, 200, 0x40), b(250, 100, 0x40);
   EXPECT_TRUE(PerceptualLerp(a, b, 0.0f) == a && PerceptualLerp(a, b, 1.0f) == b);
   EXPECT_EQ(PerceptualLerp(a, b, 0.5f), CLR(130, 150, 0x40));
@@ -177,8 +175,94 @@ TEST(InterfaceColours, DisabledHighlightedMoreIntenseLerpAndDistance) {
   EXPECT_EQ(PerceptualLerp(a, b, std::nanf("")), CLR(0u));
   EXPECT_EQ(PerceptualLerp(CLRA(0u), CLRA(100, 50, 255, 200), 0.25f), CLRA(25, 12, 63, 50));
   EXPECT_EQ(PerceptualDistance(CLR(0u), CLR(0x00FFFFFFu)), 255);  // 441.7, capped
-  EXPECT_EQ(PerceptualDistance(CLR(3, 4, 0), CLR(0, 0, 0)), 5);
-  EXPECT_EQ(PerceptualDistance(a, b), PerceptualDistance(b, a));
+  EXPECT_TRUE(PerceptualDistance(CLR(3, 4, 0), CLR(0, 0, 0)) == 5 &&
+              PerceptualDistance(a, b) == PerceptualDistance(b, a));
+}
+
+// Writes each value with its type tag.
+template <class... T>
+Fill Values(T... values) {
+  return [values...](ZELStream& s) { (void)(s.WriteTyped(values) && ...); };
+}
+
+TEST(ColourStream, RoundTripsExactlyInBothByteOrdersAsChunk0x11F) {
+  for (ZELByteOrder order : {ZELByteOrder::LittleEndian, ZELByteOrder::BigEndian}) {
+    ZELMemoryStream stream(order);
+    ASSERT_TRUE(Write(RGB(0.1f, 2.5f, -0.3f), &stream) && HLSCLR(0.7f, 0.2f, 0.9f).Write(&stream));
+    // Three tagged floats.
+    EXPECT_EQ(stream.Bytes().size(), 2 * (ZELStream::kChunkHeaderSize + 3 * (2 + 4)));
+    const unsigned id = order == ZELByteOrder::LittleEndian ? stream.Bytes()[0] | stream.Bytes()[1] << 8
+                                                            : stream.Bytes()[1] | stream.Bytes()[0] << 8;
+    EXPECT_EQ(id, 0x11Fu);
+    stream.Rewind();
+    RGB colour;
+    HLSCLR hls;
+    ASSERT_TRUE(Read(colour, &stream) && hls.Read(&stream));
+    EXPECT_TRUE(colour == RGB(0.1f, 2.5f, -0.3f) && hls == HLSCLR(0.7f, 0.2f, 0.9f) && stream.EndOfStream());
+  }
+  RGB colour;
+  EXPECT_FALSE(Read(colour, nullptr) || Write(colour, nullptr) || HLSCLR().Read(nullptr) ||
+               HLSCLR().Write(nullptr));
+}
+
+// Chunk `id` built by `fill`, followed by a marker chunk, is read into a value that starts as
+// (-7, -8, -9). The read succeeds exactly when an expected value is given, and then yields it; otherwise
+// the value is left alone. Either way the reader stops at the marker: it skipped the colour chunk whole.
+TEST(ColourStream, EveryChunkFormIsReadOrRejectedAndSkippedWhole) {
+  const Fill floats = Values(0.25f, 0.5f, 0.75f);
+  const Fill bytes = [](ZELStream& s) { s.Write("\x00\x33\xFF", 3); };
+  const RGB linear(0.25f, 0.5f, 0.75f);
+  const HLSCLR hls(0.25f, 0.5f, 0.75f);
+  const struct {
+    unsigned short id;
+    Fill fill;
+    std::optional<RGB> linear;
+    std::optional<HLSCLR> hls;
+  } cases[] = {{0x11F, floats, linear, hls},
+               {0x110, floats, linear, {}},
+               {0x111, Values(0.25, 0.5, 0.75), linear, hls},
+               {0x112, Values<short, short, short>(255, 32767, -51),
+                RGB(255 * kInv255, 32767 * kInv255, -51 * kInv255),
+                HLSCLR(255 * 1.5259022e-05f, 32767 * 3.051851e-05f, -51 * 3.051851e-05f)},
+               {8, bytes, RGB(0.0f, 51 * kInv255, 255 * kInv255), {}},
+               // Unknown ids.
+               {0x113, floats, {}, {}},
+               {9, bytes, {}, {}},
+               // Known ids with malformed contents: two values, a wrong tag, doubles where floats belong,
+               // too few bytes.
+               {0x11F, Values(0.25f, 0.5f), {}, {}},
+               {0x11F, Values(0.25f, 7, 0.75f), {}, {}},
+               {0x11F, Values(0.25, 0.5, 0.75), {}, {}},
+               {8, [](ZELStream& s) { s.Write("\x01\x02", 2); }, {}, {}}};
+  for (ZELByteOrder order : {ZELByteOrder::LittleEndian, ZELByteOrder::BigEndian}) {
+    for (const auto& c : cases) {
+      for (int kind = 0; kind < 2; ++kind) {
+        SCOPED_TRACE(testing::Message() << "row " << (&c - cases) << (kind ? " as HLS" : " as linear"));
+        ZELMemoryStream stream(order);
+        {
+          ZELWriteChunk chunk(&stream, c.id);
+          c.fill(stream);
+        }
+        ZELWriteChunk marker(&stream, 0x7777);
+        stream.WriteTyped(1234);
+        marker.End();
+        stream.Rewind();
+        RGB value(-7.0f, -8.0f, -9.0f);
+        HLSCLR hlsValue(-7.0f, -8.0f, -9.0f);
+        if (kind == 0) {
+          EXPECT_EQ(Read(value, &stream), c.linear.has_value());
+          EXPECT_EQ(value, c.linear.value_or(RGB(-7.0f, -8.0f, -9.0f)));
+        } else {
+          EXPECT_EQ(hlsValue.Read(&stream), c.hls.has_value());
+          EXPECT_EQ(hlsValue, c.hls.value_or(HLSCLR(-7.0f, -8.0f, -9.0f)));
+        }
+        ZELReadChunk next;
+        int number = 0;
+        ASSERT_TRUE(next.InitChunk(&stream));
+        EXPECT_TRUE(next.GetID() == 0x7777 && stream.ReadSInt32(number) && number == 1234);
+      }
+    }
+  }
 }
 
 }  // namespace
