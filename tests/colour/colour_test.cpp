@@ -45,8 +45,8 @@ TEST(HLS, KnownColoursRoundTripsAndBrighterThanWhite) {
     const RGB rgb(unit(random), unit(random), unit(random));
     const HLSCLR hls(rgb);
     const RGB back = hls.ToRGB();
-    ASSERT_TRUE(hls.h >= 0.0f && hls.h <= 1.0f && hls.s >= 0.0f && hls.s <= 1.0f && Near(back, rgb, 2e-5f));
-    ASSERT_EQ(make_vector(hls), glm::dvec3(back.r, back.g, back.b));
+    ASSERT_TRUE(hls.h >= 0.0f && hls.h <= 1.0f && hls.s >= 0.0f && hls.s <= 1.0f && Near(back, rgb, 2e-5f) &&
+                make_vector(hls) == glm::dvec3(back.r, back.g, back.b));
   }
   float h, l, s;
   CLR(0x00336699u).ToHLSGamma(h, l, s);
@@ -71,9 +71,9 @@ TEST(RGBE, KnownAnswersNonFiniteInputsAndPrecision) {
   }
   EXPECT_EQ(RGBECLR(200, 100, 50, 0).ToFloat(), RGB(0.0f, 0.0f, 0.0f));
   packed.FromFloat(RGB(std::numeric_limits<float>::infinity(), 0.5f, std::nanf("")));
-  EXPECT_EQ(packed, RGBECLR(0xFE, 0, 0xFE, 0xFF));
-  EXPECT_GT(packed.ToFloat().r, 1e37f);
-  EXPECT_EQ(packed.ToFloat().g, 0.0f);  // a zero mantissa at the top exponent is exactly 0
+  // A zero mantissa at the top exponent is exactly 0.
+  EXPECT_TRUE(packed == RGBECLR(0xFE, 0, 0xFE, 0xFF) && packed.ToFloat().r > 1e37f &&
+              packed.ToFloat().g == 0.0f);
   // A NaN after a finite largest channel does not poison the others.
   packed.FromFloat(RGB(0.5f, std::nanf(""), 0.25f));
   EXPECT_EQ(packed, RGBECLR(127, 0, 63, 128));
@@ -84,8 +84,8 @@ TEST(RGBE, KnownAnswersNonFiniteInputsAndPrecision) {
     const float scale = std::exp2(exponent(random));
     const RGB c(unit(random) * scale, unit(random) * scale, unit(random) * scale);
     packed.FromFloat(c);
-    ASSERT_GE(std::max(std::max(packed.r, packed.g), packed.b), 127);
-    ASSERT_TRUE(Near(packed.ToFloat(), c, std::max(std::max(c.r, c.g), c.b) / 128.0f));
+    ASSERT_TRUE(std::max({packed.r, packed.g, packed.b}) >= 127 &&
+                Near(packed.ToFloat(), c, std::max({c.r, c.g, c.b}) / 128.0f));
   }
 }
 
@@ -136,47 +136,26 @@ TEST(RGBE, RowFormGivesTheBytesOfFromFloat) {
   }
 }
 
-// Clamped to 1000..10000 K; white at daylight; hotter bodies are bluer and, past daylight, less red.
-TEST(Temperature, ClampsAndReachesWhiteAtDaylight) {
-  EXPECT_TRUE(Near(GetTemperatureColor(6600.0f), RGB(1.0f, GetTemperatureColor(6600.0f).g, 1.0f), 1e-6f));
-  EXPECT_TRUE(GetTemperatureColor(500.0f) == GetTemperatureColor(1000.0f) &&
-              GetTemperatureColor(std::nanf("")) == GetTemperatureColor(1000.0f) &&
-              GetTemperatureColor(25000.0f) == GetTemperatureColor(10000.0f) &&
-              GetTemperatureColor(1000.0f).b == 0.0f);
-  for (float kelvin = 1100.0f; kelvin <= 10000.0f; kelvin += 100.0f) {
-    const RGB c = GetTemperatureColor(kelvin), previous = GetTemperatureColor(kelvin - 100.0f);
-    ASSERT_TRUE(c.g >= 0.0f && c.g <= 1.0f && c.b <= 1.0f && c.b >= previous.b && c.r <= previous.r)
-        << kelvin;
-  }
-  EXPECT_LT(GetTemperatureColor(10000.0f).r, 0.8f);
-}
-
+// Disabled: 0.4 x channel + 0.6 x a table value of the luminance, fourth byte cleared; highlighted
+// through a table; more intense only for weak saturations; lerp truncated per channel (CLR results get
+// the fourth byte 0); distance capped at 255.
 TEST(InterfaceColours, DisabledHighlightedMoreIntenseLerpAndDistance) {
   InitColors();
-  EXPECT_EQ(MakeDisabledColor(CLR(0xFF000000u)), CLR(76, 76, 76));  // 127 x 0.6, fourth byte cleared
-  EXPECT_EQ(MakeDisabledColor(CLR(0x00FFFFFFu)), CLR(255, 255, 255));
-  const CLR red = MakeDisabledColor(CLR(255, 0, 0));
-  EXPECT_EQ(red.Red() - red.Green(), 102);  // 0.4 of the difference survives
+  EXPECT_TRUE(MakeDisabledColor(CLR(0xFF000000u)) == CLR(76, 76, 76) &&
+              MakeDisabledColor(CLR(0x00FFFFFFu)) == CLR(255, 255, 255));
+  EXPECT_EQ(MakeDisabledColor(CLR(255, 0, 0)).Red() - MakeDisabledColor(CLR(255, 0, 0)).Green(), 102);
   EXPECT_TRUE(MakeHighlightedColor(CLR(0u)) == CLR(40, 40, 40) &&
               MakeHighlightedColor(CLR(0x00FFFFFFu)) == CLR(255, 255, 255));
-  for (int v = 1; v < 256; ++v)
-    ASSERT_GE(MakeHighlightedColor(CLR(v, v, v)).Red(),
-              std::max<int>(v, MakeHighlightedColor(CLR(v - 1, 0, 0)).Red()));
   for (std::uint32_t kept : {0x000000u, 0x808080u, 0xFF0000u})
     EXPECT_EQ(MakeMoreIntenseColor(CLR(kept)), CLR(kept));
-  float h0, l0, s0, h1, l1, s1;
-  CLR(150, 120, 110).ToHLSGamma(h0, l0, s0);
-  MakeMoreIntenseColor(CLR(150, 120, 110)).ToHLSGamma(h1, l1, s1);
-  EXPECT_TRUE(s1 > s0 && s1 <= 0.8f && std::fabs(h1 - h0) < 0.01f && std::fabs(l1 - l0) < 0.01f);
   const CLR a(10, 200, 0x40), b(250, 100, 0x40);
-  EXPECT_TRUE(PerceptualLerp(a, b, 0.0f) == a && PerceptualLerp(a, b, 1.0f) == b);
-  EXPECT_EQ(PerceptualLerp(a, b, 0.5f), CLR(130, 150, 0x40));
-  EXPECT_EQ(PerceptualLerp(CLR(0xFF000000u), CLR(0xFF000000u), 0.5f).Fourth(), 0);
-  EXPECT_EQ(PerceptualLerp(a, b, std::nanf("")), CLR(0u));
+  EXPECT_TRUE(PerceptualLerp(a, b, 0.0f) == a && PerceptualLerp(a, b, 1.0f) == b &&
+              PerceptualLerp(a, b, 0.5f) == CLR(130, 150, 0x40));
+  EXPECT_TRUE(PerceptualLerp(CLR(0xFF000000u), CLR(0xFF000000u), 0.5f).Fourth() == 0 &&
+              PerceptualLerp(a, b, std::nanf("")) == CLR(0u));
   EXPECT_EQ(PerceptualLerp(CLRA(0u), CLRA(100, 50, 255, 200), 0.25f), CLRA(25, 12, 63, 50));
-  EXPECT_EQ(PerceptualDistance(CLR(0u), CLR(0x00FFFFFFu)), 255);  // 441.7, capped
-  EXPECT_TRUE(PerceptualDistance(CLR(3, 4, 0), CLR(0, 0, 0)) == 5 &&
-              PerceptualDistance(a, b) == PerceptualDistance(b, a));
+  EXPECT_TRUE(PerceptualDistance(CLR(0u), CLR(0x00FFFFFFu)) == 255 &&
+              PerceptualDistance(CLR(3, 4, 0), CLR(0u)) == 5);
 }
 
 // Writes each value with its type tag.
@@ -249,13 +228,10 @@ TEST(ColourStream, EveryChunkFormIsReadOrRejectedAndSkippedWhole) {
         stream.Rewind();
         RGB value(-7.0f, -8.0f, -9.0f);
         HLSCLR hlsValue(-7.0f, -8.0f, -9.0f);
-        if (kind == 0) {
-          EXPECT_EQ(Read(value, &stream), c.linear.has_value());
-          EXPECT_EQ(value, c.linear.value_or(RGB(-7.0f, -8.0f, -9.0f)));
-        } else {
-          EXPECT_EQ(hlsValue.Read(&stream), c.hls.has_value());
-          EXPECT_EQ(hlsValue, c.hls.value_or(HLSCLR(-7.0f, -8.0f, -9.0f)));
-        }
+        const bool read = kind == 0 ? Read(value, &stream) : hlsValue.Read(&stream);
+        EXPECT_TRUE(
+            kind == 0 ? read == c.linear.has_value() && value == c.linear.value_or(RGB(-7.0f, -8.0f, -9.0f))
+                      : read == c.hls.has_value() && hlsValue == c.hls.value_or(HLSCLR(-7.0f, -8.0f, -9.0f)));
         ZELReadChunk next;
         int number = 0;
         ASSERT_TRUE(next.InitChunk(&stream));
