@@ -39,34 +39,25 @@ Channels4 At(const Image& image, int x, int y) {
 // rounded outward, is transparent black). Written through the cursors with the image's gamma.
 Image Reference(const Image& source, int width, int height, bool keep, bool white) {
   const int w = source.Width(), h = source.Height();
-  float sx = static_cast<float>(w) / static_cast<float>(width),
-        sy = static_cast<float>(h) / static_cast<float>(height);
-  if (keep)
-    sx = sy = std::max(sx, sy);
-  const auto begin = [keep](int size, int target, float scale) {
-    return keep
-               ? std::clamp(
-                     static_cast<int>((static_cast<float>(target) - static_cast<float>(size) / scale) * 0.5f),
-                     0, target)
-               : 0;
-  };
-  const int bx = begin(w, width, sx), by = begin(h, height, sy);
+  const float sw = w, sh = h, tw = width, th = height, m = white ? DecodeChannel8(255, gamma::sRGB) : 0.0f;
+  const float sx = keep ? std::max(sw / tw, sh / th) : sw / tw, sy = keep ? sx : sh / th;
+  const int bx = keep ? std::clamp(static_cast<int>((tw - sw / sx) * 0.5f), 0, width) : 0;
+  const int by = keep ? std::clamp(static_cast<int>((th - sh / sy) * 0.5f), 0, height) : 0;
   const auto sample = [](float u, int size) {
     const float shifted = u - 0.5f, floored = std::floor(shifted);
     const int i = static_cast<int>(floored);
     return std::tuple(std::clamp(i, 0, size - 1), std::clamp(i + 1, 0, size - 1), shifted - floored);
   };
-  const auto parts = [](float x0, float scale, int size) {
+  const auto parts = [](float x0, float scale, float size) {
     std::vector<std::pair<int, float>> result;
-    float position = std::clamp(x0, 0.0f, static_cast<float>(size));
-    for (const float end = std::clamp(x0 + scale, 0.0f, static_cast<float>(size)); position < end;) {
+    for (float position = std::clamp(x0, 0.0f, size), end = std::clamp(x0 + scale, 0.0f, size);
+         position < end;) {
       const float next = std::min(std::floor(position) + 1.0f, end);
       result.emplace_back(static_cast<int>(std::floor(position)), next - position);
       position = next;
     }
     return result;
   };
-  const float m = white ? DecodeChannel8(255, gamma::sRGB) : 0.0f;
   Image out(width, height, source.ImageType(), source.GetGamma());
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
@@ -84,11 +75,10 @@ Image Reference(const Image& source, int width, int height, bool keep, bool whit
       } else if (content) {
         Channels4 sum{};
         float total = 0.0f;
-        for (const auto& [j, rowPart] : parts(v * sy, sy, h)) {
-          for (const auto& [i, part] : parts(u * sx, sx, w)) {
-            const Channels4 s = At(source, i, j);
+        for (const auto& [j, rowPart] : parts(v * sy, sy, sh)) {
+          for (const auto& [i, part] : parts(u * sx, sx, sw)) {
             for (int k = 0; k < 4; ++k)
-              sum[k] += part * rowPart * s[k];
+              sum[k] += part * rowPart * At(source, i, j)[k];
             total += part * rowPart;
           }
         }
@@ -138,26 +128,20 @@ TEST(Resample, EveryFormatFollowsTheDocumentedArithmetic) {
   }
 }
 
+// Sequential rows; rows on the pool, whose loop counts one step more than there are rows; crossed sizes,
+// whose two passes are sub-steps completed when they end, whether or not they reported.
 TEST(Resample, ProgressIsReportedOnlyWhenAskedAndTwoPassesShareIt) {
-  // Sequential rows; rows on the pool, whose loop counts one step more than there are rows; crossed
-  // sizes, whose two passes are sub-steps completed when they end, whether or not they reported.
-  const struct {
-    int w, h, targetW, targetH;
-    bool useProgress;
-    float least, most;
-  } cases[] = {{20, 20, 10, 10, false, 0, 0},   {20, 20, 10, 10, true, 1, 1},
-               {60, 60, 30, 30, false, 0, 0},   {60, 60, 30, 30, true, 0.9f, 1},
-               {100, 50, 50, 100, false, 1, 1}, {100, 50, 50, 100, true, 1, 1}};
+  const float cases[][7] = {{20, 20, 10, 10, 0, 0, 0},   {20, 20, 10, 10, 1, 1, 1},
+                            {60, 60, 30, 30, 0, 0, 0},   {60, 60, 30, 30, 1, 0.9f, 1},
+                            {100, 50, 50, 100, 0, 1, 1}, {100, 50, 50, 100, 1, 1, 1}};
   for (const auto& c : cases) {
-    Image image = RandomImage(IT_RGB8, c.w, c.h, gamma::sRGB, 13);
+    Image image = RandomImage(IT_RGB8, int(c[0]), int(c[1]), gamma::sRGB, 13);
     KORProgress progress;
     ResampleOpts options;
-    options.useProgress = c.useProgress;
+    options.useProgress = c[4] > 0;
     options.progress = &progress;
-    Resample(image, c.targetW, c.targetH, options);
-    EXPECT_TRUE(image.Width() == c.targetW && image.Height() == c.targetH) << &c - cases;
-    EXPECT_TRUE(progress.GetValue() >= c.least - 1e-6f && progress.GetValue() <= c.most + 1e-6f)
-        << &c - cases;
+    Resample(image, int(c[2]), int(c[3]), options);
+    EXPECT_TRUE(progress.GetValue() >= c[5] - 1e-6f && progress.GetValue() <= c[6] + 1e-6f) << &c - cases;
   }
 }
 
