@@ -256,45 +256,48 @@ TEST(Conversions, DispatchersColourModesAndBitDepths) {
   GammaSettings& settings = GetCurrentGammaSettings();
   const GammaSettings saved = settings;
   settings.SetOutputGamma(GammaValue(1.8f));
-  const EColorMode kModes[] = {CM_RGB8,   CM_Grayscale8,  CM_RGBA8,  CM_RGBEA,   CM_RGB16,
-                               CM_RGBA16, CM_Grayscale16, CM_RGB32f, CM_RGBA32f, CM_Grayscale32f};
-  for (int t = IT_RGB8; t <= IT_UNDEFINED + 1; ++t) {
-    const auto expected = static_cast<EImageType>(t);
-    const bool linear = IsFloat(expected) || expected == IT_RGBEA;
+  // What IT_RGB16 is formatted to; IT_Grayscale8 given the format without and with alpha added; the grey
+  // of IT_RGB16 at the format's bit depth; the format's colour mode.
+  const struct {
+    EImageType type, formatted, opaque, alpha, grey;
+    EColorMode mode;
+  } cases[] = {
+      {IT_RGB8, IT_RGB8, IT_RGB8, IT_RGB8, IT_Grayscale8, CM_RGB8},
+      {IT_Grayscale8, IT_Grayscale8, IT_Grayscale8, IT_Grayscale8, IT_Grayscale8, CM_Grayscale8},
+      {IT_RGBA8, IT_RGBA8, IT_RGB8, IT_RGBA8, IT_Grayscale8, CM_RGBA8},
+      {IT_RGBEA, IT_RGBEA, IT_RGBEA, IT_RGBEA, IT_Grayscale8, CM_RGBEA},
+      {IT_RGB16, IT_RGB16, IT_RGB16, IT_RGB16, IT_Grayscale16, CM_RGB16},
+      {IT_RGBA16, IT_RGBA16, IT_RGB16, IT_RGBA16, IT_Grayscale16, CM_RGBA16},
+      {IT_Grayscale16, IT_Grayscale16, IT_Grayscale16, IT_Grayscale16, IT_Grayscale16, CM_Grayscale16},
+      {IT_RGB32f, IT_RGB32f, IT_RGB32f, IT_RGB32f, IT_Grayscale32f, CM_RGB32f},
+      {IT_RGBA32f, IT_RGBA32f, IT_RGB32f, IT_RGBA32f, IT_Grayscale32f, CM_RGBA32f},
+      {IT_Grayscale32f, IT_Grayscale32f, IT_Grayscale32f, IT_Grayscale32f, IT_Grayscale32f, CM_Grayscale32f},
+      {IT_RGEncoded, IT_RGB16, IT_Grayscale8, IT_Grayscale8, IT_Grayscale16, CM_RGB8},
+      {IT_RGEncodedAlpha, IT_RGB16, IT_Grayscale8, IT_Grayscale8, IT_Grayscale16, CM_RGB8},
+      {IT_UNDEFINED, IT_RGB16, IT_Grayscale8, IT_Grayscale8, IT_RGB16, CM_RGB8},
+      {EImageType(13), EImageType(13), IT_Grayscale8, IT_Grayscale8, IT_Grayscale8, CM_Grayscale8}};
+  const auto gammaOf = [](EImageType type, GammaValue kept) {
+    return IsFloat(type) || type == IT_RGBEA ? gamma::Linear : kept;
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.type);
     Image image = RandomImage(IT_RGB16, 2, 3, kPower, 9), grey(image);
-    const bool converts = expected != IT_RGB16 && expected < IT_RGEncoded;
-    if (t <= IT_UNDEFINED) {
-      EXPECT_EQ(FormatImageInExpectedFormat(image, expected), converts ? kModes[t] : CM_RGB16) << t;
-      EXPECT_TRUE(image.ImageType() == (converts ? expected : IT_RGB16) &&
-                  image.GetGamma() == (linear ? gamma::Linear : kPower))
-          << t;
+    if (c.type <= IT_UNDEFINED) {
+      EXPECT_EQ(FormatImageInExpectedFormat(image, c.type), c.formatted == c.type ? c.mode : CM_RGB16);
+      EXPECT_TRUE(image.ImageType() == c.formatted && image.GetGamma() == gammaOf(c.formatted, kPower));
     }
     for (const bool add : {false, true}) {
       Image typed = RandomImage(IT_Grayscale8, 2, 3, kPower, 9);
-      ToImageType(typed, expected, add);
-      const bool applies = t < IT_RGEncoded && expected != IT_Grayscale8,
-                 opaque = HasAlpha(expected) && !add && t != IT_RGBEA;
-      // Without alpha: IT_RGB8, IT_RGB16 and IT_RGB32f come before IT_RGBA8 (two before), IT_RGBA16 and
-      // IT_RGBA32f.
-      const EImageType result = !applies ? IT_Grayscale8
-                                : opaque ? EImageType(t - (t == IT_RGBA8 ? 2 : 1))
-                                         : expected;
-      EXPECT_TRUE(typed.ImageType() == result && typed.GetGamma() == (!applies ? kPower
-                                                                      : linear ? gamma::Linear
-                                                                               : GammaValue(1.8f)))
-          << t << ", adding alpha " << add;
+      ToImageType(typed, c.type, add);
+      const EImageType result = add ? c.alpha : c.opaque;
+      EXPECT_TRUE(typed.ImageType() == result &&
+                  typed.GetGamma() == (result == IT_Grayscale8 ? kPower : gammaOf(result, GammaValue(1.8f))))
+          << "adding alpha " << add;
     }
-    ToGrayscaleUsingBitDepth(grey, expected, kSRGB, kNoList, kNoScale);
-    const EImageType greyType = Is16Bit(expected) || IsRGEncoded(expected) ? IT_Grayscale16
-                                : IsFloat(expected)                        ? IT_Grayscale32f
-                                : expected == IT_UNDEFINED                 ? IT_RGB16
-                                                                           : IT_Grayscale8;
-    EXPECT_EQ(grey.ImageType(), greyType) << t;
-    EXPECT_TRUE(t >= IT_RGEncoded ||
-                GuessImageTypeFromBPP(GetBPPFromColorMode(kModes[t]), IsFloat(expected)) == expected);
-    EXPECT_EQ(GetColorModeFromImageType(expected), t < IT_RGEncoded    ? kModes[t]
-                                                   : t <= IT_UNDEFINED ? CM_RGB8
-                                                                       : CM_Grayscale8);
+    ToGrayscaleUsingBitDepth(grey, c.type, kSRGB, kNoList, kNoScale);
+    EXPECT_TRUE(grey.ImageType() == c.grey && GetColorModeFromImageType(c.type) == c.mode);
+    EXPECT_TRUE(c.type >= IT_RGEncoded ||
+                GuessImageTypeFromBPP(GetBPPFromColorMode(c.mode), IsFloat(c.type)) == c.type);
   }
   settings = saved;
   const Image source = RandomImage(IT_Grayscale32f, 3, 1, gamma::Linear, 10);
@@ -312,8 +315,7 @@ TEST(Conversions, DispatchersColourModesAndBitDepths) {
 // 8-bit code tables always pay; 16-bit ones from 65536 converted values (three per colour pixel: 21846
 // pixels); shared exponents by 8-bit codes from 65536 pixels. Colour to grey needs all three channels;
 // floats and shared exponents have no codes. 8-bit grey copies one of 256 result pixels, made by tables
-// where they serve. Re-encodings go by table from 65536 16-bit values; grey ranges come from the codes of
-// 8-bit grey always and of 16-bit grey codes from 65536 pixels. Each below and at its count.
+// where they serve. Each below and at its count.
 TEST(ConversionPlan, StrategiesAtTheirThresholds) {
   constexpr auto kFloats = convert::RowStrategy::ThroughFloats, kTable = convert::RowStrategy::CodeTable,
                  kShared = convert::RowStrategy::SharedExponentByCodes;
@@ -337,23 +339,6 @@ TEST(ConversionPlan, StrategiesAtTheirThresholds) {
     EXPECT_TRUE(convert::PlanConversion(c.source, c.target, c.pixels - 1) == below &&
                 convert::PlanConversion(c.source, c.target, c.pixels) == at)
         << &c - cases;
-  }
-  const struct {
-    EImageType type;
-    std::int64_t count;
-    bool reencodeByTable, greyRangeFromCodes;
-  } thresholds[] = {{IT_RGB8, 1, true, false},
-                    {IT_Grayscale8, 0, true, true},
-                    {IT_RGB16, 65535, false, false},
-                    {IT_RGBA16, 65536, true, false},
-                    {IT_Grayscale16, 65535, false, false},
-                    {IT_Grayscale16, 65536, true, true},
-                    {IT_RGEncodedAlpha, 65536, false, true},
-                    {IT_RGBEA, 1 << 20, false, false}};
-  for (const auto& t : thresholds) {
-    EXPECT_TRUE(convert::ReencodeByTable(t.type, t.count) == t.reencodeByTable &&
-                convert::GreyRangeFromCodes(t.type, t.count) == t.greyRangeFromCodes)
-        << t.type << ", " << t.count;
   }
 }
 

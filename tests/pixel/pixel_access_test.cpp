@@ -7,8 +7,9 @@
 namespace imagery {
 namespace {
 
+using testing_support::Bytes;
+using testing_support::PlaneBytes;
 using testing_support::SameBits;
-using Bytes = std::vector<unsigned char>;
 using RGB = LinearRGB_T<float>;
 using RGBA = LinearRGBA_T<float>;
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN(), kInf = std::numeric_limits<float>::infinity();
@@ -43,10 +44,6 @@ void Write(Cursor& cursor, int op, const RGB& c, float v) {
     cursor.SetPixelGrayscale(v);
   else
     cursor.SetPixelAlpha(v);
-}
-
-Bytes All(const PixelPlane& plane) {
-  return {plane.Data(), plane.Data() + plane.ByteSize()};
 }
 
 // A 3 x 3 plane whose pixel (1, 1) holds `pixel` and whose other bytes are 0xA5.
@@ -163,7 +160,7 @@ TEST(PixelAccess, WritesStoreTheseBytesAndNoOthers) {
     PixelAccess withGamma(plane, 1, 1);
     PixelAccessNoGamma noGamma(plane, 1, 1);
     c.gamma ? Write(withGamma, c.op, c.c, c.v) : Write(noGamma, c.op, c.c, c.v);
-    EXPECT_TRUE(All(plane) == All(PlaneWithPixel(c.type, gamma::sRGB, c.after)) &&
+    EXPECT_TRUE(PlaneBytes(plane) == PlaneBytes(PlaneWithPixel(c.type, gamma::sRGB, c.after)) &&
                 (c.type < IT_UNDEFINED ||
                  (SameBits(Read(withGamma), Reading()) && SameBits(Read(noGamma), Reading()))))
         << "case " << &c - cases;
@@ -206,7 +203,7 @@ void ExpectSameCursors(EImageType type, GammaValue gamma, std::mt19937& random) 
     Write(a, i / (width * height), c, v);
     Write(b, i / (width * height), c, v);
   }
-  EXPECT_EQ(All(planeA), All(planeB));
+  EXPECT_EQ(PlaneBytes(planeA), PlaneBytes(planeB));
 }
 
 // Typed cursors (with and without gamma) act as the runtime ones for every format byte and several

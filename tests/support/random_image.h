@@ -57,10 +57,12 @@ inline Image RandomImage(EImageType type, int width, int height, GammaValue gamm
   return image;
 }
 
-// Every byte of level 0, row padding included.
-inline Bytes PlaneBytes(const Image& image) {
-  const PixelPlane& plane = image.GetImplRef().Plane();
+// Every byte of a plane or of an image's level 0, row padding included.
+inline Bytes PlaneBytes(const PixelPlane& plane) {
   return Bytes(plane.Data(), plane.Data() + plane.ByteSize());
+}
+inline Bytes PlaneBytes(const Image& image) {
+  return PlaneBytes(image.GetImplRef().Plane());
 }
 
 // The plane bytes `operation` leaves in a deep copy of `source` when a single thread does all the work,
