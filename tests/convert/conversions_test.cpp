@@ -1,13 +1,17 @@
-// Pixel-format conversions against per-pixel references built on the public cursors and the
-// single-value encodings, on random images of every format and awkward sizes. The conversions run on
-// the pool; the large cases run again on one thread and must give the same bytes.
+// Pixel-format conversions against one per-pixel reference built on the public cursors and the
+// single-value encodings, on random images of every format and awkward sizes, at the plain and the
+// detected processor level, on the pool and (for the large images) on one thread. The row strategies at
+// their thresholds (every strategy gives the same bytes, so the sweep cannot see which one ran), and the
+// grey-range scans where random images would hide a position that is never read: the two extremes
+// planted at every position of rows of many lengths, and zeros of both signs across row bands.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
 #include <string>
-#include <vector>
 
+#include "convert/conversion_plan.h"
+#include "convert/row_converter.h"
+#include "cpu/cpu_level.h"
 #include "imagery/conversions.h"
 #include "imagery/gamma_settings.h"
 #include "support/random_image.h"
@@ -16,141 +20,71 @@ namespace imagery {
 namespace {
 
 using namespace testing_support;
-using Convert = std::function<void(Image&)>;
 
 const CheckInImageList kNoList(false), kList(true);
 const AutoScaleGrayScale kScale(true), kNoScale(false);
 const InvertGrayRange kInvert(true), kKeep(false);
 const GammaValue kSRGB = gamma::sRGB, kPower(2.2f);
 
-// Rounding of the conversions: clamp, add 0.49999997 and truncate. NaN gives 0.
-unsigned RoundCode(float scaled, float max) {
-  if (!(scaled > 0.0f))
-    return 0;
-  return scaled >= max ? static_cast<unsigned>(max) : static_cast<unsigned>(scaled + 0.49999997f);
+// The grey of a pixel as the library defines it: (0.35 R + 0.5 G) + 0.15 B in single precision.
+float Grey(const Image& image, int x, int y) {
+  LinearRGB_T<float> c;
+  ConstPixelAccess(image.GetImplRef().Plane(), x, y).GetPixelRGB(c);
+  return (0.35f * c.r + 0.5f * c.g) + 0.15f * c.b;
 }
 
-void Put(Bytes& out, unsigned code16) {
-  out.insert(out.end(), {static_cast<unsigned char>(code16 >> 8), static_cast<unsigned char>(code16)});
-}
-void Put(Bytes& out, float v) {
-  unsigned char b[4];
-  std::memcpy(b, &v, 4);
-  out.insert(out.end(), b, b + 4);
-}
-
-// The linear colour and stored alpha of every pixel, and the grey range of one pass in pixel order.
-struct Decoded {
-  int width, height;
-  std::vector<LinearRGB_T<float>> colour;
-  std::vector<float> alpha;
-  float min, max;
-};
-Decoded Decode(const Image& image) {
-  Decoded d{image.Width(), image.Height(), {}, {}, 0, 0};
-  for (int y = 0; y < d.height; ++y) {
-    for (int x = 0; x < d.width; ++x) {
-      d.colour.push_back(Colour(image, x, y));
-      // Alpha as stored, never gamma converted; 1 where there is none.
-      float a = 1.0f;
-      ConstPixelAccessNoGamma(image.GetImplRef().Plane(), x, y).GetPixelAlpha(a);
-      d.alpha.push_back(a);
+// The grey range in one pass in pixel order: a value replaces the minimum when not above it and the
+// maximum when above it (so NaN never counts).
+void ReferenceGreyRange(const Image& image, float& min, float& max) {
+  min = std::numeric_limits<float>::max();
+  max = -min;
+  for (int y = 0; y < image.Height(); ++y) {
+    for (int x = 0; x < image.Width(); ++x) {
+      const float g = Grey(image, x, y);
+      min = g <= min ? g : min;
+      max = g > max ? g : max;
     }
   }
-  ReferenceGreyRange(image, d.min, d.max);
-  return d;
 }
 
-// What converting `source` to `target` with the target gamma and the grey range (min, max) stores,
-// rows padded with zeros.
-Bytes Reference(const Decoded& source, EImageType target, GammaValue gamma, float min = 0, float max = 1,
+// What converting `source` to `target` with the target gamma and the grey range (min, max) stores:
+// colour and alpha (read as stored, 1 where there is none) written through a gamma cursor, as are 8-bit
+// and float grey; 16-bit grey encoded in double precision, clamped, and rounded by adding 0.49999997
+// and truncating.
+Bytes Reference(const Image& source, EImageType target, GammaValue gamma, float min = 0, float max = 1,
                 bool invert = false) {
-  Bytes out;
-  const auto byte = [](float a) { return static_cast<unsigned char>(RoundCode(a * 255.0f, 255.0f)); };
-  for (int y = 0, i = 0; y < source.height; ++y) {
-    for (int x = 0; x < source.width; ++x, ++i) {
-      const LinearRGB_T<float> c = source.colour[i];
-      const float a = source.alpha[i];
-      const float v = invert ? (max - Grey(c)) / (max - min) : (Grey(c) - min) / (max - min);
-      unsigned char r8, g8, b8;
-      unsigned short r16, g16, b16;
-      RGBECLR packed;
-      if (target == IT_Grayscale8) {
-        out.push_back(EncodeChannel8(v, gamma, PowerPrecision::Single));
-      } else if (target == IT_Grayscale16) {
-        const float clamped = v >= 1.0f ? 1.0f : v > 0.0f ? v : 0.0f;
-        Put(out, RoundCode(EncodeLinear(clamped, gamma, PowerPrecision::Double) * 65535.0f, 65535.0f));
-      } else if (target == IT_Grayscale32f) {
-        Put(out, v);
-      } else if (target == IT_RGB8 || target == IT_RGBA8) {
-        ToRGB(c, r8, g8, b8, gamma);
-        out.insert(out.end(), {b8, g8, r8, byte(a)});
-      } else if (target == IT_RGB16 || target == IT_RGBA16) {
-        ToRGB(c, r16, g16, b16, gamma);
-        for (unsigned code : {unsigned{b16}, unsigned{g16}, unsigned{r16}, RoundCode(a * 65535.0f, 65535.0f)})
-          Put(out, code);
-      } else if (target == IT_RGB32f || target == IT_RGBA32f) {
-        for (float channel : {c.b, c.g, c.r, a})
-          Put(out, channel);
+  Image out(source.Width(), source.Height(), target, gamma);
+  for (int y = 0; y < source.Height(); ++y) {
+    for (int x = 0; x < source.Width(); ++x) {
+      LinearRGB_T<float> c;
+      float a = 1.0f;
+      ConstPixelAccess(source.GetImplRef().Plane(), x, y).GetPixelRGB(c);
+      ConstPixelAccessNoGamma(source.GetImplRef().Plane(), x, y).GetPixelAlpha(a);
+      const float g = Grey(source, x, y), v = (invert ? max - g : g - min) / (max - min);
+      PixelAccess to(out.GetImplRef().Plane(), x, y);
+      if (target == IT_Grayscale16) {
+        const float clamped = std::max(0.0f, std::min(v, 1.0f));  // NaN gives 0
+        const float code = EncodeLinear(clamped, gamma, PowerPrecision::Double) * 65535.0f;
+        detail::StoreBE16(to.Pointer(), static_cast<unsigned short>(code + 0.49999997f));
+      } else if (IsGrayscale(target)) {
+        to.SetPixelGrayscale(v);
       } else {
-        packed.FromFloat(c);
-        out.insert(out.end(), {packed.r, packed.g, packed.b, packed.e, byte(a)});
+        to.SetPixelRGBA(c, a);
       }
-      if (target == IT_RGB8 || target == IT_RGB16 || target == IT_RGB32f)
-        out.resize(out.size() - static_cast<std::size_t>(BytesPerPixel(target) / 3));  // no alpha
     }
-    out.resize((out.size() + 3) / 4 * 4, 0);
   }
-  return out;
-}
-
-// Converts a handle sharing `source` and checks format, gamma and every stored byte, row padding
-// included; memory of the result's size is dirtied and freed first, so that bytes the conversion leaves
-// unwritten are likely to show. Large sources are converted again on one thread.
-void ExpectConversion(const Image& source, bool large, EImageType target, GammaValue gamma,
-                      const Bytes& expected, const Convert& convert, const std::string& what) {
-  std::make_unique<Bytes>(expected.size(), 0xA5).reset();
-  Image image(source);
-  convert(image);
-  ASSERT_EQ(image.ImageType(), target) << what;
-  EXPECT_EQ(image.GetGamma(), gamma) << what;
-  EXPECT_TRUE(SameBytes(PlaneBytes(image), expected)) << what;
-  if (large) {
-    EXPECT_TRUE(SameBytes(OnOneThread(source, convert), expected)) << what << " on one thread";
-  }
-}
-
-struct Source {
-  Image image;
-  bool large;
-  std::string what;
-};
-
-// 1 x 1, a column, a row and padded rows with three gammas between them, a size large enough for
-// several threads, row bands and the 16-bit code tables, and for float formats extreme values.
-std::vector<Source> SourcesOf(EImageType type) {
-  struct Size {
-    int width, height;
-    GammaValue gamma;
-  };
-  const Size kSizes[] = {{1, 1, kSRGB}, {1, 7, kPower},   {7, 1, gamma::Linear},
-                         {5, 3, kSRGB}, {33, 17, kPower}, {300, 220, GammaValue(0.45f)}};
-  std::vector<Source> sources;
-  unsigned seed = 1 + 10 * type;
-  for (const Size& s : kSizes) {
-    sources.push_back({RandomImage(type, s.width, s.height, s.gamma, seed++), s.width * s.height > 60000,
-                       std::to_string(s.width) + "x" + std::to_string(s.height) + " gamma " +
-                           std::to_string(s.gamma.Value())});
-  }
-  if (IsFloat(type))
-    sources.push_back({RandomImage(type, 9, 9, gamma::Linear, seed, true), false, "extremes"});
-  return sources;
+  return PlaneBytes(out);
 }
 
 class ConversionsFrom : public ::testing::TestWithParam<EImageType> {};
 
-// The grey range, which auto-scaled grey targets stretch to [0, 1], and every target.
-TEST_P(ConversionsFrom, GreyRangeAndEveryTargetMatchTheReference) {
+// 1 x 1, a column, a row and padded rows with three gammas between them; a size large enough for
+// several threads, row bands and the code tables of 16-bit and shared-exponent targets; and for float
+// formats extreme values. The grey range (which auto-scaled grey targets stretch to [0, 1]), every
+// target with and without alpha, and the re-encoding, each at both processor levels and, when large, on
+// the pool and on one thread. Memory of the result's size is dirtied and
+// freed before each conversion, so that bytes it leaves unwritten are likely to show.
+TEST_P(ConversionsFrom, EveryTargetAtEveryLevelMatchesTheReference) {
   // Each colour depth with and without alpha (the alpha options (true, true) and none); grey and
   // shared-exponent targets have one format.
   struct Case {
@@ -163,8 +97,6 @@ TEST_P(ConversionsFrom, GreyRangeAndEveryTargetMatchTheReference) {
   const Case cases[] = {
       {IT_Grayscale8, IT_Grayscale8, grey, true, false,
        [&](Image& i, auto&) { ToGrayscale8(i, grey, kNoList, kScale, kKeep, CAI_Care); }},
-      {IT_Grayscale8, IT_Grayscale8, kSRGB, false, false,
-       [](Image& i, auto&) { ToGrayscale8(i, kSRGB, kNoList, kNoScale, kKeep, CAI_Care); }},
       {IT_Grayscale8, IT_Grayscale8, kSRGB, true, true,
        [](Image& i, auto&) { ToGrayscale8(i, kSRGB, kNoList, kScale, kInvert, CAI_DontCare); }},
       {IT_Grayscale16, IT_Grayscale16, kSRGB, true, false,
@@ -174,244 +106,317 @@ TEST_P(ConversionsFrom, GreyRangeAndEveryTargetMatchTheReference) {
       {IT_Grayscale32f, IT_Grayscale32f, gamma::Linear, true, false,
        [](Image& i, auto&) { ToGrayScale32f(i, kNoList, kScale); }},
       {IT_RGB8, IT_RGBA8, kSRGB, false, false, [](Image& i, auto& o) { ToRGB8(i, kSRGB, o, CAI_Care); }},
-      {IT_RGB8, IT_RGBA8, kPower, false, false,
-       [](Image& i, auto& o) { ToRGB8(i, kPower, o, CAI_DontCare); }},
+      {IT_RGB8, IT_RGBA8, kPower, false, false, [](Image& i, auto& o) { ToRGB8(i, kPower, o, CAI_Care); }},
       {IT_RGB16, IT_RGBA16, kSRGB, false, false, [](Image& i, auto& o) { ToRGB16(i, kSRGB, o); }},
       {IT_RGB16, IT_RGBA16, kPower, false, false, [](Image& i, auto& o) { ToRGB16(i, kPower, o); }},
       {IT_RGB32f, IT_RGBA32f, gamma::Linear, false, false, [](Image& i, auto& o) { ToRGB32f(i, o); }},
       {IT_RGBEA, IT_RGBEA, gamma::Linear, false, false, [](Image& i, auto&) { ToRGBEA(i); }}};
+  const struct {
+    int width, height;
+    GammaValue gamma;
+  } sizes[] = {{1, 1, kSRGB},         {1, 7, kPower},   {7, 1, gamma::Linear},
+               {5, 3, kSRGB},         {33, 17, kPower}, {300, 220, GammaValue(0.45f)},
+               {37, 3, gamma::Linear}};
   const EImageType type = GetParam();
-  for (const Source& source : SourcesOf(type)) {
-    const Decoded decoded = Decode(source.image);
-    const float min = decoded.min, max = decoded.max;
-    for (int threads = 0; threads <= (source.large ? 1 : 0); ++threads) {
-      const tools::ScopedJobThreadLimit limit(threads);
+  for (const auto& s : sizes) {
+    const bool extremes = s.width == 37, large = s.width * s.height > 60000;
+    if (extremes && !IsFloat(type))
+      continue;
+    const Image source =
+        RandomImage(type, s.width, s.height, s.gamma, 10 * type + s.width + s.height, extremes);
+    // `check` at both levels, and on one thread as well for the large image.
+    const auto everywhere = [&](const std::string& what, const std::function<void()>& check) {
+      for (const cpu::Level level : {cpu::Level::Scalar, cpu::Detected()}) {
+        for (int threads = 0; threads <= int{large}; ++threads) {
+          SCOPED_TRACE(std::to_string(s.width) + "x" + std::to_string(s.height) + " " + what + " at " +
+                       cpu::Name(level) + (threads ? " on one thread" : ""));
+          const cpu::ScopedLevel scoped(level);
+          const tools::ScopedJobThreadLimit limit(threads);
+          check();
+        }
+      }
+    };
+    float min, max;
+    ReferenceGreyRange(source, min, max);
+    everywhere("grey range", [&] {
       float greyMin, greyMax;
-      GetGreyScale(source.image, greyMin, greyMax);
-      EXPECT_TRUE(SameBits(greyMin, min) && SameBits(greyMax, max))
-          << source.what << ", " << threads << " threads: " << greyMin << ".." << greyMax;
-    }
+      GetGreyScale(source, greyMin, greyMax);
+      EXPECT_TRUE(SameBits(greyMin, min) && SameBits(greyMax, max)) << greyMin << ".." << greyMax;
+    });
     const bool spread = min < max || min > max;
     for (const Case& c : cases) {
       for (const AlphaConversionOptions options :
            {AlphaConversionOptions(), AlphaConversionOptions(true, true)}) {
-        if (c.alpha == c.opaque && options.alphaWanted)
-          continue;
         const EImageType target = options.ResultHasAlpha(HasAlpha(type)) ? c.alpha : c.opaque;
-        // Only inversion and 8-bit colour of another gamma convert an image already in the target format.
-        if (target == type && !c.invert &&
-            !((target == IT_RGB8 || target == IT_RGBA8) && source.image.GetGamma() != c.gamma))
+        if (options.alphaWanted && c.alpha == c.opaque)
           continue;
+        // Only inversion and 8-bit colour of another gamma convert an image already in the target format;
+        // otherwise it keeps its implementation, gamma and pixels.
+        const bool kept =
+            target == type && !c.invert && !((target == IT_RGB8 || target == IT_RGBA8) && s.gamma != c.gamma);
         const bool stretch = c.scale && spread;
-        ExpectConversion(
-            source.image, source.large, target, c.gamma,
-            Reference(decoded, target, c.gamma, stretch ? min : 0, stretch ? max : 1, c.invert),
-            [&](Image& i) { c.convert(i, options); }, source.what + " to " + std::to_string(target));
+        const Bytes expected =
+            kept ? PlaneBytes(source)
+                 : Reference(source, target, c.gamma, stretch ? min : 0, stretch ? max : 1, c.invert);
+        everywhere("to " + std::to_string(target), [&] {
+          std::make_unique<Bytes>(expected.size(), 0xA5).reset();
+          Image image(source);
+          c.convert(image, options);
+          EXPECT_TRUE(image.ImageType() == target && image.GetGamma() == (kept ? s.gamma : c.gamma) &&
+                      (image.GetImpl() == source.GetImpl()) == kept);
+          EXPECT_EQ(PlaneBytes(image), expected);
+        });
       }
     }
+    // Re-encoding rewrites the colour codes in place: colour as ToRGB does (single-precision powers),
+    // grey as single values (double precision); values that are not gamma encoded only change their gamma
+    // label. Re-encoding to the image's own gamma changes nothing.
+    Bytes expected = PlaneBytes(source);
+    const PowerPrecision precision = IsGrayscale(type) ? PowerPrecision::Double : PowerPrecision::Single;
+    const int wide = Is16Bit(type) ? 2 : 1;
+    for (int y = 0; y < s.height && IsGammaEncoded(type); ++y)
+      for (int x = 0; x < s.width; ++x)
+        for (int ch = 0; ch < (IsGrayscale(type) ? 1 : 3); ++ch) {
+          unsigned char* b = &expected[y * source.BytesPerLine() + x * BytesPerPixel(type) + ch * wide];
+          if (wide == 2)
+            detail::StoreBE16(
+                b, EncodeChannel16(DecodeChannel16(detail::LoadBE16(b), s.gamma), grey, precision));
+          else
+            *b = EncodeChannel8(DecodeChannel8(*b, s.gamma), grey, precision);
+        }
+    everywhere("re-encoded", [&] {
+      std::unique_ptr<Image> image(source.DeepCopy()), same(source.DeepCopy());
+      const ImageImpl* impl = image->GetImpl();
+      Reencode(*image, grey);
+      Reencode(*same, s.gamma);
+      EXPECT_TRUE(image->GetImpl() == impl && image->GetGamma() == grey && PlaneBytes(*image) == expected);
+      EXPECT_TRUE(same->GetGamma() == s.gamma && PlaneBytes(*same) == PlaneBytes(source));
+    });
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryFormat, ConversionsFrom, ::testing::ValuesIn(kAllFormats));
 
-TEST(Conversions, ReencodeRewritesColourCodesInPlace) {
-  unsigned seed = 100;
-  for (EImageType type : {IT_RGB8, IT_Grayscale8, IT_RGBA8, IT_RGB16, IT_RGBA16, IT_Grayscale16}) {
-    for (const int height : {3, 220}) {
-      const Image source = RandomImage(type, 5 + 295 * (height > 3), height, kSRGB, seed++);
-      Bytes expected = PixelBytes(source);
-      // Colour re-encodes as ToRGB does (single-precision powers), grey as single values (double).
-      const PowerPrecision precision = IsGrayscale(type) ? PowerPrecision::Double : PowerPrecision::Single;
-      const std::size_t width = Is16Bit(type) ? 2 : 1;
-      for (std::size_t p = 0; p < expected.size(); p += static_cast<std::size_t>(BytesPerPixel(type))) {
-        for (std::size_t ch = 0; ch < (IsGrayscale(type) ? 1u : 3u); ++ch) {
-          unsigned char* b = &expected[p + ch * width];
-          if (Is16Bit(type)) {
-            const auto code = static_cast<unsigned short>(b[0] << 8 | b[1]);
-            const unsigned short reencoded = EncodeChannel16(DecodeChannel16(code, kSRGB), kPower, precision);
-            b[0] = static_cast<unsigned char>(reencoded >> 8);
-            b[1] = static_cast<unsigned char>(reencoded);
-          } else {
-            b[0] = EncodeChannel8(DecodeChannel8(b[0], kSRGB), kPower, precision);
-          }
-        }
-      }
-      Image image(source);
-      const ImageImpl* impl = image.GetImpl();
-      Reencode(image, kPower);
-      EXPECT_EQ(image.GetImpl(), impl);
-      EXPECT_EQ(image.GetGamma(), kPower);
-      EXPECT_TRUE(SameBytes(PixelBytes(image), expected)) << type << " " << height;
-      if (height > 3) {
-        EXPECT_EQ(OnOneThread(source, [](Image& i) { Reencode(i, kPower); }), PlaneBytes(image)) << type;
-      }
-    }
-  }
-}
-
-// --- Requests that change nothing, sharing, the image list, dispatchers ------------------------------
-
-TEST(Conversions, RequestsThatDoNotApplyLeaveThePixels) {
-  const AlphaConversionOptions none(false, false);
-  const GammaValue relabel(3.0f);
-  struct Case {
-    EImageType type;
-    GammaValue after;
-    Convert convert;
-  };
-  const Case cases[] = {
-      {IT_Grayscale8, kPower, [](Image& i) { ToGrayscale8(i, kSRGB, kList, kScale, kKeep, CAI_Care); }},
-      {IT_Grayscale16, kPower, [](Image& i) { ToGrayscale16(i, kSRGB, kList, kScale); }},
-      {IT_Grayscale32f, kPower, [](Image& i) { ToGrayScale32f(i, kList, kScale); }},
-      {IT_RGB8, kPower, [none](Image& i) { ToRGB8(i, kPower, none, CAI_Care); }},
-      {IT_RGB16, kPower, [none](Image& i) { ToRGB16(i, kSRGB, none); }},
-      {IT_RGBA16, kPower, [](Image& i) { ToRGB16(i, kSRGB, AlphaConversionOptions(true, false)); }},
-      {IT_RGB32f, kPower, [none](Image& i) { ToRGB32f(i, none); }},
-      {IT_RGBEA, kPower, [](Image& i) { ToRGBEA(i); }},
-      {IT_RGB8, kPower, [](Image& i) { ToImageType(i, IT_UNDEFINED, true); }},
-      {IT_RGB8, kPower, [](Image& i) { ToImageType(i, IT_RGEncoded, true); }},
-      {IT_RGB16, kPower,
-       [](Image& i) { ToGrayscaleUsingBitDepth(i, IT_UNDEFINED, kSRGB, kNoList, kNoScale); }},
-      {IT_RGB8, kPower, [](Image& i) { Reencode(i, kPower); }},
-      // Values that are not gamma encoded only change their gamma label.
-      {IT_RGBEA, relabel, [relabel](Image& i) { Reencode(i, relabel); }},
-      {IT_RGBA32f, relabel, [relabel](Image& i) { Reencode(i, relabel); }},
-      {IT_RGEncoded, relabel, [relabel](Image& i) { Reencode(i, relabel); }}};
-  for (const Case& c : cases) {
-    Image image = RandomImage(c.type, 3, 2, kPower, 7);
-    const ImageImpl* impl = image.GetImpl();
-    const Bytes before = PlaneBytes(image);
-    c.convert(image);
-    EXPECT_EQ(image.GetImpl(), impl) << c.type;
-    EXPECT_EQ(image.GetGamma(), c.after) << c.type;
-    EXPECT_EQ(PlaneBytes(image), before) << c.type;
-  }
-}
-
 TEST(Conversions, OtherHandlesKeepTheirPixelsAndOddImagesConvert) {
   Image image = RandomImage(IT_RGBA16, 6, 5, kSRGB, 3);
-  image.SetTitle(ZELString(L"bricks"));
   image.SetPtype(PT_Roughness);
   const Image other(image);
   const Bytes before = PlaneBytes(other);
   ToGrayscale8(image, kSRGB, kNoList, kScale, kKeep, CAI_Care);
-  EXPECT_EQ(other.ImageType(), IT_RGBA16);
-  EXPECT_EQ(PlaneBytes(other), before);
-  EXPECT_EQ(image.Title(), ZELString(L"bricks"));
-  EXPECT_EQ(image.GetPtype(), PT_Roughness);
-
-  // An image without pixels gets a 1 x 1 implementation at least, black with zero padding.
+  EXPECT_TRUE(other.ImageType() == IT_RGBA16 && PlaneBytes(other) == before &&
+              image.GetPtype() == PT_Roughness);
+  // An image without pixels gets a 1 x 1 implementation at least, black with zero padding, and has no
+  // grey range; a plane without a format reads black and opaque.
   Image empty(0, 4, IT_RGB8, kSRGB);
   ToRGB16(empty, kSRGB, AlphaConversionOptions());
-  EXPECT_EQ(empty.ImageType(), IT_RGB16);
-  EXPECT_EQ(PlaneBytes(empty), Bytes(4 * 8, 0));
-  // A plane without a format reads black and opaque.
+  EXPECT_TRUE(empty.ImageType() == IT_RGB16 && PlaneBytes(empty) == Bytes(4 * 8, 0));
+  float min = 0, max = 0;
+  GetGreyScale(Image(0, 3, IT_RGB8, kSRGB), min, max);
+  EXPECT_TRUE(min == std::numeric_limits<float>::max() && max == -std::numeric_limits<float>::max());
   Image undefined(2, 1, IT_UNDEFINED, kSRGB);
   ToRGB8(undefined, kSRGB, AlphaConversionOptions(true, true), CAI_Care);
-  EXPECT_EQ(PixelBytes(undefined), (Bytes{0, 0, 0, 255, 0, 0, 0, 255}));
+  EXPECT_EQ(PlaneBytes(undefined), (Bytes{0, 0, 0, 255, 0, 0, 0, 255}));
   // Re-encoding an empty handle leaves the implementation every empty handle shares.
   Image blank;
   const GammaValue shared = blank.GetGamma();
   Reencode(blank, GammaValue(3.0f));
-  EXPECT_EQ(blank.GetGamma(), GammaValue(3.0f));
-  EXPECT_EQ(Image().GetGamma(), shared);
+  EXPECT_TRUE(blank.GetGamma() == GammaValue(3.0f) && Image().GetGamma() == shared);
 }
 
-TEST(Conversions, GreyVersionsComeFromTheImageListUnlessInverting) {
+TEST(Conversions, GreyTargetsComeFromTheImageListUnlessInvertingAndStretch) {
   const ZELPath path(L"/nonexistent/imagery-conversions/bricks_rough.png");
-  Image grey = RandomImage(IT_Grayscale8, 4, 4, kSRGB, 20);
+  Image grey = RandomImage(IT_Grayscale8, 4, 4, kSRGB, 20), colour = RandomImage(IT_RGB8, 4, 4, kSRGB, 21);
   grey.SetFilePath(path);
-  Image colour = RandomImage(IT_RGB8, 4, 4, kSRGB, 21);
   colour.SetFilePath(path);
   Image listed(colour), inverted(colour);
   ToGrayscale8(listed, kSRGB, kList, kNoScale, kKeep, CAI_Care);
   EXPECT_EQ(listed.GetImpl(), grey.GetImpl());
   ToGrayscale8(inverted, kSRGB, kList, kNoScale, kInvert, CAI_Care);
-  EXPECT_EQ(PlaneBytes(inverted), Reference(Decode(colour), IT_Grayscale8, kSRGB, 0, 1, true));
-  EXPECT_EQ(inverted.FilePath(), path);
-}
-
-TEST(Conversions, AutoScaleStretchesTheGreyRange) {
+  EXPECT_TRUE(PlaneBytes(inverted) == Reference(colour, IT_Grayscale8, kSRGB, 0, 1, true) &&
+              inverted.FilePath() == path);
+  // Known bytes of a stretched ramp: the sRGB curve reaches 255 in 8 bits but 65526 in 16 at 1.
   Image ramp(2, 1, IT_Grayscale32f, gamma::Linear);
   ramp.SetPixelGrayscale(0, 0, 0.2f, ATO_None);
   ramp.SetPixelGrayscale(1, 0, 0.6f, ATO_None);
-  Image r8(ramp), r16(ramp), inverted(ramp);
+  Image r8(ramp), r16(ramp), down(ramp);
   ToGrayscale8(r8, kSRGB, kNoList, kScale, kKeep, CAI_Care);
   ToGrayscale16(r16, kSRGB, kNoList, kScale);
-  ToGrayscale8(inverted, kSRGB, kNoList, kScale, kInvert, CAI_Care);
-  EXPECT_EQ(PixelBytes(r8), (Bytes{0, 255}));
-  EXPECT_EQ(PixelBytes(r16), (Bytes{0, 0, 0xFF, 0xF6}));  // the sRGB curve reaches 65526 at 1
-  EXPECT_EQ(PixelBytes(inverted), (Bytes{255, 0}));
+  ToGrayscale8(down, kSRGB, kNoList, kScale, kInvert, CAI_Care);
+  EXPECT_EQ(PlaneBytes(r8), (Bytes{0, 255, 0, 0}));
+  EXPECT_EQ(PlaneBytes(r16), (Bytes{0, 0, 0xFF, 0xF6}));
+  EXPECT_EQ(PlaneBytes(down), (Bytes{255, 0, 0, 0}));
 }
 
-TEST(Conversions, ToImageTypeUsesTheOutputGamma) {
+// FormatImageInExpectedFormat keeps the gamma (float and shared-exponent results are linear), adds an
+// opaque alpha and neither stretches grey nor takes it from the list; ToImageType converts with the
+// output gamma, giving alpha to a source without it only when asked to add it. Grey at the bit depth of
+// 16-bit and RG-encoded formats is 16-bit, of float formats float, of IT_UNDEFINED nothing, otherwise
+// 8-bit. Every format's colour mode leads back to it through its bit count.
+TEST(Conversions, DispatchersColourModesAndBitDepths) {
   GammaSettings& settings = GetCurrentGammaSettings();
   const GammaSettings saved = settings;
-  const GammaValue out(1.8f);
-  settings.SetOutputGamma(out);
-  // A target with alpha gets it from a source without only when asked to add it.
-  struct Case {
-    EImageType source, target;
-    bool addAlpha;
-    EImageType result;
+  settings.SetOutputGamma(GammaValue(1.8f));
+  // What IT_RGB16 is formatted to; IT_Grayscale8 given the format without and with alpha added; the grey
+  // of IT_RGB16 at the format's bit depth; the format's colour mode.
+  const struct {
+    EImageType type, formatted, opaque, alpha, grey;
+    EColorMode mode;
+  } cases[] = {
+      {IT_RGB8, IT_RGB8, IT_RGB8, IT_RGB8, IT_Grayscale8, CM_RGB8},
+      {IT_Grayscale8, IT_Grayscale8, IT_Grayscale8, IT_Grayscale8, IT_Grayscale8, CM_Grayscale8},
+      {IT_RGBA8, IT_RGBA8, IT_RGB8, IT_RGBA8, IT_Grayscale8, CM_RGBA8},
+      {IT_RGBEA, IT_RGBEA, IT_RGBEA, IT_RGBEA, IT_Grayscale8, CM_RGBEA},
+      {IT_RGB16, IT_RGB16, IT_RGB16, IT_RGB16, IT_Grayscale16, CM_RGB16},
+      {IT_RGBA16, IT_RGBA16, IT_RGB16, IT_RGBA16, IT_Grayscale16, CM_RGBA16},
+      {IT_Grayscale16, IT_Grayscale16, IT_Grayscale16, IT_Grayscale16, IT_Grayscale16, CM_Grayscale16},
+      {IT_RGB32f, IT_RGB32f, IT_RGB32f, IT_RGB32f, IT_Grayscale32f, CM_RGB32f},
+      {IT_RGBA32f, IT_RGBA32f, IT_RGB32f, IT_RGBA32f, IT_Grayscale32f, CM_RGBA32f},
+      {IT_Grayscale32f, IT_Grayscale32f, IT_Grayscale32f, IT_Grayscale32f, IT_Grayscale32f, CM_Grayscale32f},
+      {IT_RGEncoded, IT_RGB16, IT_Grayscale8, IT_Grayscale8, IT_Grayscale16, CM_RGB8},
+      {IT_RGEncodedAlpha, IT_RGB16, IT_Grayscale8, IT_Grayscale8, IT_Grayscale16, CM_RGB8},
+      {IT_UNDEFINED, IT_RGB16, IT_Grayscale8, IT_Grayscale8, IT_RGB16, CM_RGB8},
+      {EImageType(13), EImageType(13), IT_Grayscale8, IT_Grayscale8, IT_Grayscale8, CM_Grayscale8}};
+  const auto gammaOf = [](EImageType type, GammaValue kept) {
+    return IsFloat(type) || type == IT_RGBEA ? gamma::Linear : kept;
   };
-  const Case cases[] = {
-      {IT_Grayscale8, IT_RGBA8, false, IT_RGB8}, {IT_Grayscale8, IT_RGBA8, true, IT_RGBA8},
-      {IT_RGBA16, IT_RGB8, true, IT_RGB8},       {IT_RGB8, IT_Grayscale8, false, IT_Grayscale8},
-      {IT_RGB8, IT_RGBEA, false, IT_RGBEA},      {IT_RGB32f, IT_RGBA16, false, IT_RGB16},
-      {IT_RGBA8, IT_RGBA16, false, IT_RGBA16},   {IT_RGB8, IT_Grayscale16, false, IT_Grayscale16},
-      {IT_RGBA8, IT_RGB32f, false, IT_RGB32f},   {IT_RGB16, IT_Grayscale32f, false, IT_Grayscale32f}};
-  for (const Case& c : cases) {
-    Image image = RandomImage(c.source, 3, 3, kSRGB, 5);
-    ToImageType(image, c.target, c.addAlpha);
-    EXPECT_EQ(image.ImageType(), c.result) << c.source << " to " << c.target;
-    const bool linear = IsFloat(c.result) || c.result == IT_RGBEA;
-    EXPECT_EQ(image.GetGamma(), linear ? gamma::Linear : out) << c.source << " to " << c.target;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.type);
+    Image image = RandomImage(IT_RGB16, 2, 3, kPower, 9), grey(image);
+    if (c.type <= IT_UNDEFINED) {
+      EXPECT_EQ(FormatImageInExpectedFormat(image, c.type), c.formatted == c.type ? c.mode : CM_RGB16);
+      EXPECT_TRUE(image.ImageType() == c.formatted && image.GetGamma() == gammaOf(c.formatted, kPower));
+    }
+    for (const bool add : {false, true}) {
+      Image typed = RandomImage(IT_Grayscale8, 2, 3, kPower, 9);
+      ToImageType(typed, c.type, add);
+      const EImageType result = add ? c.alpha : c.opaque;
+      EXPECT_TRUE(typed.ImageType() == result &&
+                  typed.GetGamma() == (result == IT_Grayscale8 ? kPower : gammaOf(result, GammaValue(1.8f))))
+          << "adding alpha " << add;
+    }
+    ToGrayscaleUsingBitDepth(grey, c.type, kSRGB, kNoList, kNoScale);
+    EXPECT_TRUE(grey.ImageType() == c.grey && GetColorModeFromImageType(c.type) == c.mode);
+    EXPECT_TRUE(c.type >= IT_RGEncoded ||
+                GuessImageTypeFromBPP(GetBPPFromColorMode(c.mode), IsFloat(c.type)) == c.type);
   }
   settings = saved;
-}
-
-TEST(Conversions, ExpectedFormatsColourModesAndBitDepths) {
-  const EColorMode kModes[] = {CM_RGB8,   CM_Grayscale8,  CM_RGBA8,  CM_RGBEA,   CM_RGB16,
-                               CM_RGBA16, CM_Grayscale16, CM_RGB32f, CM_RGBA32f, CM_Grayscale32f};
-  for (int t = IT_RGB8; t <= IT_UNDEFINED + 1; ++t) {
-    const auto expected = static_cast<EImageType>(t);
-    Image image = RandomImage(IT_RGB16, 2, 3, kPower, 9);
-    Image grey(image);
-    const bool converts = expected != IT_RGB16 && expected < IT_RGEncoded;
-    if (t <= IT_UNDEFINED) {
-      EXPECT_EQ(FormatImageInExpectedFormat(image, expected), converts ? kModes[t] : CM_RGB16) << t;
-      EXPECT_EQ(image.ImageType(), converts ? expected : IT_RGB16) << t;
-      EXPECT_EQ(image.GetGamma(), IsFloat(expected) || expected == IT_RGBEA ? gamma::Linear : kPower) << t;
-    }
-    // Grey at 16 bits for the 16-bit and RG-encoded formats, float for the float ones, none for
-    // IT_UNDEFINED, 8 bits otherwise.
-    ToGrayscaleUsingBitDepth(grey, expected, kSRGB, kNoList, kNoScale);
-    const EImageType greyType = Is16Bit(expected) || IsRGEncoded(expected) ? IT_Grayscale16
-                                : IsFloat(expected)                        ? IT_Grayscale32f
-                                : expected == IT_UNDEFINED                 ? IT_RGB16
-                                                                           : IT_Grayscale8;
-    EXPECT_EQ(grey.ImageType(), greyType) << t;
-    // Every format's mode leads back to it through its bit count.
-    if (t < IT_RGEncoded) {
-      EXPECT_EQ(GuessImageTypeFromBPP(GetBPPFromColorMode(kModes[t]), IsFloat(expected)), expected);
-    }
-    EXPECT_EQ(GetColorModeFromImageType(expected), t < IT_RGEncoded    ? kModes[t]
-                                                   : t <= IT_UNDEFINED ? CM_RGB8
-                                                                       : CM_Grayscale8);
-  }
-  // The added alpha is opaque; grey is neither stretched nor taken from the list.
   const Image source = RandomImage(IT_Grayscale32f, 3, 1, gamma::Linear, 10);
   Image rgba(source), grey8(source);
   FormatImageInExpectedFormat(rgba, IT_RGBA8);
-  EXPECT_EQ(PlaneBytes(rgba), Reference(Decode(source), IT_RGBA8, gamma::Linear));
   FormatImageInExpectedFormat(grey8, IT_Grayscale8);
-  EXPECT_EQ(PlaneBytes(grey8), Reference(Decode(source), IT_Grayscale8, gamma::Linear));
+  EXPECT_TRUE(PlaneBytes(rgba) == Reference(source, IT_RGBA8, gamma::Linear) &&
+              PlaneBytes(grey8) == Reference(source, IT_Grayscale8, gamma::Linear));
+  EXPECT_TRUE(GetBPPFromColorMode(CM_RGB48).Value() == 48 &&
+              GetBPPFromColorMode(EColorMode(11)).Value() == 0);
+  EXPECT_TRUE(GuessImageTypeFromBPP(BitsPerPix(24), true) == IT_RGB8 &&
+              GuessImageTypeFromBPP(BitsPerPix(33), false) == IT_RGB8);
+}
 
-  EXPECT_EQ(GetBPPFromColorMode(CM_RGB48).Value(), 48);
-  EXPECT_EQ(GetBPPFromColorMode(static_cast<EColorMode>(11)).Value(), 0);
-  EXPECT_EQ(GuessImageTypeFromBPP(BitsPerPix(24), true), IT_RGB8);
-  EXPECT_EQ(GuessImageTypeFromBPP(BitsPerPix(33), false), IT_RGB8);
+// 8-bit code tables always pay; 16-bit ones from 65536 converted values (three per colour pixel: 21846
+// pixels); shared exponents by 8-bit codes from 65536 pixels. Colour to grey needs all three channels;
+// floats and shared exponents have no codes. 8-bit grey copies one of 256 result pixels, made by tables
+// where they serve. Each below and at its count.
+TEST(ConversionPlan, StrategiesAtTheirThresholds) {
+  constexpr auto kFloats = convert::RowStrategy::ThroughFloats, kTable = convert::RowStrategy::CodeTable,
+                 kShared = convert::RowStrategy::SharedExponentByCodes;
+  const struct {
+    EImageType source, target;
+    std::int64_t pixels;
+    convert::RowStrategy below, at;
+  } cases[] = {{IT_RGB8, IT_RGB16, 1, kTable, kTable},
+               {IT_RGB16, IT_RGB8, 21846, kFloats, kTable},
+               {IT_Grayscale16, IT_Grayscale8, 65536, kFloats, kTable},
+               {IT_RGEncodedAlpha, IT_Grayscale32f, 65536, kFloats, kTable},
+               {IT_RGB8, IT_RGBEA, 65536, kFloats, kShared},
+               {IT_RGB8, IT_Grayscale8, 1 << 20, kFloats, kFloats},
+               {IT_RGB32f, IT_RGB8, 1 << 20, kFloats, kFloats},
+               {IT_Grayscale8, IT_Grayscale32f, 1, kTable, kTable},
+               {IT_Grayscale8, IT_RGB32f, 1, kFloats, kFloats},
+               {IT_Grayscale8, IT_UNDEFINED, 1, kFloats, kFloats}};
+  for (const auto& c : cases) {
+    const bool perCode = c.source == IT_Grayscale8 && c.target != IT_UNDEFINED;
+    const convert::ConversionPlan below{c.below, perCode}, at{c.at, perCode};
+    EXPECT_TRUE(convert::PlanConversion(c.source, c.target, c.pixels - 1) == below &&
+                convert::PlanConversion(c.source, c.target, c.pixels) == at)
+        << &c - cases;
+  }
+}
+
+class GreyRangeOf : public ::testing::TestWithParam<EImageType> {};
+
+// The row scans of GetGreyScale, made at both processor levels for few pixels and for many (16-bit grey
+// codes are scanned by their codes from 65536 pixels on, 8-bit ones always), on rows of every length up
+// to 40 and beyond at every lane and chunk boundary (47, 48, 49, ..., 127, 128, 129, ..., 255, 256, 257);
+// then GetGreyScale itself on whole images, at the edges of the blocks of eight and sixteen and of the row.
+// The low value at x in row `lowRow`, the high one at width - 1 - x in the last row, on a background between
+// them: the range is their greys. Grey code formats get their smallest, middle and largest codes; the others
+// values away from zero, whose sign the scans treat specially.
+TEST_P(GreyRangeOf, ExtremesAreFoundAtEveryPosition) {
+  const EImageType type = GetParam();
+  const bool codes = IsGrayscale(type) && !IsFloat(type);
+  const float low = codes ? 0.0f : 0.125f, background = 0.5f, high = codes ? 1.0f : 0.875f;
+  const auto everyPosition = [&](int width, int height, int lowRow, const auto& range) {
+    Image image(width, height, type, gamma::sRGB);
+    const auto set = [&image](int x, int y, float v) {
+      PixelAccessNoGamma(image.GetImplRef().Plane(), x, y).SetPixelGrayscale(v);
+    };
+    for (int y = 0; y < height; ++y)
+      for (int x = 0; x < width; ++x)
+        set(x, y, background);
+    for (int x = 0; x < width; ++x) {
+      set(x, lowRow, low);
+      set(width - 1 - x, height - 1, high);
+      float min = std::numeric_limits<float>::max(), max = -min;
+      range(image, min, max);
+      ASSERT_TRUE(SameBits(min, Grey(image, x, lowRow)) &&
+                  SameBits(max, Grey(image, width - 1 - x, height - 1)))
+          << width << " x " << height << ", x " << x;
+      set(x, lowRow, background);
+      set(width - 1 - x, height - 1, background);
+    }
+  };
+  for (int length = 1; length <= 257; length += length < 40 || length % 8 != 1 ? 1 : 6) {
+    for (const cpu::Level level : {cpu::Level::Scalar, cpu::Detected()}) {
+      for (const std::int64_t pixels : {std::int64_t{2} * length, std::int64_t{65536}}) {
+        SCOPED_TRACE(::testing::Message() << cpu::Name(level) << ", " << pixels << " pixels");
+        const cpu::ScopedLevel scoped(level);
+        const convert::GreyRangeScanner scanner(type, gamma::sRGB, pixels);
+        everyPosition(length, 2, 0, [&](const Image& image, float& min, float& max) {
+          for (int y = 0; y < 2; ++y)
+            scanner.Scan(image.GetImplRef().Plane().Row(y), length, min, max);
+        });
+      }
+    }
+  }
+  for (const int height : {2, 1639}) {
+    everyPosition(40, height, height / 2,
+                  [](const Image& image, float& min, float& max) { GetGreyScale(image, min, max); });
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(PlantedExtremes, GreyRangeOf,
+                         ::testing::Values(IT_Grayscale8, IT_Grayscale16, IT_RGEncoded, IT_RGEncodedAlpha,
+                                           IT_Grayscale32f, IT_RGB8, IT_RGBA16, IT_RGBEA, IT_RGBA32f));
+
+// A single pass keeps the last of equal minima and the first of equal maxima, so the sign of a zero
+// extreme depends on the order: within a row (lanes) and across the row bands scanned in parallel (64
+// rows each at this width). The zeros are placed so that any other order gives the other sign.
+TEST(GreyRange, ZeroExtremesKeepTheSignOfASinglePass) {
+  for (const float background : {0.5f, -1.0f}) {
+    Image image(1024, 130, IT_Grayscale32f, gamma::Linear);
+    for (int y = 0; y < 130; ++y)
+      for (int x = 0; x < 1024; ++x)
+        image.SetPixelGrayscale(x, y, background, ATO_None);
+    image.SetPixelGrayscale(7, 3, 0.0f, ATO_None);
+    image.SetPixelGrayscale(8, 3, -0.0f, ATO_None);
+    image.SetPixelGrayscale(9, 129, background > 0.0f ? 0.0f : -0.0f, ATO_None);
+    float min, max, refMin, refMax;
+    GetGreyScale(image, min, max);
+    ReferenceGreyRange(image, refMin, refMax);
+    EXPECT_TRUE((background > 0.0f ? refMin : refMax) == 0.0f && SameBits(min, refMin) &&
+                SameBits(max, refMax))
+        << min << ".." << max;
+  }
 }
 
 }  // namespace

@@ -4,14 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <functional>
-#include <iterator>
 #include <limits>
 #include <memory>
-#include <ostream>
 #include <random>
 #include <vector>
 
@@ -20,9 +17,9 @@
 #include "imagery_host/scheduler.h"
 
 namespace imagery {
-// Formats print as their numbers in test names and failure messages.
-inline void PrintTo(EImageType type, std::ostream* out) {
-  *out << static_cast<int>(type);
+// Formats print as their numbers in failure messages.
+inline std::ostream& operator<<(std::ostream& out, EImageType type) {
+  return out << static_cast<int>(type);
 }
 }  // namespace imagery
 
@@ -46,47 +43,26 @@ inline Image RandomImage(EImageType type, int width, int height, GammaValue gamm
   std::uniform_real_distribution<float> value(-0.25f, 1.75f);
   const float inf = std::numeric_limits<float>::infinity();
   const float kExtremes[] = {0.0f, -0.0f, 0.5f, 1.0f, inf, -inf, std::nanf(""), 3e38f, 1e-13f};
-  const int rowBytes = std::max(width, 0) * plane.BytesPerPixel();
   for (int y = 0; y < height; ++y) {
-    unsigned char* row = plane.Row(y);
-    for (int i = 0; i < rowBytes; i += IsFloat(type) ? 4 : 1) {
-      if (!IsFloat(type)) {
-        row[i] = static_cast<unsigned char>(random());
-        continue;
-      }
+    for (int i = 0; i < width * plane.BytesPerPixel(); i += IsFloat(type) ? 4 : 1) {
       float v = value(random);
       if (extremes && random() % 6 == 0)
-        v = kExtremes[random() % std::size(kExtremes)];
-      std::memcpy(row + i, &v, sizeof v);
+        v = kExtremes[random() % 9];
+      if (IsFloat(type))
+        std::memcpy(plane.Row(y) + i, &v, sizeof v);
+      else
+        plane.Row(y)[i] = static_cast<unsigned char>(random());
     }
   }
   return image;
 }
 
-// Every byte of level 0, row padding included.
-inline Bytes PlaneBytes(const Image& image) {
-  const PixelPlane& plane = image.GetImplRef().Plane();
+// Every byte of a plane or of an image's level 0, row padding included.
+inline Bytes PlaneBytes(const PixelPlane& plane) {
   return Bytes(plane.Data(), plane.Data() + plane.ByteSize());
 }
-
-// The pixel bytes of level 0, row after row, without the row padding.
-inline Bytes PixelBytes(const Image& image) {
-  const PixelPlane& plane = image.GetImplRef().Plane();
-  Bytes bytes;
-  for (int y = 0; y < plane.Height(); ++y)
-    bytes.insert(bytes.end(), plane.Row(y), plane.Row(y) + plane.Width() * plane.BytesPerPixel());
-  return bytes;
-}
-
-// Equal byte strings, or where they first differ.
-inline ::testing::AssertionResult SameBytes(const Bytes& actual, const Bytes& expected) {
-  if (actual.size() != expected.size())
-    return ::testing::AssertionFailure() << actual.size() << " bytes, expected " << expected.size();
-  const auto at = std::mismatch(actual.begin(), actual.end(), expected.begin());
-  if (at.first == actual.end())
-    return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "byte " << at.first - actual.begin() << " is " << int(*at.first)
-                                       << ", expected " << int(*at.second);
+inline Bytes PlaneBytes(const Image& image) {
+  return PlaneBytes(image.GetImplRef().Plane());
 }
 
 // The plane bytes `operation` leaves in a deep copy of `source` when a single thread does all the work,
@@ -97,37 +73,6 @@ inline Bytes OnOneThread(const Image& source, const std::function<void(Image&)>&
   const tools::ScopedJobThreadLimit oneThread(1);
   operation(*copy);
   return PlaneBytes(*copy);
-}
-
-// The grey of a colour as the library defines it: (0.35 R + 0.5 G) + 0.15 B in single precision.
-inline float Grey(const LinearRGB_T<float>& c) {
-  return (0.35f * c.r + 0.5f * c.g) + 0.15f * c.b;
-}
-
-inline LinearRGB_T<float> Colour(const Image& image, int x, int y) {
-  LinearRGB_T<float> c;
-  ConstPixelAccess(image.GetImplRef().Plane(), x, y).GetPixelRGB(c);
-  return c;
-}
-
-// The grey range of `rows` of level 0 in one pass in pixel order: a value replaces the minimum when not
-// above it and the maximum when above it (so NaN never counts).
-inline void ReferenceGreyRange(const Image& image, const std::vector<int>& rows, float& min, float& max) {
-  min = std::numeric_limits<float>::max();
-  max = -min;
-  for (int y : rows) {
-    for (int x = 0; x < image.Width(); ++x) {
-      const float g = Grey(Colour(image, x, y));
-      min = g <= min ? g : min;
-      max = g > max ? g : max;
-    }
-  }
-}
-inline void ReferenceGreyRange(const Image& image, float& min, float& max) {
-  std::vector<int> rows(static_cast<std::size_t>(std::max(image.Height(), 0)));
-  for (std::size_t y = 0; y < rows.size(); ++y)
-    rows[y] = static_cast<int>(y);
-  ReferenceGreyRange(image, rows, min, max);
 }
 
 template <class T>
