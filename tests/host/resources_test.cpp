@@ -7,48 +7,33 @@ namespace {
 
 using zel::ResourceNumericId;
 
-constexpr Tools::CRC kGrayscale(0xf99d3c809ffb3c38);
-constexpr Tools::CRC kNormalChannel(0x316fe2b2971045fd);
+std::wstring Lookup(const ResourceNumericId& id) {
+  ZELString text(L"<unchanged>");
+  zel::ResourceStringHolder::Instance().GetStringInto(id, text);
+  return text.wstr();
+}
 
-// Each test starts and ends with the built-in table, since the holder is shared by the whole process.
-class Resources : public testing::Test {
- protected:
-  void SetUp() override { holder_.ResetToDefaults(); }
-  void TearDown() override { holder_.ResetToDefaults(); }
-  std::wstring Lookup(const ResourceNumericId& id) const {
-    ZELString text(L"<unchanged>");
-    holder_.GetStringInto(id, text);
-    return text.wstr();
-  }
-  zel::ResourceStringHolder& holder_ = zel::ResourceStringHolder::Instance();
-};
-
-TEST_F(Resources, IdsHaveATextFormAndMissingTextsReportAnErrorLeavingTheTarget) {
-  EXPECT_EQ(ResourceNumericId(kGrayscale).ToText().wstr(), L"crc:0xf99d3c809ffb3c38");
+TEST(Resources, TextFormsMissingTextsAndTheHostsEditsOfTheBuiltInTable) {
+  EXPECT_EQ(ResourceNumericId(Tools::CRC(0xf99d3c809ffb3c38)).ToText().wstr(), L"crc:0xf99d3c809ffb3c38");
   EXPECT_EQ(ResourceNumericId(Tools::CRC(0x1)).ToText().wstr(), L"crc:0x0000000000000001");
   EXPECT_EQ(ResourceNumericId::FromInteger(-7).ToText().wstr(), L"-7");
   EXPECT_EQ(ResourceNumericId().ToText().wstr(), L"undefined");
-
+  zel::ResourceStringHolder& holder = zel::ResourceStringHolder::Instance();
   ZELString text(L"kept");
-  const zel::ErrorCode code = holder_.GetStringInto(Tools::CRC(0x1234), text);
-  EXPECT_TRUE(code.IsBad());
-  EXPECT_EQ(code.Tag(), "ZELRES001");
-  EXPECT_EQ(text.wstr(), L"kept");
-  EXPECT_TRUE(holder_.GetStringInto(ResourceNumericId(), text).IsBad());
-}
+  const zel::ErrorCode code = holder.GetStringInto(Tools::CRC(0x1234), text);
+  EXPECT_TRUE(code.IsBad() && code.Tag() == "ZELRES001" && text.wstr() == L"kept");
+  EXPECT_TRUE(holder.GetStringInto(ResourceNumericId(), text).IsBad());
 
-TEST_F(Resources, HostCanReplaceRemoveAndRestoreTheBuiltInTexts) {
+  const Tools::CRC grey(0xf99d3c809ffb3c38), normal(0x316fe2b2971045fd);
   EXPECT_EQ(Lookup(Tools::CRC(0x56bc72a4fbc28918)), L"32-bit float");
-  holder_.SetString(kGrayscale, L"Niveaux de gris");
-  holder_.SetString(ResourceNumericId::FromInteger(7), L"seven");
-  EXPECT_EQ(Lookup(kGrayscale), L"Niveaux de gris");
-  EXPECT_EQ(Lookup(ResourceNumericId::FromInteger(7)), L"seven");
+  holder.SetString(grey, L"Niveaux de gris");
+  holder.SetString(ResourceNumericId::FromInteger(7), L"seven");
+  holder.RemoveString(normal);
+  EXPECT_TRUE(Lookup(grey) == L"Niveaux de gris" && Lookup(ResourceNumericId::FromInteger(7)) == L"seven");
   EXPECT_EQ(Lookup(Tools::CRC(7)), L"<unchanged>") << "a CRC and an integer of one value are distinct";
-  holder_.RemoveString(kNormalChannel);
-  EXPECT_EQ(Lookup(kNormalChannel), L"<unchanged>");
-  holder_.ResetToDefaults();
-  EXPECT_EQ(Lookup(kGrayscale), L"Grayscale");
-  EXPECT_EQ(Lookup(kNormalChannel), L"Normal map");
+  EXPECT_EQ(Lookup(normal), L"<unchanged>");
+  holder.ResetToDefaults();
+  EXPECT_TRUE(Lookup(grey) == L"Grayscale" && Lookup(normal) == L"Normal map");
   EXPECT_EQ(Lookup(ResourceNumericId::FromInteger(7)), L"<unchanged>");
 }
 

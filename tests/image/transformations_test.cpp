@@ -33,9 +33,8 @@ TEST(ImageTransformations, AnglesAndQuarterTurns) {
   for (const auto& [given, expected] : cases)
     EXPECT_EQ(Rotated(given).GetAngle(), expected) << given;
   ImageTransformations t;
-  for (int i = 0; i < 4; ++i)
-    t.Rotate90(true);
-  t.Rotate90(false);
+  for (const bool clockwise : {true, true, true, true, false})
+    t.Rotate90(clockwise);
   EXPECT_EQ(t.GetAngle(), 270.0);
 
   // A quarter turn swaps the frame, down to 1 x 1 at deep levels. In the transformed frame of a 4 x 2
@@ -60,7 +59,6 @@ TEST(ImageTransformations, AnglesAndQuarterTurns) {
 // frame every pixel lands inside the plane, exactly where the transformed frame puts it unless a quarter
 // turn of a non-square plane stretches it.
 TEST(ImageTransformations, GeometrySweep) {
-  const ApplyTransformOpts frame = ATO_TransformedFrame;
   for (const auto& [w, h] : {Point(1, 1), Point(1, 5), Point(3, 5), Point(4, 2), Point(6, 6)}) {
     for (float angle : {0.0f, 90.0f, 180.0f, 270.0f, 45.0f}) {
       for (int mirror = 0; mirror < 4; ++mirror) {
@@ -69,11 +67,12 @@ TEST(ImageTransformations, GeometrySweep) {
         const int tw = t.TransformedWidth(w, h);
         std::set<Point> reached;
         for (int i = 0; i < w * h; ++i)
-          reached.insert(Map(t, w, h, i % tw, i / tw, frame));
+          reached.insert(Map(t, w, h, i % tw, i / tw, ATO_TransformedFrame));
         EXPECT_EQ(reached.size(), static_cast<std::size_t>(w * h)) << w << "x" << h << " angle " << angle;
         for (int i = 0; i < w * h; ++i) {
           const Point p = Map(t, w, h, i % w, i / w, ATO_Geometry);
-          EXPECT_TRUE(reached.count(p) == 1 && (stretched || p == Map(t, w, h, i % w, i / w, frame)))
+          EXPECT_TRUE(reached.count(p) == 1 &&
+                      (stretched || p == Map(t, w, h, i % w, i / w, ATO_TransformedFrame)))
               << angle;
         }
       }
@@ -99,7 +98,6 @@ TEST(ImageTransformations, FlagRules) {
   EXPECT_EQ(t.GetFlags(), TF_MirrorY | TF_InvertedNormalGreen | TF_ExposureContrast);
   t.SetContrast(0.0f);
   EXPECT_FALSE(t.HasExposureOrContrast());
-
   // Only the seven named bits count, and only when not allowed.
   t.SetFlags(TransfoFlags(128ull));
   EXPECT_FALSE(t.HasTransformationsOtherThan(TransfoFlags()));
@@ -110,7 +108,9 @@ TEST(ImageTransformations, FlagRules) {
 }
 
 // One pixel through several records. Each has exposure -1 and contrast 1 (c <- max(0, 2c - 1)), applied
-// only under its flag.
+// only under its flag. Normal inversion inverts red and green and clamps all three; normal green clamps
+// all three and inverts green; grey ignores both. Colour inversion wins over normal inversion and applies
+// to grey; alpha inversion clamps.
 TEST(ImageTransformations, ValueMappings) {
   const RGBA in(1.5f, 0.25f, -0.5f, -2);
   const float greyIn = 1.5f;
@@ -120,11 +120,8 @@ TEST(ImageTransformations, ValueMappings) {
     RGBA out;
     float greyOut;
   } cases[] = {
-      // Normal inversion inverts red and green and clamps all three; normal green clamps all three and
-      // inverts green; grey ignores both.
       {TF_InvertedNormal | TF_InvertedNormalGreen, ATO_Inversions, {0, 0.25f, 0, -2}, greyIn},
       {TransfoFlags(TF_InvertedNormalGreen), ATO_Inversions, {1, 0.75f, 0, -2}, greyIn},
-      // Colour inversion wins over normal inversion and applies to grey; alpha inversion clamps.
       {TF_InvertedColor | TF_InvertedNormal | TF_InvertedAlpha, ATO_Inversions, {0, 0.75f, 1, 1}, 0},
       {TF_InvertedColor | TF_InvertedAlpha, ATO_Geometry | ATO_ExposureContrast, in, greyIn},
       {TransfoFlags(TF_ExposureContrast), ATO_ExposureContrast, {2, 0, 0, -2}, 2},
@@ -158,7 +155,6 @@ TEST(ImageTransformations, EqualityAndDigests) {
   const unsigned char bytes[27] = {0, 0,    0, 0, 0,    0x80, 0x56, 0x40, 0x2C, 0x01, 0, 0, 0, 0,
                                    0, 0x3F, 0, 0, 0x80, 0xBE, 0,    1,    0,    0,    1, 1, 0};
   EXPECT_EQ(b.GetDigest(), ComputeMD5(bytes, sizeof bytes));
-
   // Bits that name no transformation separate records but not digests.
   ImageTransformations c = b;
   c.SetFlags(b.GetFlags() | TransfoFlags(256ull));
