@@ -1,16 +1,19 @@
-// Parallel loops (coverage of the range, thread use, interruption, exceptions, nesting, priorities) and
-// the progress objects they report to.
+// Threads: the task scheduler (task claiming, the submit-and-help waiting pattern with any number of
+// workers and nested, exceptions, shutdown, the pool size and the job thread limit), parallel loops
+// (coverage, interruption, exceptions, nesting, priorities) and the progress objects they report to.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -21,7 +24,33 @@
 namespace {
 
 using tools::multiproc::ParallelContext;
+using Task = tools::GenericFunctionTask<false>;
+using TaskList = std::vector<std::shared_ptr<Task>>;
 using Visits = std::vector<std::atomic<int>>;
+
+long VisitedOnce(const Visits& visits) {
+  return std::count(visits.begin(), visits.end(), 1);
+}
+
+// The waiting pattern that row-band helpers are built on, on a scheduler of the test's choosing.
+void SubmitAndHelp(tools::CScheduler& scheduler, TaskList pending) {
+  for (const std::shared_ptr<Task>& task : pending)
+    scheduler.AddTask(task);
+  while (!pending.empty())
+    tools::ProcessOrSleep(tools::GetTaskToDo(pending), true);
+}
+
+// One task per band of `rows` rows, each counting the visits of its rows from `offset` on.
+TaskList MakeBands(int height, int rows, Visits& visits, std::size_t offset = 0) {
+  TaskList tasks;
+  for (int first = 0; first < height; first += rows) {
+    tasks.push_back(std::make_shared<Task>([=, &visits] {
+      for (int y = first; y < std::min(first + rows, height); ++y)
+        ++visits[offset + static_cast<std::size_t>(y)];
+    }));
+  }
+  return tasks;
+}
 
 // Set when a progress reported a value below the one before or while another report was under way.
 std::atomic<bool> g_disorderlyReport{false};
@@ -41,8 +70,70 @@ float For(long long begin, long long end, const tools::multiproc::LoopBody& body
   return progress.GetValue();
 }
 
-long VisitedOnce(const Visits& visits) {
-  return std::count(visits.begin(), visits.end(), 1);
+// Bands of rows with any number of workers, directly and as subtasks of tasks that wait for them the
+// same way: the helping waiters and the workers race to claim them, and each runs exactly once. A task's
+// exception stays in the task, and tasks still queued when a scheduler stops are left to their waiters.
+TEST(CScheduler, EveryBandRunsOnceWithAnyNumberOfWorkersAndWaitsNestWithoutDeadlock) {
+  constexpr int kOuter = 12, kRows = 101;
+  for (int workers : {-1, 0, 1, 3}) {
+    tools::CScheduler own(std::max(workers, 0));
+    tools::CScheduler& scheduler = workers < 0 ? tools::GetScheduler<tools::SchedulerType::Default>() : own;
+    Visits flat(10 * kRows), nested(kOuter * kRows);
+    SubmitAndHelp(scheduler, MakeBands(10 * kRows, 7, flat));
+    TaskList outer = {std::make_shared<Task>([] { throw std::runtime_error("band failed"); })};
+    for (std::size_t o = 0; o < kOuter; ++o)
+      outer.push_back(std::make_shared<Task>(
+          [&, o] { SubmitAndHelp(scheduler, MakeBands(kRows, 3, nested, o * kRows)); }));
+    SubmitAndHelp(scheduler, outer);
+    EXPECT_TRUE(VisitedOnce(flat) == 10 * kRows && VisitedOnce(nested) == kOuter * kRows) << workers;
+    EXPECT_THROW(std::rethrow_exception(outer[0]->GetError()), std::runtime_error);
+    EXPECT_FALSE(outer[1]->GetError());
+  }
+  std::thread::id ranOn;
+  auto task = std::make_shared<Task>([&ranOn] { ranOn = std::this_thread::get_id(); });
+  { tools::CScheduler(0).AddTask(task); }
+  EXPECT_EQ(task->GetStatus(), tools::CTask::kQueued);
+  task->WaitFinished();
+  EXPECT_EQ(ranOn, std::this_thread::get_id());
+}
+
+TEST(CScheduler, WorkerCountFromTheEnvironmentAndTheJobThreadLimit) {
+  const std::string saved =
+      std::getenv("IMAGERY_WORKER_THREADS") ? std::getenv("IMAGERY_WORKER_THREADS") : "";
+  ::unsetenv("IMAGERY_WORKER_THREADS");
+  const int fromHardware = tools::CScheduler::DefaultWorkerCount();
+  EXPECT_GE(fromHardware, 1);
+  // Values outside 1..256 or not wholly a number leave the count to the hardware (0 below).
+  // clang-format off
+  const std::pair<const char*, int> values[] = {{"1", 1}, {"256", 256}, {"0", 0}, {"-3", 0}, {"257", 0}, {"4x", 0}, {"", 0}};
+  // clang-format on
+  for (const auto& [value, expected] : values) {
+    ::setenv("IMAGERY_WORKER_THREADS", value, 1);
+    EXPECT_EQ(tools::CScheduler::DefaultWorkerCount(), expected ? expected : fromHardware)
+        << '"' << value << '"';
+  }
+  saved.empty() ? ::unsetenv("IMAGERY_WORKER_THREADS") : ::setenv("IMAGERY_WORKER_THREADS", saved.c_str(), 1);
+
+  // Under a limit of 1 the waiting thread runs every task itself, in the waiting order (the last first).
+  const std::thread::id caller = std::this_thread::get_id();
+  std::vector<int> order, expected;
+  TaskList tasks;
+  for (int i = 0; i < 50; ++i) {
+    tasks.push_back(std::make_shared<Task>(
+        [i, caller, &order] { order.push_back(std::this_thread::get_id() == caller ? i : -1); }));
+    expected.insert(expected.begin(), i);
+  }
+  {
+    const tools::ScopedJobThreadLimit oneThread(1);
+    EXPECT_EQ(tools::GetJobThreadLimit(), 1);
+    tools::ProcessAndWaitTasks(tasks, true);
+    // Loops that leave the choice to the library get one thread; explicit requests are kept.
+    const int machine = tools::GetScheduler<tools::SchedulerType::Default>().GetWorkerCount() + 1;
+    EXPECT_EQ(tools::multiproc::GetOptimizedMaxJobThreadAllowed(-2, 1000), 1);
+    EXPECT_EQ(tools::multiproc::GetOptimizedMaxJobThreadAllowed(2, 1000), std::min(2, machine));
+  }
+  EXPECT_EQ(tools::GetJobThreadLimit(), 0);
+  EXPECT_EQ(order, expected);
 }
 
 TEST(ParallelizedFor, CallsTheBodyOnceForEveryIndexEvenNestedAndStepsProgressPerIndex) {
@@ -91,18 +182,16 @@ TEST(ParallelizedFor,
   EXPECT_EQ(ran.load(), 0) << "an interruptor already set lets nothing start";
 
   std::atomic<int> running{0};
-  try {
-    For(0, 100000, [&](long long i, const ParallelContext*) {
-      ++running;
-      std::this_thread::yield();
-      --running;
-      if (i % 1000 == 999)
-        throw std::runtime_error("body " + std::to_string(i));
-    });
-    ADD_FAILURE() << "no exception";
-  } catch (const std::runtime_error& error) {
-    EXPECT_TRUE(running.load() == 0 && std::string(error.what()).rfind("body ", 0) == 0);
-  }
+  EXPECT_THROW(For(0, 100000,
+                   [&](long long i, const ParallelContext*) {
+                     ++running;
+                     std::this_thread::yield();
+                     --running;
+                     if (i % 1000 == 999)
+                       throw std::runtime_error("body");
+                   }),
+               std::runtime_error);
+  EXPECT_EQ(running.load(), 0) << "everyone stopped before the exception reached the caller";
   For(0, 100, cancelAt(-1));
   EXPECT_EQ(ran.load(), 100) << "the pool is still usable";
 }

@@ -1,4 +1,5 @@
-// Wide strings: UTF-8 in both directions, formatting, splitting, clamped editing and case folding.
+// Wide strings (UTF-8 in both directions, formatting, splitting, clamped editing and case folding) and
+// the texts of numeric resource ids.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -6,8 +7,8 @@
 #include <string>
 #include <tuple>
 #include <utility>
-#include <vector>
 
+#include "imagery_host/resources.h"
 #include "imagery_host/zel_string.h"
 
 namespace {
@@ -90,6 +91,39 @@ TEST(ZELStringEdit, TrimmingAndCaseIgnoreTheProcessLocale) {
   EXPECT_EQ(ZELString(L"\u00E9t\u00E9 a").MakeUpper().wstr(), L"\u00C9T\u00C9 A");
   EXPECT_EQ(ZELString(L"\u00C9t\u00E9_COLOR").CompareNoCase(L"\u00E9T\u00C9_color"), 0);
   EXPECT_TRUE(ZELString(L"B").CompareNoCase(L"a") > 0 && ZELString(L"ab").CompareNoCase(L"ABC") < 0);
+}
+
+// The texts of numeric resource ids: the id's own text forms, the built-in table and the host's edits.
+using zel::ResourceNumericId;
+
+std::wstring Lookup(const ResourceNumericId& id) {
+  ZELString text(L"<unchanged>");
+  zel::ResourceStringHolder::Instance().GetStringInto(id, text);
+  return text.wstr();
+}
+
+TEST(Resources, TextFormsMissingTextsAndTheHostsEditsOfTheBuiltInTable) {
+  EXPECT_EQ(ResourceNumericId(Tools::CRC(0xf99d3c809ffb3c38)).ToText().wstr(), L"crc:0xf99d3c809ffb3c38");
+  EXPECT_EQ(ResourceNumericId(Tools::CRC(0x1)).ToText().wstr(), L"crc:0x0000000000000001");
+  EXPECT_EQ(ResourceNumericId::FromInteger(-7).ToText().wstr(), L"-7");
+  EXPECT_EQ(ResourceNumericId().ToText().wstr(), L"undefined");
+  zel::ResourceStringHolder& holder = zel::ResourceStringHolder::Instance();
+  ZELString text(L"kept");
+  const zel::ErrorCode code = holder.GetStringInto(Tools::CRC(0x1234), text);
+  EXPECT_TRUE(code.IsBad() && code.Tag() == "ZELRES001" && text.wstr() == L"kept");
+  EXPECT_TRUE(holder.GetStringInto(ResourceNumericId(), text).IsBad());
+
+  const Tools::CRC grey(0xf99d3c809ffb3c38), normal(0x316fe2b2971045fd);
+  EXPECT_EQ(Lookup(Tools::CRC(0x56bc72a4fbc28918)), L"32-bit float");
+  holder.SetString(grey, L"Niveaux de gris");
+  holder.SetString(ResourceNumericId::FromInteger(7), L"seven");
+  holder.RemoveString(normal);
+  EXPECT_TRUE(Lookup(grey) == L"Niveaux de gris" && Lookup(ResourceNumericId::FromInteger(7)) == L"seven");
+  EXPECT_EQ(Lookup(Tools::CRC(7)), L"<unchanged>") << "a CRC and an integer of one value are distinct";
+  EXPECT_EQ(Lookup(normal), L"<unchanged>");
+  holder.ResetToDefaults();
+  EXPECT_TRUE(Lookup(grey) == L"Grayscale" && Lookup(normal) == L"Normal map");
+  EXPECT_EQ(Lookup(ResourceNumericId::FromInteger(7)), L"<unchanged>");
 }
 
 }  // namespace

@@ -108,23 +108,23 @@ struct Key {
 
 TEST(ZELArrayBase_NOSTL, GrowthFollowsTheDocumentedSteps) {
   ZELArrayBase_NOSTL<Key> array;
-  array.IncrementSize();
-  EXPECT_EQ(array.GetCapacity(), 1);  // an empty array allocates exactly one element
-  array.SetSize(40);
-  EXPECT_EQ(array.GetCapacity(), 40);  // max(capacity + 4, 40)
-  array.IncrementSize();
-  EXPECT_EQ(array.GetCapacity(), 45);  // default step at 40 elements: 40 / 8
-  array.SetSize(16);
-  EXPECT_EQ(array.GetCapacity(), 45);  // storage never shrinks
-  array.SetSize(0);
-  EXPECT_EQ(array.GetCapacity(), 0);
-  array.SetSize(16);
-  array.IncrementSize();
-  EXPECT_EQ(array.GetCapacity(), 20);  // the step is at least 4
-  array.IncrementSize(10);
-  EXPECT_EQ(array.GetCapacity(), 20);
-  array.SetSize(21);
-  EXPECT_EQ(array.GetCapacity(), 30);  // an explicit step is kept
+  auto grow = [&array](int step) {
+    array.IncrementSize(step);
+    return array.GetCapacity();
+  };
+  auto resize = [&array](int size) {
+    array.SetSize(size);
+    return array.GetCapacity();
+  };
+  EXPECT_EQ(grow(-1), 1);     // an empty array allocates exactly one element
+  EXPECT_EQ(resize(40), 40);  // max(capacity + 4, 40)
+  EXPECT_EQ(grow(-1), 45);    // default step at 40 elements: 40 / 8
+  EXPECT_EQ(resize(16), 45);  // storage never shrinks
+  EXPECT_EQ(resize(0), 0);
+  resize(16);
+  EXPECT_EQ(grow(-1), 20);  // the step is at least 4
+  EXPECT_EQ(grow(10), 20);
+  EXPECT_EQ(resize(21), 30);  // an explicit step is kept
 }
 
 TEST(ZELArrayBase_NOSTL, NewElementsAreZeroAndEditsKeepOrder) {
