@@ -1,5 +1,4 @@
-// Threads: the task scheduler (task claiming, the submit-and-help waiting pattern with any number of
-// workers and nested, exceptions, shutdown, the pool size and the job thread limit), parallel loops
+// Threads: the task scheduler (shutdown, the pool size and the job thread limit), parallel loops
 // (coverage, interruption, exceptions, nesting, priorities) and the progress objects they report to.
 #include <gtest/gtest.h>
 
@@ -32,26 +31,6 @@ long VisitedOnce(const Visits& visits) {
   return std::count(visits.begin(), visits.end(), 1);
 }
 
-// The waiting pattern that row-band helpers are built on, on a scheduler of the test's choosing.
-void SubmitAndHelp(tools::CScheduler& scheduler, TaskList pending) {
-  for (const std::shared_ptr<Task>& task : pending)
-    scheduler.AddTask(task);
-  while (!pending.empty())
-    tools::ProcessOrSleep(tools::GetTaskToDo(pending), true);
-}
-
-// One task per band of `rows` rows, each counting the visits of its rows from `offset` on.
-TaskList MakeBands(int height, int rows, Visits& visits, std::size_t offset = 0) {
-  TaskList tasks;
-  for (int first = 0; first < height; first += rows) {
-    tasks.push_back(std::make_shared<Task>([=, &visits] {
-      for (int y = first; y < std::min(first + rows, height); ++y)
-        ++visits[offset + static_cast<std::size_t>(y)];
-    }));
-  }
-  return tasks;
-}
-
 // Set when a progress reported a value below the one before or while another report was under way.
 std::atomic<bool> g_disorderlyReport{false};
 
@@ -68,33 +47,6 @@ float For(long long begin, long long end, const tools::multiproc::LoopBody& body
   tools::ThreadStateDispatcher dispatcher;
   tools::multiproc::ParallelizedFor(begin, end, interruptor, progress, body, dispatcher, {maxThreads});
   return progress.GetValue();
-}
-
-// Bands of rows with any number of workers, directly and as subtasks of tasks that wait for them the
-// same way: the helping waiters and the workers race to claim them, and each runs exactly once. A task's
-// exception stays in the task, and tasks still queued when a scheduler stops are left to their waiters.
-TEST(CScheduler, EveryBandRunsOnceWithAnyNumberOfWorkersAndWaitsNestWithoutDeadlock) {
-  constexpr int kOuter = 12, kRows = 101;
-  for (int workers : {-1, 0, 1, 3}) {
-    tools::CScheduler own(std::max(workers, 0));
-    tools::CScheduler& scheduler = workers < 0 ? tools::GetScheduler<tools::SchedulerType::Default>() : own;
-    Visits flat(10 * kRows), nested(kOuter * kRows);
-    SubmitAndHelp(scheduler, MakeBands(10 * kRows, 7, flat));
-    TaskList outer = {std::make_shared<Task>([] { throw std::runtime_error("band failed"); })};
-    for (std::size_t o = 0; o < kOuter; ++o)
-      outer.push_back(std::make_shared<Task>(
-          [&, o] { SubmitAndHelp(scheduler, MakeBands(kRows, 3, nested, o * kRows)); }));
-    SubmitAndHelp(scheduler, outer);
-    EXPECT_TRUE(VisitedOnce(flat) == 10 * kRows && VisitedOnce(nested) == kOuter * kRows) << workers;
-    EXPECT_THROW(std::rethrow_exception(outer[0]->GetError()), std::runtime_error);
-    EXPECT_FALSE(outer[1]->GetError());
-  }
-  std::thread::id ranOn;
-  auto task = std::make_shared<Task>([&ranOn] { ranOn = std::this_thread::get_id(); });
-  { tools::CScheduler(0).AddTask(task); }
-  EXPECT_EQ(task->GetStatus(), tools::CTask::kQueued);
-  task->WaitFinished();
-  EXPECT_EQ(ranOn, std::this_thread::get_id());
 }
 
 TEST(CScheduler, WorkerCountFromTheEnvironmentAndTheJobThreadLimit) {
@@ -134,6 +86,13 @@ TEST(CScheduler, WorkerCountFromTheEnvironmentAndTheJobThreadLimit) {
   }
   EXPECT_EQ(tools::GetJobThreadLimit(), 0);
   EXPECT_EQ(order, expected);
+  // Tasks still queued when a scheduler stops are left to their waiters.
+  std::thread::id ranOn;
+  auto task = std::make_shared<Task>([&ranOn] { ranOn = std::this_thread::get_id(); });
+  { tools::CScheduler(0).AddTask(task); }
+  EXPECT_EQ(task->GetStatus(), tools::CTask::kQueued);
+  task->WaitFinished();
+  EXPECT_EQ(ranOn, std::this_thread::get_id());
 }
 
 TEST(ParallelizedFor, CallsTheBodyOnceForEveryIndexEvenNestedAndStepsProgressPerIndex) {

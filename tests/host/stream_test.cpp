@@ -244,16 +244,6 @@ const std::pair<const char*, const char*> kVectors[] = {
      "57edf4a22be3c955ac49da2e2107b67a"},
 };
 
-void Append(md5_state_t& state, const std::string& text) {
-  md5_append(&state, reinterpret_cast<const unsigned char*>(text.data()), text.size());
-}
-
-MD5digest Finish(md5_state_t& state) {
-  unsigned char bytes[16];
-  md5_finish(&state, bytes);
-  return MD5digest(bytes);
-}
-
 // Both values travel as their 16 raw bytes whatever the stream's byte order; a read that finds fewer
 // leaves the value and the stream as they were.
 template <class Value>
@@ -272,26 +262,20 @@ void ExpectRawStreamForm(const Value& value) {
   EXPECT_TRUE(kept == value && truncated.Tell() == 0u);
 }
 
-TEST(MD5, PublishedVectorsInOneGoAndInPiecesOfEverySize) {
+TEST(MD5, PublishedVectorsInOneGoAndInPieces) {
   for (const auto& [text, hex] : kVectors) {
     const std::string input(text);
     EXPECT_EQ(ComputeMD5(input.data(), input.size()).ToHex(true), hex) << '"' << input << '"';
-    for (std::size_t piece = 1; piece <= input.size(); ++piece) {
-      md5_state_t state;
-      md5_init(&state);
-      for (std::size_t at = 0; at < input.size(); at += piece)
-        Append(state, input.substr(at, piece));
-      ASSERT_EQ(Finish(state).ToHex(true), hex) << "pieces of " << piece;
-    }
+    md5_state_t state;
+    md5_init(&state);
+    md5_append(&state, nullptr, 0);
+    for (std::size_t at = 0; at < input.size(); at += 7)
+      md5_append(&state, reinterpret_cast<const unsigned char*>(input.data()) + at,
+                 input.substr(at, 7).size());
+    unsigned char bytes[16];
+    md5_finish(&state, bytes);
+    EXPECT_EQ(MD5digest(bytes).ToHex(true), hex) << '"' << input << '"';
   }
-  // A copied state forks the digest; an empty append with no data changes nothing.
-  md5_state_t state;
-  md5_init(&state);
-  Append(state, "message ");
-  md5_state_t fork = state;
-  Append(state, "digest");
-  md5_append(&fork, nullptr, 0);
-  EXPECT_TRUE(Finish(state) == ComputeMD5("message digest", 14) && Finish(fork) == ComputeMD5("message ", 8));
 }
 
 TEST(MD5Digest, TextIsUpperCaseHexByDefaultAndStreamFormIsTheRawBytes) {
@@ -303,20 +287,16 @@ TEST(MD5Digest, TextIsUpperCaseHexByDefaultAndStreamFormIsTheRawBytes) {
 TEST(PermUID, IdsMadeConcurrentlyAreNeverNullAndNeverCollide) {
   EXPECT_TRUE(PermUID(0).IsNull() && PermUID(2).IsNull()) << "only the generation state makes a new id";
   constexpr int kThreads = 8, kPerThread = 20000;
-  std::vector<std::vector<PermUID>> made(kThreads);
+  std::vector<PermUID> made(kThreads * kPerThread + 1);  // the last stays null: it counts as taken
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([&made, t] {
       for (int i = 0; i < kPerThread; ++i)
-        made[t].push_back(PermUID(PermUID::kGenerateNew));
+        made[t * kPerThread + i] = PermUID(PermUID::kGenerateNew);
     });
-  }
-  std::set<PermUID> distinct{PermUID()};  // the null id counts as taken
-  for (int t = 0; t < kThreads; ++t) {
-    threads[t].join();
-    distinct.insert(made[t].begin(), made[t].end());
-  }
-  EXPECT_EQ(distinct.size(), static_cast<std::size_t>(kThreads * kPerThread + 1));
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(std::set<PermUID>(made.begin(), made.end()).size(), made.size());
 }
 
 TEST(PermUID, TextIsUpperCaseHexAndStreamFormIsTheRawBytes) {

@@ -69,35 +69,24 @@ TEST(ImageList, HandlesAndRegistrationFromManyThreadsWhileTheListIsScanned) {
   ImageList& list = ImageList::Instance();
   std::atomic<int> destroyed{0}, running{4};
   Image root(new testing_support::CountedImpl(8, 8, &destroyed));
-  std::vector<Image> survivors(4);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
+    threads.emplace_back([&] {
       for (int i = 0; i < 300; ++i) {
-        Image shared(root), other, image(3 + i % 5, 2, IT_RGBA8, gamma::sRGB), copy(image);
-        other = shared;
+        Image shared(root), image(3 + i % 5, 2, IT_RGBA8, gamma::sRGB), copy(image);
+        shared = copy;
         copy.NewImplFromExisting(nullptr);
-        if (i % 7 == 0)
-          copy.SetFilePath(ZELPath(L"relative/brick.png"));
       }
-      survivors[t] = Image(4, 4, IT_RGB8, gamma::sRGB);
       --running;
     });
   }
-  // Once the survivors are registered the scan is bound to see some.
-  for (long scanned = 0; running.load() > 0 || scanned == 0;) {
+  while (running.load() > 0) {
     ImageList::Lock lock(list.GetMutex());
     for (int i = 0, count = list.CountImages(); i < count; ++i)
-      scanned += list.ImageRefAt(lock, i)->Width() > 0 ? 1 : 0;
+      EXPECT_GT(list.ImageRefAt(lock, i)->Width(), 0);
   }
   for (std::thread& thread : threads)
     thread.join();
-  for (Image& survivor : survivors) {
-    const ImageImpl* impl = survivor.GetImpl();
-    EXPECT_TRUE(list.Contains(impl));
-    survivor.Reset();
-    EXPECT_FALSE(list.Contains(impl));
-  }
   EXPECT_TRUE(root.GetImpl()->References() == 1 && destroyed.load() == 0);
   root.Reset();
   EXPECT_EQ(destroyed.load(), 1);
