@@ -106,7 +106,7 @@ struct Key {
   float value;
 };
 
-TEST(ZELArrayBase_NOSTL, GrowthFollowsTheDocumentedSteps) {
+TEST(ZELArrayBase_NOSTL, GrowthFollowsTheDocumentedStepsNewElementsAreZeroAndEditsKeepOrder) {
   ZELArrayBase_NOSTL<Key> array;
   auto grow = [&array](int step) {
     array.IncrementSize(step);
@@ -125,10 +125,8 @@ TEST(ZELArrayBase_NOSTL, GrowthFollowsTheDocumentedSteps) {
   EXPECT_EQ(grow(-1), 20);  // the step is at least 4
   EXPECT_EQ(grow(10), 20);
   EXPECT_EQ(resize(21), 30);  // an explicit step is kept
-}
 
-TEST(ZELArrayBase_NOSTL, NewElementsAreZeroAndEditsKeepOrder) {
-  ZELArrayBase_NOSTL<Key> array;
+  // New elements are zero, and edits keep the order.
   array.SetSize(3);
   for (int i = 0; i < 3; ++i)
     array[i] = Key{static_cast<short>(i * 10), 1.0f};
