@@ -1,15 +1,18 @@
-// Parallel loops (coverage of the range, thread use, interruption, exceptions, nesting, priorities) and
-// the progress objects they report to.
+// Threads: the task scheduler (shutdown, the pool size and the job thread limit), parallel loops
+// (coverage, interruption, exceptions, nesting, priorities) and the progress objects they report to.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -20,34 +23,89 @@
 namespace {
 
 using tools::multiproc::ParallelContext;
+using Task = tools::GenericFunctionTask<false>;
+using TaskList = std::vector<std::shared_ptr<Task>>;
 using Visits = std::vector<std::atomic<int>>;
+
+long VisitedOnce(const Visits& visits) {
+  return std::count(visits.begin(), visits.end(), 1);
+}
+
+// Set when a progress reported a value below the one before or while another report was under way.
+std::atomic<bool> g_disorderlyReport{false};
 
 // Runs the loop on a fresh progress and answers the progress reached.
 float For(long long begin, long long end, const tools::multiproc::LoopBody& body,
           const ZELInterruptor& interruptor = ZELNullInterruptor(), int maxThreads = -2) {
-  KORProgress progress;
+  std::atomic<int> inside{0};
+  float last = 0.0f;
+  KORProgress progress([&](float value) {
+    g_disorderlyReport = g_disorderlyReport || ++inside > 1 || value < last;
+    last = value;
+    --inside;
+  });
   tools::ThreadStateDispatcher dispatcher;
   tools::multiproc::ParallelizedFor(begin, end, interruptor, progress, body, dispatcher, {maxThreads});
   return progress.GetValue();
 }
 
-void ExpectEachVisitedOnce(const Visits& visits) {
-  for (std::size_t i = 0; i < visits.size(); ++i)
-    ASSERT_EQ(visits[i].load(), 1) << "index " << i;
+TEST(CScheduler, WorkerCountFromTheEnvironmentAndTheJobThreadLimit) {
+  const std::string saved =
+      std::getenv("IMAGERY_WORKER_THREADS") ? std::getenv("IMAGERY_WORKER_THREADS") : "";
+  ::unsetenv("IMAGERY_WORKER_THREADS");
+  const int fromHardware = tools::CScheduler::DefaultWorkerCount();
+  EXPECT_GE(fromHardware, 1);
+  // Values outside 1..256 or not wholly a number leave the count to the hardware (0 below).
+  // clang-format off
+  const std::pair<const char*, int> values[] = {{"1", 1}, {"256", 256}, {"0", 0}, {"-3", 0}, {"257", 0}, {"4x", 0}, {"", 0}};
+  // clang-format on
+  for (const auto& [value, expected] : values) {
+    ::setenv("IMAGERY_WORKER_THREADS", value, 1);
+    EXPECT_EQ(tools::CScheduler::DefaultWorkerCount(), expected ? expected : fromHardware)
+        << '"' << value << '"';
+  }
+  saved.empty() ? ::unsetenv("IMAGERY_WORKER_THREADS") : ::setenv("IMAGERY_WORKER_THREADS", saved.c_str(), 1);
+
+  // Under a limit of 1 the waiting thread runs every task itself, in the waiting order (the last first).
+  const std::thread::id caller = std::this_thread::get_id();
+  std::vector<int> order, expected;
+  TaskList tasks;
+  for (int i = 0; i < 50; ++i) {
+    tasks.push_back(std::make_shared<Task>(
+        [i, caller, &order] { order.push_back(std::this_thread::get_id() == caller ? i : -1); }));
+    expected.insert(expected.begin(), i);
+  }
+  {
+    const tools::ScopedJobThreadLimit oneThread(1);
+    EXPECT_EQ(tools::GetJobThreadLimit(), 1);
+    tools::ProcessAndWaitTasks(tasks, true);
+    // Loops that leave the choice to the library get one thread; explicit requests are kept.
+    const int machine = tools::GetScheduler<tools::SchedulerType::Default>().GetWorkerCount() + 1;
+    EXPECT_EQ(tools::multiproc::GetOptimizedMaxJobThreadAllowed(-2, 1000), 1);
+    EXPECT_EQ(tools::multiproc::GetOptimizedMaxJobThreadAllowed(2, 1000), std::min(2, machine));
+  }
+  EXPECT_EQ(tools::GetJobThreadLimit(), 0);
+  EXPECT_EQ(order, expected);
+  // Tasks still queued when a scheduler stops are left to their waiters.
+  std::thread::id ranOn;
+  auto task = std::make_shared<Task>([&ranOn] { ranOn = std::this_thread::get_id(); });
+  { tools::CScheduler(0).AddTask(task); }
+  EXPECT_EQ(task->GetStatus(), tools::CTask::kQueued);
+  task->WaitFinished();
+  EXPECT_EQ(ranOn, std::this_thread::get_id());
 }
 
 TEST(ParallelizedFor, CallsTheBodyOnceForEveryIndexEvenNestedAndStepsProgressPerIndex) {
-  for (const auto& [begin, end] : {std::pair(5LL, 5LL), {10, 3}, {0, 1}, {-7, 13}, {3, 40000}}) {
-    Visits visits(static_cast<std::size_t>(std::max(0LL, end - begin)));
-    std::atomic<int> outside{0};
+  for (const auto& [begin, end] : {std::pair(5LL, 5LL), {10, 3}, {-7, 13}, {3, 40000}}) {
+    const long count = std::max(0LL, end - begin);
+    Visits visits(count + 1);  // the last counts indices outside the range
     const float progress =
         For(begin, end, [&, begin = begin, end = end](long long i, const ParallelContext*) {
-          ++(i < begin || i >= end ? outside : visits[static_cast<std::size_t>(i - begin)]);
+          ++visits[i < begin || i >= end ? count : i - begin];
         });
-    EXPECT_EQ(outside.load(), 0);
-    ExpectEachVisitedOnce(visits);
+    EXPECT_TRUE(VisitedOnce(visits) == count && visits[count] == 0) << begin << ".." << end;
     // One step of 1 / (|end - begin| + 1) per index.
-    EXPECT_NEAR(progress, visits.size() / static_cast<double>(std::abs(end - begin) + 1), 1e-6);
+    EXPECT_NEAR(progress, count / static_cast<double>(std::abs(end - begin) + 1), 1e-6);
   }
   constexpr int kOuter = 8, kInner = 500;
   Visits cells(kOuter * kOuter * kInner);
@@ -57,10 +115,12 @@ TEST(ParallelizedFor, CallsTheBodyOnceForEveryIndexEvenNestedAndStepsProgressPer
           [&cells, t, o](long long i, const ParallelContext*) { ++cells[(t * kOuter + o) * kInner + i]; });
     });
   });
-  ExpectEachVisitedOnce(cells);
+  EXPECT_EQ(VisitedOnce(cells), kOuter * kOuter * kInner);
+  EXPECT_FALSE(g_disorderlyReport.load());
 }
 
-TEST(ParallelizedFor, StopsStartingIndicesOnceInterruptedFromAnotherThread) {
+TEST(ParallelizedFor,
+     StopsStartingIndicesOnceInterruptedAndTheFirstExceptionReachesTheCallerAfterEveryoneStopped) {
   ZELFlagInterruptor interruptor;
   std::atomic<int> ran{0};
   auto cancelAt = [&](long long at) {
@@ -79,33 +139,26 @@ TEST(ParallelizedFor, StopsStartingIndicesOnceInterruptedFromAnotherThread) {
   EXPECT_TRUE(ran.load() >= 1 && ran.load() < 1000000) << ran.load();
   For(0, 1000, cancelAt(-1), interruptor);
   EXPECT_EQ(ran.load(), 0) << "an interruptor already set lets nothing start";
-}
 
-TEST(ParallelizedFor, FirstExceptionReachesTheCallerAfterEveryoneStopped) {
   std::atomic<int> running{0};
-  try {
-    For(0, 100000, [&](long long i, const ParallelContext*) {
-      ++running;
-      std::this_thread::yield();
-      --running;
-      if (i % 1000 == 999)
-        throw std::runtime_error("body " + std::to_string(i));
-    });
-    ADD_FAILURE() << "no exception";
-  } catch (const std::runtime_error& error) {
-    EXPECT_EQ(running.load(), 0);
-    EXPECT_EQ(std::string(error.what()).rfind("body ", 0), 0u);
-  }
-  std::atomic<int> after{0};
-  For(0, 100, [&](long long, const ParallelContext*) { ++after; });
-  EXPECT_EQ(after.load(), 100) << "the pool is still usable";
+  EXPECT_THROW(For(0, 100000,
+                   [&](long long i, const ParallelContext*) {
+                     ++running;
+                     std::this_thread::yield();
+                     --running;
+                     if (i % 1000 == 999)
+                       throw std::runtime_error("body");
+                   }),
+               std::runtime_error);
+  EXPECT_EQ(running.load(), 0) << "everyone stopped before the exception reached the caller";
+  For(0, 100, cancelAt(-1));
+  EXPECT_EQ(ran.load(), 100) << "the pool is still usable";
 }
 
 TEST(ParallelizedFor, HelpersTakePartUnderTheirOwnThreadIndexAtTheCallersPriority) {
   // Workers inherit the priority of the thread that starts them, so start them here first.
   tools::CScheduler& scheduler = tools::GetScheduler<tools::SchedulerType::Default>();
-  const int original = ZELGetCurrentThreadPriority();
-  const int lowered = std::min(original + 5, 19);
+  const int original = ZELGetCurrentThreadPriority(), lowered = std::min(original + 5, 19);
   // Where the process may not change a thread's priority and restore it, only the indices are checked.
   const bool lower =
       lowered != original && tools::ThreadStateSetter::CanChangeAndRestore({original}, {lowered});
@@ -134,7 +187,6 @@ TEST(ParallelizedFor, HelpersTakePartUnderTheirOwnThreadIndexAtTheCallersPriorit
   }).join();
   ASSERT_GE(owners.size(), 2u);
   EXPECT_EQ(priorities, std::set<int>{lower ? lowered : original});
-
   // Afterwards the workers are back at their own priority.
   std::atomic<int> workerPriority{-100};
   auto probe = std::make_shared<tools::GenericFunctionTask<false>>(
@@ -169,39 +221,9 @@ TEST(KORProgress, StepsShareWhatRemainsAndSubStepsFillOneParentStep) {
   EXPECT_FLOAT_EQ(parent.GetValue(), 0.75f);
   parent.Step(100);
   EXPECT_FLOAT_EQ(parent.GetValue(), 1.0f);
-  EXPECT_TRUE(std::is_sorted(reported.begin(), reported.end()));
+  // Reported values only grow, end at 1, and are never repeated.
+  EXPECT_TRUE(std::is_sorted(reported.begin(), reported.end()) && reported.back() == 1.0f);
   EXPECT_EQ(std::adjacent_find(reported.begin(), reported.end()), reported.end());
-  EXPECT_EQ(reported.back(), 1.0f);
-}
-
-TEST(KORProgress, ConcurrentStepsAndSubStepsAddUpAndReportInOrder) {
-  std::atomic<int> inside{0};
-  std::atomic<bool> overlapping{false};
-  float last = 0.0f;
-  bool decreasing = false;
-  KORProgress progress([&](float value) {
-    overlapping = overlapping || ++inside > 1;
-    decreasing = decreasing || value < last;
-    last = value;
-    --inside;
-  });
-  progress.Steps(16);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 8; ++t) {
-    threads.emplace_back([&progress] {
-      progress.Step();
-      KORProgress::SubProgressStep sub(progress);
-      sub.Steps(1000);
-      for (int i = 0; i < 1000; ++i)
-        sub.Step();
-    });
-  }
-  for (std::thread& thread : threads)
-    thread.join();
-  EXPECT_FALSE(overlapping.load());
-  EXPECT_FALSE(decreasing);
-  EXPECT_EQ(last, 1.0f);
-  EXPECT_FLOAT_EQ(progress.GetValue(), 1.0f);
 }
 
 }  // namespace

@@ -18,10 +18,10 @@ using RGBA = LinearRGBA_T<float>;
 // A linear image whose pixel (x, y) has red x * 10 + 1, green y * 10 + 1 (in 8-bit codes) and blue 7.
 Image CodedImage(int width, int height, EImageType type = IT_RGB8) {
   Image image(width, height, type, gamma::Linear);
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x)
-      image.SetPixelRGBA(x, y, RGBA((x * 10 + 1) / 255.0f, (y * 10 + 1) / 255.0f, 7 / 255.0f, 0.5f),
-                         ATO_None);
+  for (int i = 0; i < width * height; ++i) {
+    const int x = i % width, y = i / width;
+    image.SetPixelRGBA(x, y, RGBA((x * 10 + 1) / 255.0f, (y * 10 + 1) / 255.0f, 7 / 255.0f, 0.5f), ATO_None);
+  }
   return image;
 }
 
@@ -29,12 +29,12 @@ Image CodedImage(int width, int height, EImageType type = IT_RGB8) {
 // them.
 TEST(ImagePixels, ValueTransformationsApplyToReadsOnly) {
   Image image(2, 2, IT_RGBA32f, gamma::Linear);
-  image.SetPixelRGBA(1, 1, RGBA(0.25f, 0.5f, 2.0f, 0.25f), ATO_None);
+  RGBA c, expected(0.25f, 0.5f, 2.0f, 0.25f);
+  image.SetPixelRGBA(1, 1, expected, ATO_None);
   image.SetExposure(0.1f);
   image.SetContrast(1.0f);
   image.SetInvertedColor(true);
   image.SetInvertedAlpha(true);
-  RGBA c, expected(0.25f, 0.5f, 2.0f, 0.25f);
   image.GetPixelRGBA(1, 1, c, ATO_ExposureContrast | ATO_Inversions);
   image.GetTransformations().ApplyTransform(expected, ATO_ExposureContrast | ATO_Inversions);
   EXPECT_EQ(c, expected);
@@ -43,9 +43,8 @@ TEST(ImagePixels, ValueTransformationsApplyToReadsOnly) {
   EXPECT_EQ(grey, (0.35f * 0.25f + 0.5f * 0.5f) + 0.15f * 2.0f);
   image.SetPixelAlpha(1, 1, 0.125f, ATO_Inversions);
   image.GetPixelAlpha(1, 1, alpha, ATO_None);
-  EXPECT_EQ(alpha, 0.125f);
-  image.GetPixelAlpha(1, 1, alpha, ATO_Inversions);
-  EXPECT_EQ(alpha, 0.875f);
+  image.GetPixelAlpha(1, 1, grey, ATO_Inversions);
+  EXPECT_TRUE(alpha == 0.125f && grey == 0.875f);
   // The linear-chain colour accessors map positions and carry alpha the same way.
   image.MirrorX();
   image.SetPixelRGBANoGammaConversion(0, 0, RGBA(0.5f, 0.25f, 1, 0.75f), ATO_Geometry);
@@ -55,14 +54,11 @@ TEST(ImagePixels, ValueTransformationsApplyToReadsOnly) {
   image.GetPixelRGBNoGammaConversion(0, 0, rgb, ATO_Geometry);
   EXPECT_EQ(rgb, RGB(0.5f, 0.25f, 1));
   // Formats without alpha read as opaque.
-  for (const EImageType type : {IT_RGB8, IT_RGEncodedAlpha, IT_Grayscale16, IT_RGB32f}) {
-    Image opaque(3, 3, type, gamma::sRGB);
-    opaque.GetPixelAlpha(2, 2, alpha, ATO_None);
-    EXPECT_EQ(alpha, 1.0f) << int(type);
-    opaque.SetInvertedAlpha(true);
-    opaque.GetPixelAlpha(2, 2, alpha, ATO_Inversions);
-    EXPECT_EQ(alpha, 0.0f) << int(type);
-  }
+  Image opaque(3, 3, IT_RGB8, gamma::sRGB);
+  opaque.SetInvertedAlpha(true);
+  opaque.GetPixelAlpha(2, 2, alpha, ATO_None);
+  opaque.GetPixelAlpha(2, 2, grey, ATO_Inversions);
+  EXPECT_TRUE(alpha == 1.0f && grey == 0.0f);
 }
 
 TEST(ImagePixels, MipLevelsAndTheLinearChain) {
@@ -71,8 +67,7 @@ TEST(ImagePixels, MipLevelsAndTheLinearChain) {
   impl.AllocateMipMapGamma();
   impl.AllocateMipMapNoGamma();
   image.SetPixelGrayscale(1, 1, 1.0f, ATO_None, 1);
-  EXPECT_EQ(impl.MipGamma(1).PixelAddress(1, 1)[0], 255);
-  EXPECT_EQ(impl.Plane().PixelAddress(1, 1)[0], 0);
+  EXPECT_TRUE(impl.MipGamma(1).PixelAddress(1, 1)[0] == 255 && impl.Plane().PixelAddress(1, 1)[0] == 0);
   // The linear chain stores plain fractions.
   image.SetPixelGrayscaleNoGammaConversion(0, 0, 0.5f, ATO_None, 2);
   EXPECT_EQ(impl.MipNoGamma(2).PixelAddress(0, 0)[1], 128);
@@ -90,7 +85,7 @@ TEST(ImagePixels, MipLevelsAndTheLinearChain) {
 
 TEST(ImagePixels, AverageColorSamplesAGridThroughEveryTransformation) {
   Image image = CodedImage(4, 6);
-  RGB c;
+  RGB c, sum;
   image.MirrorX();
   image.MirrorY();
   image.GetPixelRGB(3, 5, c, ATO_None);
@@ -99,24 +94,20 @@ TEST(ImagePixels, AverageColorSamplesAGridThroughEveryTransformation) {
   image.SetMirrorX(false);
   image.SetMirrorY(false);
   image.SetInvertedColor(true);
-  RGB sum;
-  for (const int y : {0, 3}) {
-    for (const int x : {0, 2}) {
-      image.GetPixelRGB(x, y, c, ATO_Inversions);
-      sum += c;
-    }
+  for (const int i : {0, 1, 2, 3}) {
+    image.GetPixelRGB(i % 2 * 2, i / 2 * 3, c, ATO_Inversions);
+    sum += c;
   }
   EXPECT_EQ(image.GetAverageColor(2), sum * 0.25f);
 }
 
 TEST(ImagePixels, ConstantImagesAreExact) {
+  RGB colour, first;
+  float grey = 0, alpha = 0;
   for (const EImageType type : {IT_RGB8, IT_Grayscale16, IT_RGBA16, IT_RGBEA}) {
     Image image(5, 3, type, gamma::sRGB);
-    for (int y = 0; y < 3; ++y)
-      for (int x = 0; x < 5; ++x)
-        image.SetPixelRGBA(x, y, RGBA(0.5f, 0.5f, 0.5f, 0.5f), ATO_None);
-    RGB colour, first;
-    float grey = 0, alpha = 0;
+    for (int i = 0; i < 15; ++i)
+      image.SetPixelRGBA(i % 5, i / 5, RGBA(0.5f, 0.5f, 0.5f, 0.5f), ATO_None);
     EXPECT_TRUE(image.IsConstantColor(colour) && image.IsConstantGrayscale(grey) &&
                 image.IsConstantAlpha(alpha))
         << int(type);
@@ -131,13 +122,10 @@ TEST(ImagePixels, ConstantImagesAreExact) {
       EXPECT_FALSE(changed.IsConstantColor(colour)) << int(type) << " at " << x << "," << y;
     }
   }
-  Image alpha(3, 3, IT_RGBA8, gamma::sRGB);
-  alpha.SetPixelAlpha(2, 2, 1.0f, ATO_None);
-  float value = 0;
-  RGB colour;
-  EXPECT_FALSE(alpha.IsConstantAlpha(value));
-  EXPECT_EQ(value, 0.0f);
-  EXPECT_TRUE(alpha.IsConstantColor(colour));
+  // Alpha alone differing leaves the colour constant.
+  Image translucent(3, 3, IT_RGBA8, gamma::sRGB);
+  translucent.SetPixelAlpha(2, 2, 1.0f, ATO_None);
+  EXPECT_TRUE(!translucent.IsConstantAlpha(alpha) && translucent.IsConstantColor(colour));
 }
 
 TEST(ImagePixels, BakingTransformations) {
@@ -155,7 +143,6 @@ TEST(ImagePixels, BakingTransformations) {
     grey.SetPixelGrayscale(i % 4, i / 4, static_cast<float>(i), ATO_None);
   grey.SetRotationAngle(90);
   grey.SetExposure(0.5f);
-  EXPECT_EQ(grey.GetTransformedWidth() * 10 + grey.GetTransformedHeight(), 24);
   Image mirrored = plain;
   mirrored.SetPixelRGBA(2, 4, RGBA(0, 0, 0, 1), ATO_None);
   mirrored.SetFilePath(ZELPath(L"/maps/brick.png"));
@@ -166,30 +153,28 @@ TEST(ImagePixels, BakingTransformations) {
   inverted.SetRotationAngle(45);
   inverted.SetInvertedColor(true);
   for (const Image* source : {&grey, &mirrored, &inverted}) {
-    SCOPED_TRACE(::testing::Message() << "format " << int(source->ImageType()));
+    SCOPED_TRACE(int(source->ImageType()));
     std::unique_ptr<Image> baked(factory.BuildAndBakeTransformations(*source, false));
-    ASSERT_EQ(baked->Width(), source->GetTransformedWidth());
-    ASSERT_EQ(baked->Height(), source->GetTransformedHeight());
-    EXPECT_EQ(baked->ImageType(), source->ImageType());
-    EXPECT_EQ(baked->GetTransformations(), ImageTransformations());
-    EXPECT_EQ(baked->FilePath(), source->FilePath());
-    EXPECT_TRUE(baked->Title().IsEmpty());
-    for (int y = 0; y < baked->Height(); ++y) {
-      for (int x = 0; x < baked->Width(); ++x) {
-        RGBA expected, actual;
-        source->GetPixelRGBA(x, y, expected, ATO_TransformedFrame | ATO_ExposureContrast | ATO_Inversions);
-        baked->GetPixelRGBA(x, y, actual, ATO_None);
-        // 16-bit codes are rounded on the way.
-        for (float gap :
-             {actual.r - expected.r, actual.g - expected.g, actual.b - expected.b, actual.a - expected.a})
-          EXPECT_LE(std::fabs(gap), 0.5f / 65535) << x << "," << y;
-      }
+    ASSERT_EQ(baked->Width() * 10 + baked->Height(),
+              source->GetTransformedWidth() * 10 + source->GetTransformedHeight());
+    EXPECT_TRUE(baked->ImageType() == source->ImageType() &&
+                baked->GetTransformations() == ImageTransformations());
+    EXPECT_TRUE(baked->FilePath() == source->FilePath() && baked->Title().IsEmpty());
+    for (int i = 0; i < baked->Width() * baked->Height(); ++i) {
+      RGBA expected, actual;
+      source->GetPixelRGBA(i % baked->Width(), i / baked->Width(), expected,
+                           ATO_TransformedFrame | ATO_ExposureContrast | ATO_Inversions);
+      baked->GetPixelRGBA(i % baked->Width(), i / baked->Width(), actual, ATO_None);
+      // 16-bit codes are rounded on the way.
+      for (float gap :
+           {actual.r - expected.r, actual.g - expected.g, actual.b - expected.b, actual.a - expected.a})
+        EXPECT_LE(std::fabs(gap), 0.5f / 65535) << "pixel " << i;
     }
   }
   float corner;
   std::unique_ptr<Image>(factory.BuildAndBakeTransformations(grey, false))
       ->GetPixelGrayscale(0, 0, corner, ATO_None);
-  EXPECT_EQ(corner, 4.5f);  // stored (0, 1)
+  EXPECT_EQ(corner, 4.5f);  // stored (0, 1) with the exposure
 }
 
 }  // namespace

@@ -13,8 +13,7 @@ namespace imagery {
 namespace {
 
 namespace xml = ::config::xml;
-using Byte = unsigned char;
-using Bytes = std::vector<Byte>;
+using Bytes = std::vector<unsigned char>;
 using Fill = std::function<void(ZELStream&)>;
 
 GammaSettings Make(float input, float output, float screen) {
@@ -25,10 +24,10 @@ GammaSettings Make(float input, float output, float screen) {
   return settings;
 }
 
-void ExpectGammas(const GammaSettings& settings, float input, float output, float screen) {
-  EXPECT_EQ(settings.InputGamma(IT_RGB8).Value(), input);
-  EXPECT_EQ(settings.OutputGamma(IT_RGB8).Value(), output);
-  EXPECT_EQ(settings.ScreenGamma().Value(), screen);
+// The three gammas an 8-bit colour image gets, as one comparable value.
+std::vector<float> Gammas(const GammaSettings& settings) {
+  return {settings.InputGamma(IT_RGB8).Value(), settings.OutputGamma(IT_RGB8).Value(),
+          settings.ScreenGamma().Value()};
 }
 
 // Stream builders: a chunk holding whatever its parts write, typed values, and raw bytes.
@@ -46,32 +45,23 @@ Fill Values(T... values) {
 Fill Raw(const Bytes& bytes) {
   return [=](ZELStream& s) { s.Write(bytes.data(), bytes.size()); };
 }
-Fill V0(Byte enabled) {
-  return Values(enabled, 0.5f, 0.6f, 0.7f, Byte{0});
-}
-// A version 1 chunk in the order it is written, with `output` as its middle value.
-Fill V1With(const Fill& output) {
-  return Chunk(kGammaSettingsChunkV1, Chunk(kGammaSettingsInputChunk, Values(0.5f)),
-               Chunk(kGammaSettingsOutputChunk, output), Chunk(kGammaSettingsScreenChunk, Values(0.7f)));
-}
 Bytes Write(const Fill& fill) {
   ZELMemoryStream stream;
   fill(stream);
   return stream.Bytes();
 }
-
-// Reads the chunk that `fill` writes into settings holding (3, 4, 5).
-void ExpectRead(const Fill& fill, bool ok, float input, float output, float screen) {
-  ZELMemoryStream stream(Write(fill));
-  GammaSettings settings = Make(3.0f, 4.0f, 5.0f);
-  ZELReadChunk chunk;
-  ASSERT_TRUE(chunk.InitChunk(&stream));
-  EXPECT_EQ(settings.Read(&stream, chunk), ok);
-  ExpectGammas(settings, input, output, screen);
+// The body of a version 0 chunk, and a version 1 chunk in the order it is written with `output` as its
+// middle value.
+Fill V0(unsigned char enabled) {
+  return Values(enabled, 0.5f, 0.6f, 0.7f, (unsigned char)0);
+}
+Fill V1With(const Fill& output) {
+  return Chunk(kGammaSettingsChunkV1, Chunk(kGammaSettingsInputChunk, Values(0.5f)),
+               Chunk(kGammaSettingsOutputChunk, output), Chunk(kGammaSettingsScreenChunk, Values(0.7f)));
 }
 
 TEST(GammaSettings, IntegerFormatsTakeTheStoredGammasAndEveryOtherFormatIsLinear) {
-  ExpectGammas(GetCurrentGammaSettings(), -2.0f, -2.0f, -2.0f);
+  EXPECT_EQ(Gammas(GetCurrentGammaSettings()), (std::vector<float>{-2, -2, -2}));
   const GammaSettings settings = Make(2.2f, 1.8f, 2.4f);
   const std::set<int> integer = {IT_RGB8,   IT_Grayscale8,  IT_RGBA8,    IT_RGB16,
                                  IT_RGBA16, IT_Grayscale16, IT_UNDEFINED};
@@ -86,28 +76,28 @@ TEST(GammaSettings, IntegerFormatsTakeTheStoredGammasAndEveryOtherFormatIsLinear
 }
 
 TEST(GammaSettings, KeysHoldTheDefaultsAndFeedTheRightFields) {
-  for (const config::GammaKey* key : {&config::InputGamma, &config::OutputGamma, &config::ScreenGamma}) {
+  for (const config::GammaKey* key : {&config::InputGamma, &config::OutputGamma, &config::ScreenGamma})
     EXPECT_TRUE(xml::PropertyExists(key->name, "kor")) << key->name;
-  }
   GammaSettings settings = Make(3.0f, 4.0f, 5.0f);
   settings.ReadFromConfigManager();
-  ExpectGammas(settings, -2.0f, -2.0f, -2.0f);
+  EXPECT_EQ(Gammas(settings), (std::vector<float>{-2, -2, -2}));
   Make(1.5f, 1.6f, 1.7f).WriteToConfigManager();
   settings.ReadFromConfigManager();
-  ExpectGammas(settings, 1.5f, 1.6f, 1.7f);
+  EXPECT_EQ(Gammas(settings), (std::vector<float>{1.5f, 1.6f, 1.7f}));
   xml::SetProperty("imagery/OutputGamma", L"1.6", "kor");  // not a float: read as the default
   settings.ReadFromConfigManager();
-  ExpectGammas(settings, 1.5f, -2.0f, 1.7f);
-
+  EXPECT_EQ(Gammas(settings), (std::vector<float>{1.5f, -2, 1.7f}));
   // The initialisers read the record when they run, so a host can change a default before a reset.
   config::ScreenGamma.default_value = 2.4f;
   xml::ResetToDefaults();
   settings.ReadFromConfigManager();
-  ExpectGammas(settings, -2.0f, -2.0f, 2.4f);
+  EXPECT_EQ(Gammas(settings), (std::vector<float>{-2, -2, 2.4f}));
   config::ScreenGamma.default_value = -2.0f;
   xml::ResetToDefaults();
 }
 
+// Reading changes only the values a chunk carries, read into settings holding (3, 4, 5), and stops at the
+// first broken one.
 TEST(GammaSettings, ChunksChangeOnlyWhatTheyCarryAndStopAtTheFirstBrokenValue) {
   const GammaSettings written = Make(0.5f, 0.6f, 0.7f);
   EXPECT_EQ(Write([&](ZELStream& s) { EXPECT_TRUE(written.WriteV0(&s, true)); }),
@@ -122,32 +112,37 @@ TEST(GammaSettings, ChunksChangeOnlyWhatTheyCarryAndStopAtTheFirstBrokenValue) {
     const char* what;
     Fill chunk;
     bool ok;
-    float input, output, screen;
+    std::vector<float> gammas;
   };
   const Bytes garbage = {'a', 'b', 'c'};
-  // clang-format off
-  const Case cases[] = {
-      {"v0", Chunk(kGammaSettingsChunkV0, V0(1)), true, 0.5f, 0.6f, 0.7f},
-      {"v0 disabled, sub-chunks skipped", Chunk(kGammaSettingsChunkV0, V0(0), Chunk(0x1234, Values(8.0f)), Chunk(kGammaSettingsInputChunk, Values(9.0f))), true, 1, 1, 1},
-      {"v0 bytes after it", Chunk(kGammaSettingsChunkV0, V0(1), Raw(garbage)), false, 0.5f, 0.6f, 0.7f},
-      {"unknown chunk", Chunk(0xFEBE, V0(1)), false, 3, 4, 5},
-      {"v1", V1With(Values(0.6f)), true, 0.5f, 0.6f, 0.7f},
-      {"v1 out of order, unknown parts skipped", Chunk(kGammaSettingsChunkV1, Chunk(kGammaSettingsScreenChunk, Values(0.7f, 9.0f)), Chunk(kGammaSettingsInputChunk, Values(9.0f)), Chunk(0x1234, Values(8.0f))), true, 9, 4, 0.7f},
-      {"v1 truncated float", V1With(Raw({3, 0, 'a', 'b'})), false, 0.5f, 4, 5},
-      {"v1 garbage", Chunk(kGammaSettingsChunkV1, Raw(garbage)), false, 3, 4, 5},
+  std::vector<Case> cases = {
+      // clang-format off
+      {"v0", Chunk(kGammaSettingsChunkV0, V0(1)), true, {0.5f, 0.6f, 0.7f}},
+      {"v0 disabled, sub-chunks skipped", Chunk(kGammaSettingsChunkV0, V0(0), Chunk(0x1234, Values(8.0f)), Chunk(kGammaSettingsInputChunk, Values(9.0f))), true, {1, 1, 1}},
+      {"v0 bytes after it", Chunk(kGammaSettingsChunkV0, V0(1), Raw(garbage)), false, {0.5f, 0.6f, 0.7f}},
+      {"unknown chunk", Chunk(0xFEBE, V0(1)), false, {3, 4, 5}},
+      {"v1", V1With(Values(0.6f)), true, {0.5f, 0.6f, 0.7f}},
+      {"v1 out of order, unknown parts skipped", Chunk(kGammaSettingsChunkV1, Chunk(kGammaSettingsScreenChunk, Values(0.7f, 9.0f)), Chunk(kGammaSettingsInputChunk, Values(9.0f)), Chunk(0x1234, Values(8.0f))), true, {9, 4, 0.7f}},
+      {"v1 truncated float", V1With(Raw({3, 0, 'a', 'b'})), false, {0.5f, 4, 5}},
+      {"v1 garbage", Chunk(kGammaSettingsChunkV1, Raw(garbage)), false, {3, 4, 5}},
+      // clang-format on
   };
-  // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    ExpectRead(c.chunk, c.ok, c.input, c.output, c.screen);
+  // A version 0 chunk cut short keeps the values read before the cut: a flag, then floats of 6 bytes each.
+  const Bytes v0 = Write(V0(1));
+  for (std::size_t cut = 0; cut < v0.size(); ++cut) {
+    const std::size_t floats = cut < 3 ? 0 : (cut - 3) / 6;
+    cases.push_back({"v0 cut",
+                     Chunk(kGammaSettingsChunkV0, Raw(Bytes(v0.begin(), v0.begin() + cut))),
+                     false,
+                     {floats > 0 ? 0.5f : 3, floats > 1 ? 0.6f : 4, floats > 2 ? 0.7f : 5}});
   }
-  // A version 0 chunk cut short keeps the values read before the cut.
-  const Bytes data = Write(V0(1));
-  for (std::size_t cut = 0; cut < data.size(); ++cut) {
-    SCOPED_TRACE(cut);
-    const std::size_t floats = cut < 3 ? 0 : (cut - 3) / 6;  // a flag, then floats of 6 bytes each
-    ExpectRead(Chunk(kGammaSettingsChunkV0, Raw(Bytes(data.begin(), data.begin() + cut))), false,
-               floats > 0 ? 0.5f : 3.0f, floats > 1 ? 0.6f : 4.0f, floats > 2 ? 0.7f : 5.0f);
+  for (const Case& c : cases) {
+    ZELMemoryStream stream(Write(c.chunk));
+    GammaSettings settings = Make(3.0f, 4.0f, 5.0f);
+    ZELReadChunk chunk;
+    ASSERT_TRUE(chunk.InitChunk(&stream)) << c.what;
+    EXPECT_EQ(settings.Read(&stream, chunk), c.ok) << c.what << " " << &c - cases.data();
+    EXPECT_EQ(Gammas(settings), c.gammas) << c.what << " " << &c - cases.data();
   }
 }
 

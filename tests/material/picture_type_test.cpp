@@ -27,8 +27,7 @@ TEST(PictureType, NamesAndClassificationsOverEveryValueInAndAroundTheRange) {
   std::vector<int> values = {INT_MIN, INT_MAX};
   for (int value = -3; value <= 30; ++value)
     values.push_back(value);
-  const std::set<int> readAsColour = {-1, 0, 3, 6, 16, 20, 21};
-  const std::set<int> withColourSpace = {0, 3, 16, 20};
+  const std::set<int> readAsColour = {-1, 0, 3, 6, 16, 20, 21}, withColourSpace = {0, 3, 16, 20};
   std::set<std::string> logNames;
   std::set<std::wstring> displayNames;
   for (int value : values) {
@@ -36,13 +35,12 @@ TEST(PictureType, NamesAndClassificationsOverEveryValueInAndAroundTheRange) {
     const bool outside = value < 0 || value > PT_Data;
     EXPECT_EQ(GetIOMFromPType(type), readAsColour.count(value) ? IOM_Color : IOM_Grayscale) << value;
     EXPECT_EQ(CanHaveColorspace(type), outside || withColourSpace.count(value) != 0) << value;
-    if (outside) {
-      EXPECT_STREQ(GetLogName(type), "PT_UNDEFINED") << value;
-      EXPECT_EQ(GetName(type), GetString(STR_Undefined)) << value;
-    } else {
-      EXPECT_TRUE(logNames.insert(GetLogName(type)).second) << value;
-      EXPECT_TRUE(displayNames.insert(GetName(type).wstr()).second) << value;
-    }
+    // Names outside the range are those of the undefined type; inside they are all distinct.
+    EXPECT_TRUE(
+        outside
+            ? GetLogName(type) == std::string("PT_UNDEFINED") && GetName(type) == GetString(STR_Undefined)
+            : logNames.insert(GetLogName(type)).second && displayNames.insert(GetName(type).wstr()).second)
+        << value;
   }
   EXPECT_STREQ(GetLogName(PT_ClearcoatNormalMap), "PT_ClearcoatNormalMap");
   EXPECT_EQ(GetName(PT_SpecularColor), GetString(STR_HighlightColorChannel));
@@ -63,8 +61,8 @@ TEST(PictureType, PresentationOrderSortsTheMiddleByDisplayName) {
 }
 
 // Read from the settings store directly: the library would answer a missing or blank key's default.
-ZELString Stored(const std::string& channel) {
-  return xml::GetPropertyRef(("filetags/" + channel).c_str(), "kor", L"");
+ZELString Stored(const ZELString& channel) {
+  return xml::GetPropertyRef(("filetags/" + channel.ToUTF8()).c_str(), "kor", L"");
 }
 
 TEST(FileTagKeys, AreRegisteredWithTheirExactDefaultsWhenTheLibraryLoads) {
@@ -73,12 +71,12 @@ TEST(FileTagKeys, AreRegisteredWithTheirExactDefaultsWhenTheLibraryLoads) {
       L"ClearcoatContribution ClearcoatIOR ClearcoatRoughness ClearcoatTint ClearcoatNormal ClearcoatFlatten "
       L"Reflection Roughness Terrain Transparency Luminous GlowIntensity";
   for (const ZELString& name : names.TokenizeMe(L' ', 0, false))
-    EXPECT_EQ(Stored(name.ToUTF8()).Left(2), ZELString(L" _")) << name;
-  EXPECT_EQ(Stored("Color"),
+    EXPECT_EQ(Stored(name).Left(2), ZELString(L" _")) << name;
+  EXPECT_EQ(Stored(L"Color"),
             ZELString(L" _Color _Albedo _COL _ALPHAMASKED _diffuse _color _albedo _Diffuse"));
-  EXPECT_EQ(Stored("Displacement"),
+  EXPECT_EQ(Stored(L"Displacement"),
             ZELString(L" _Displacement _DISP _DISP16 _d _height _Height _displacement"));
-  EXPECT_EQ(Stored("ClearcoatTint"), ZELString(L" _ClearcoatColor"));
+  EXPECT_EQ(Stored(L"ClearcoatTint"), ZELString(L" _ClearcoatColor"));
   EXPECT_TRUE(xml::GetPropertyRef("filetags/Enabled", "kor", false));
   EXPECT_FALSE(xml::GetPropertyRef("filetags/PreserveMappings", "kor", true));
 }
@@ -92,30 +90,13 @@ class FileTags : public ::testing::Test {
     fs::remove_all(folder_);
   }
   ZELString In(const std::string& name) const { return ZELString::FromUTF8((folder_ / name).string()); }
-  ZELString Find(const std::string& name, EPictureType target) const {
-    return FindChannelPath(ZELPath(In(name)), target).GetString();
-  }
 
   fs::path folder_ = fs::temp_directory_path() / ("imagery_filetags_" + std::to_string(getpid()));
 };
 
-TEST_F(FileTags, SettingsWithoutTagsFallBackToTheDefaults) {
-  SetFileTagProperty(PT_Color, L"   ");
-  for (EPictureType type : {PT_UNDEFINED, PT_Data}) {
-    SetFileTagProperty(type, L"_Data");  // ignored: these have no key
-    EXPECT_EQ(ChannelFileSuffix(type), ZELString(L"_map")) << type;
-  }
-  EXPECT_EQ(ChannelFileSuffix(PT_Color), ZELString(L"_Color")) << "blank tags fall back to the default";
-  EXPECT_TRUE(GetFileTagDefault(static_cast<EPictureType>(24)).IsEmpty());
-  SetFileTagProperty(PT_Color, L"  _Base _Col ");
-  EXPECT_EQ(ChannelFileSuffix(PT_Color), ZELString(L"_Base"));
-  SetFileTagProperty(PT_Specular, L"_Gloss");
-  EXPECT_EQ(ChannelFileSuffix(PT_SpecularColor), ZELString(L"_Gloss")) << "the two share one key";
-}
-
-TEST_F(FileTags, TheFirstChannelInValueOrderRecognisesAName) {
+TEST_F(FileTags, SettingsWithoutTagsFallBackToTheDefaultsAndTheFirstChannelInValueOrderRecognisesAName) {
   // clang-format off
-  const std::vector<std::pair<const wchar_t*, int>> cases = {
+  const std::pair<const wchar_t*, int> cases[] = {
       {L"/m/brick_Color.png", PT_Color}, {L"_Color.png", PT_Color}, {L"x_ALPHAMASKED.png", PT_Color},
       {L"brick_color_2k.jpg", PT_Color}, {L"wall_NRM16.tif", PT_NormalMap}, {L"shiny_Specular.png", PT_Specular},
       {L"c_ClearcoatFlatten.png", PT_ClearcoatFlatten}, {L"coat_ClearcoatColor.png", PT_ClearcoatTint},
@@ -123,10 +104,20 @@ TEST_F(FileTags, TheFirstChannelInValueOrderRecognisesAName) {
   // clang-format on
   for (const auto& [name, type] : cases)
     EXPECT_EQ(GetTypeFromFileTags(ZELPath(name)), type) << ZELString(name);
+  SetFileTagProperty(PT_Color, L"   ");
+  SetFileTagProperty(PT_Data, L"_Data");  // ignored: these have no key
+  EXPECT_TRUE(ChannelFileSuffix(PT_UNDEFINED) == ZELString(L"_map") &&
+              ChannelFileSuffix(PT_Data) == ZELString(L"_map"));
+  EXPECT_EQ(ChannelFileSuffix(PT_Color), ZELString(L"_Color")) << "blank tags fall back to the default";
+  EXPECT_TRUE(GetFileTagDefault(static_cast<EPictureType>(24)).IsEmpty());
+  SetFileTagProperty(PT_Color, L"  _Base _Col ");
+  SetFileTagProperty(PT_Specular, L"_Gloss");
   SetFileTagProperty(PT_Bump, L"_height");
+  EXPECT_EQ(ChannelFileSuffix(PT_Color), ZELString(L"_Base"));
+  EXPECT_EQ(ChannelFileSuffix(PT_SpecularColor), ZELString(L"_Gloss")) << "the two share one key";
   EXPECT_EQ(GetTypeFromFileTags(ZELPath(L"dune_height.png")), PT_Bump) << "bump precedes displacement";
   xml::SetProperty("filetags/Enabled", false, "kor");
-  EXPECT_EQ(GetTypeFromFileTags(ZELPath(L"brick_Color.png")), PT_UNDEFINED);
+  EXPECT_EQ(GetTypeFromFileTags(ZELPath(L"brick_Base.png")), PT_UNDEFINED);
 }
 
 TEST_F(FileTags, ChannelFilesAreSearchedTagByTagThenExtensionByExtension) {
@@ -137,22 +128,23 @@ TEST_F(FileTags, ChannelFilesAreSearchedTagByTagThenExtensionByExtension) {
   // The first tag wins over an earlier extension; variants share the plain material's files, the
   // variant's own file coming first unless a plain one has an earlier extension; "_VAR" without a number
   // is no variant. The tag is replaced where it stood, and a name without one gets the target's appended.
-  const std::vector<std::tuple<const char*, EPictureType, const char*>> cases = {
-      {"brick_Color.png", PT_NormalMap, "brick_Normal.png"},
-      {"rock_VAR17_Color.jpg", PT_NormalMap, "rock_Normal.png"},
-      {"rock_VAR2_Color.png", PT_NormalMap, "rock_VAR2_Normal.png"},
-      {"rock_VAR3_Color.png", PT_NormalMap, "rock_Normal.png"},
-      {"rock_VAR_Color.png", PT_NormalMap, nullptr},
-      {"wall_Color_2k.png", PT_Roughness, "wall_Roughness_2k.tga"},
-      {"wall.bmp", PT_Displacement, "wall_Displacement.jpg"},
-      {"brick_Color.png", PT_Data, nullptr},
+  // clang-format off
+  const std::tuple<const char*, EPictureType, const char*> cases[] = {
+      {"brick_Color.png", PT_NormalMap, "brick_Normal.png"}, {"rock_VAR17_Color.jpg", PT_NormalMap, "rock_Normal.png"},
+      {"rock_VAR2_Color.png", PT_NormalMap, "rock_VAR2_Normal.png"}, {"rock_VAR3_Color.png", PT_NormalMap, "rock_Normal.png"},
+      {"rock_VAR_Color.png", PT_NormalMap, nullptr}, {"wall_Color_2k.png", PT_Roughness, "wall_Roughness_2k.tga"},
+      {"wall.bmp", PT_Displacement, "wall_Displacement.jpg"}, {"brick_Color.png", PT_Data, nullptr},
       {"brick_Color.png", PT_UNDEFINED, nullptr}};
+  // clang-format on
+  auto find = [this](const char* name, EPictureType target) {
+    return FindChannelPath(ZELPath(In(name)), target).GetString();
+  };
   for (const auto& [source, target, found] : cases)
-    EXPECT_EQ(Find(source, target), found ? In(found) : ZELString()) << source << " " << target;
+    EXPECT_EQ(find(source, target), found ? In(found) : ZELString()) << source << " " << target;
   fs::remove(folder_ / "brick_Normal.png");
-  EXPECT_EQ(Find("brick_Color.png", PT_NormalMap), In("brick_NRM.exr"));
+  EXPECT_EQ(find("brick_Color.png", PT_NormalMap), In("brick_NRM.exr"));
   xml::SetProperty("filetags/Enabled", false, "kor");
-  EXPECT_TRUE(Find("brick_Color.png", PT_NormalMap).IsEmpty());
+  EXPECT_TRUE(find("brick_Color.png", PT_NormalMap).IsEmpty());
 }
 
 }  // namespace
