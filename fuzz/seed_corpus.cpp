@@ -30,7 +30,7 @@ int main(int argc, char** argv) {
     for (int y = 0; y < 2; ++y)
       for (int x = 0; x < 3; ++x)
         image.SetPixelRGBA(x, y, {0.1f * x, 0.3f * y, 0.7f, 0.5f}, ATO_None);
-    image.SetPtype(PT_Normal);
+    image.SetPtype(PT_NormalMap);
     image.SetTitle(L"seed");
     image.MirrorX();
     image.SetExposure(0.25f);
