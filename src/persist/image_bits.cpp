@@ -145,13 +145,13 @@ static bool AdoptBits(Image& image, ZELStream* stream, const BitsHeader& header,
   return true;
 }
 
-bool Image::ReadImageBitsV1(ZELStream* stream) {
+static bool ReadBitsChunkV1(Image& image, ZELStream* stream) {
   ZELReadChunk chunk;
   if (!chunk.InitChunk(stream) || chunk.GetID() != kBitsChunk)
     return false;
   BitsHeader header;
   // Kept aside rather than set on the current implementation, which other handles may share.
-  ZELString title = impl_->Title();
+  ZELString title = image.Title();
   while (chunk.HasMoreData()) {
     ZELReadChunk sub;
     if (!sub.InitChunk(stream))
@@ -199,7 +199,7 @@ bool Image::ReadImageBitsV1(ZELStream* stream) {
         const EImageType format = FormatOfBits(header.type, header.bytesPerPixel);
         if (format == IT_UNDEFINED)
           return Fail(stream, "IMGRD1176");
-        if (!AdoptBits(*this, stream, header, format, &title))
+        if (!AdoptBits(image, stream, header, format, &title))
           return false;
         break;
       }
@@ -208,6 +208,17 @@ bool Image::ReadImageBitsV1(ZELStream* stream) {
     }
   }
   return true;
+}
+
+// A chunk may carry its bits more than once; a failure after one was taken puts the handle back on the
+// implementation it had before the chunk.
+bool Image::ReadImageBitsV1(ZELStream* stream) {
+  const Image before(*this);
+  if (ReadBitsChunkV1(*this, stream))
+    return true;
+  if (GetImpl() != before.GetImpl())
+    Assign(before);
+  return false;
 }
 
 bool Image::ReadImageBitsV0(ZELStream* stream) {

@@ -302,6 +302,9 @@ TEST(ImageStream, EveryDamagedBitsChunkFailsWithItsTagAndTheHandleKeepsItsPixels
       {"IMGRD1295", [](OldChunkWriter& w) { Header(w, IT_RGB8, 1, 1, 4, 7), Rows(w, 4); }},
       {"IMGRD1176", [](OldChunkWriter& w) { Header(w, IT_RGBA8, 1, 1, 4, 24), Rows(w, 4); }},
       {"IMGRD1176", [](OldChunkWriter& w) { Header(w, IT_Grayscale8, 1, 1, 4, 16), Rows(w, 4); }},
+      // Bits already taken do not stay when the chunk fails afterwards.
+      {"IMGRD1271",
+       [](OldChunkWriter& w) { Header(w, IT_RGB8, 1, 1, 4, 24), Rows(w, 4), Header(w, 12, 1, 1, 4, 24); }},
   };
   for (const Case& c : v1) {
     SCOPED_TRACE(c.tag);
