@@ -51,6 +51,9 @@ case "${1:-}" in
     run_tests build
     ;;
   bench)
+    # OpenCV is the benchmarks' optional peer; the build and the tests never need it.
+    packages=(libopencv-dev)
+    install_missing_packages
     build build-bench -DIMAGERY_BUILD_BENCHMARKS=ON -DIMAGERY_BUILD_TESTS=OFF
     ./build-bench/bench/imagery_bench "${@:2}"
     ;;
