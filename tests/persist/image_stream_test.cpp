@@ -100,24 +100,28 @@ bool ReadInto(Image& image, const Bytes& bytes, std::string* tag = nullptr,
   return read;
 }
 
-// Picture files of these tests: a text line "width height grey", always read as IT_RGB8; the reader asks
-// the image list first, as a host's reader does.
+// Picture files of these tests: a text line "width height grey [format]", read as IT_RGB8 of that grey
+// when no format is given, else as a gradient in that format; the reader asks the image list first, as a
+// host's reader does.
 std::atomic<int> g_fileReads{0};
 zel::ErrorCode ReadTextPicture(Image* image, const ZELPath& path, EImageType, int*,
                                const ReadOptions& options) {
-  if (!options.bypassReaderCache &&
-      ImageList::Instance().Load(image, path, IT_RGB8, AutoScaleGrayScale(false)))
-    return zel::ErrorCode();
   std::ifstream in(path.local_string());
-  int width = 0, height = 0;
+  int width = 0, height = 0, format = -1;
   float grey = 0;
   if (!(in >> width >> height >> grey) || width < 1 || height < 1)
     return zel::ErrorCode::Io("not a test picture");
+  const bool gradient = static_cast<bool>(in >> format) && format >= 0 && format < IT_UNDEFINED;
+  const EImageType type = gradient ? static_cast<EImageType>(format) : IT_RGB8;
+  if (!options.bypassReaderCache && ImageList::Instance().Load(image, path, type, AutoScaleGrayScale(false)))
+    return zel::ErrorCode();
   ++g_fileReads;
-  Image loaded(width, height, IT_RGB8, gamma::sRGB);
+  Image loaded(width, height, type, gamma::sRGB);
   for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x)
-      loaded.SetPixelRGB(x, y, {grey, grey, grey}, ATO_None);
+    for (int x = 0; x < width; ++x) {
+      const float v = gradient ? grey + 0.09f * static_cast<float>(x) + 0.05f * static_cast<float>(y) : grey;
+      loaded.SetPixelRGBA(x, y, {v, 1.0f - v, 0.5f * v, 1.0f - 0.5f * v}, ATO_None);
+    }
   loaded.SetFilePath(path);
   loaded.UpdateLastModif();
   *image = loaded;
@@ -430,6 +434,52 @@ TEST_F(ReferencedImages, ReadBackThroughTheImageListAtTheStoredSizeAndSurviveMis
   two.SetError(zel::ErrorCode());
   EXPECT_TRUE(second.Read(&two, IT_UNDEFINED));
   EXPECT_EQ(second.Width(), 2);
+}
+
+TEST_F(ReferencedImages, EveryFormatIsReadAgainFromItsFileWithWhatTheHandleCarried) {
+  for (EImageType type : kAllFormats) {
+    SCOPED_TRACE(type);
+    const ZELPath path = File("f" + std::to_string(type) + ".txt", "7 5 0.1 " + std::to_string(type));
+    Bytes full, fullPixels, reduced, reducedPixels;
+    ImageTransformations transformations;
+    boost::property_tree::ptree attributes;
+    {
+      Image loaded;
+      int extra = 0;
+      ASSERT_TRUE(loaded.ReadFromSource(path, IT_UNDEFINED, extra, ReadOptions()).IsOk());
+      ASSERT_EQ(loaded.ImageType(), type);
+      loaded.SetPtype(PT_Roughness);
+      loaded.SetTitle(L"bark");
+      loaded.SetRotationAngle(180.0f);
+      loaded.MirrorX();
+      loaded.ExtraAttributes().put("layer", 3);
+      full = Written(loaded, false);
+      fullPixels = PlaneBytes(loaded);
+      transformations = loaded.GetTransformations();
+      attributes = loaded.ExtraAttributes();
+      // Reduced the way a reader reduces it again, so the pixels must match.
+      ResampleOpts inPlace;
+      inPlace.implManagement = IM_InPlace;
+      inPlace.whiteMargin = inPlace.keepAspectRatio = true;
+      Resample(loaded, 4, 3, inPlace);
+      reduced = Written(loaded, false);
+      reducedPixels = PlaneBytes(loaded);
+    }
+    ASSERT_FALSE(fullPixels.empty());
+    for (const bool downSampled : {false, true}) {
+      const int reads = g_fileReads;
+      Image back;
+      ASSERT_TRUE(ReadInto(back, downSampled ? reduced : full));
+      EXPECT_EQ(g_fileReads, reads + 1) << "nothing of the file stayed loaded, so it is read again";
+      EXPECT_EQ(back.ImageType(), type);
+      EXPECT_EQ(back.Width(), downSampled ? 4 : 7);
+      EXPECT_EQ(PlaneBytes(back), downSampled ? reducedPixels : fullPixels);
+      EXPECT_EQ(back.GetTransformations(), transformations);
+      EXPECT_EQ(back.GetPtype(), PT_Roughness);
+      EXPECT_EQ(back.ExtraAttributes(), attributes);
+      EXPECT_EQ(back.Title(), L"bark");
+    }
+  }
 }
 
 TEST_F(ReferencedImages, GreyRequestsAndTheLogLines) {
