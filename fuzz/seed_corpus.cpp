@@ -1,13 +1,17 @@
-// Writes the seed corpus of the image fuzzers: valid image chunks of every format, incorporated and
-// referenced, with transformations, picture type, title and attributes, each prefixed by the fuzzers'
-// option byte (little-endian, current version). Run from the repository root:
+// Writes the seed corpus of the fuzzers: valid image chunks of every format, incorporated and referenced,
+// with transformations, picture type, title and attributes; gamma settings and colour chunks; a saved
+// settings file. Stream inputs are prefixed by the fuzzers' option byte (little-endian, current
+// version). Run from the repository root:
 //   ./build-fuzz/fuzz/imagery_fuzz_seeds fuzz/corpus
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
+#include "imagery/colour_spaces.h"
+#include "imagery/gamma_settings.h"
 #include "imagery/image.h"
+#include "imagery_host/settings.h"
 #include "imagery_host/stream.h"
 
 namespace {
@@ -48,5 +52,27 @@ int main(int argc, char** argv) {
   ZELMemoryStream chunk;
   referenced.Write(&chunk, false, false);
   Save(root / "image_read", "referenced", chunk.Bytes());
+  Save(root / "stream", "image_chunk", chunk.Bytes());
+
+  GammaSettings settings;
+  ZELMemoryStream v0, v1, colour, hls;
+  settings.WriteV0(&v0, true);
+  settings.WriteV1(&v1);
+  Write(LinearRGB_T<float>(0.25f, 0.5f, 0.75f), &colour);
+  HLSCLR(0.1f, 0.2f, 0.3f).Write(&hls);
+  Save(root / "chunk_readers", "gamma_v0", v0.Bytes());
+  Save(root / "chunk_readers", "gamma_v1", v1.Bytes());
+  Save(root / "chunk_readers", "colour", colour.Bytes());
+  Save(root / "chunk_readers", "hls", hls.Bytes());
+  Save(root / "stream", "gamma_v1", v1.Bytes());
+
+  // The settings loader reads whole files, without the option byte.
+  namespace xml = ::config::xml;
+  xml::Clear();
+  xml::SetProperty("gamma.input8", 2.2f, "imagery");
+  xml::SetProperty("gamma.enabled", true, "imagery");
+  xml::SetProperty("folder", L"C:\\textures \u00e9t\u00e9", "host");
+  std::filesystem::create_directories(root / "settings");
+  xml::SaveToFile(ZELPath(ZELString::FromUTF8((root / "settings" / "saved.xml").string())));
   return 0;
 }
