@@ -5,6 +5,8 @@
 #   ./run.sh bench    the benchmarks
 #   ./run.sh asan     the test suites under AddressSanitizer and UndefinedBehaviorSanitizer
 #   ./run.sh tsan     the test suites under ThreadSanitizer
+#   ./run.sh fuzz [seconds]   every libFuzzer target from its checked-in corpus (clang; 60 s each)
+# IMAGERY_PLAIN_RUN=0 skips the second run of the suites with the plain kernels.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -35,9 +37,37 @@ build() {
 # by its plain twin (IMAGERY_CPU=scalar); the packaging check needs only the first run.
 run_tests() {
   local dir=$1
-  ctest --test-dir "$dir" --output-on-failure -j"$(nproc)"
-  echo "Again with the plain kernels (IMAGERY_CPU=scalar):"
-  IMAGERY_CPU=scalar ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" -E install_and_consume
+  local status=0
+  ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" || status=1
+  if [ "${IMAGERY_PLAIN_RUN:-1}" != 0 ]; then
+    echo "Again with the plain kernels (IMAGERY_CPU=scalar):"
+    IMAGERY_CPU=scalar ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" -E install_and_consume || status=1
+  fi
+  return $status
+}
+
+# Each target writes what it finds into a scratch copy, so the checked-in corpus changes only by hand.
+run_fuzzers() {
+  local seconds=$1 status=0
+  local scratch
+  scratch=$(mktemp -d)
+  for target in build-fuzz/fuzz/*_fuzz; do
+    local name
+    name=$(basename "$target" _fuzz)
+    mkdir -p "$scratch/$name" "$scratch/artifacts"
+    echo "Fuzzing $name for ${seconds}s"
+    if "$target" "$scratch/$name" "fuzz/corpus/$name" -max_total_time="$seconds" -max_len=4096 \
+         -rss_limit_mb=2048 -timeout=10 -close_fd_mask=2 -print_final_stats=1 \
+         -artifact_prefix="$scratch/artifacts/" >"$scratch/$name.log" 2>&1; then
+      grep -E "^(Done|stat::number_of_executed_units)" "$scratch/$name.log" || true
+    else
+      status=1
+      tail -n 60 "$scratch/$name.log"
+      echo "FUZZ FAILURE in $name; inputs kept in $scratch/artifacts"
+    fi
+  done
+  [ $status -eq 0 ] && rm -rf "$scratch"
+  return $status
 }
 
 install_missing_packages
@@ -65,8 +95,15 @@ case "${1:-}" in
     build build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIMAGERY_SANITIZE_THREAD=ON
     run_tests build-tsan
     ;;
+  fuzz)
+    packages=(clang libclang-rt-dev)
+    install_missing_packages
+    CC=clang CXX=clang++ build build-fuzz -DIMAGERY_BUILD_FUZZERS=ON -DIMAGERY_BUILD_TESTS=OFF \
+      -DIMAGERY_BUILD_EXAMPLES=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo
+    run_fuzzers "${2:-60}"
+    ;;
   *)
-    echo "usage: $0 demo|test|bench|asan|tsan" >&2
+    echo "usage: $0 demo|test|bench|asan|tsan|fuzz" >&2
     exit 2
     ;;
 esac

@@ -105,13 +105,15 @@ class IMAGERY_API Image {
   void ShareImpl(ImageImpl* impl);
   // Gives the handle a new zero-filled implementation (same size, format and gamma) carrying over the old
   // one's path, title and other properties. `keeper`, when it shares this implementation, keeps the old
-  // one alive meanwhile; otherwise a temporary copy does.
+  // one alive meanwhile; otherwise a temporary copy does. With a keeper the caller is writing the new
+  // pixels from the old ones: the image list finds the new implementation only once the caller has
+  // called ImageImpl::PixelsWritten.
   void NewImplFromExisting(Image* keeper);
   // The given size, not clamped.
   void NewImplFromExisting(int width, int height, CareAboutIncorporation care, Image* keeper);
   void NewImplFromExisting(EImageType type, GammaValue gamma, CareAboutIncorporation care, Image* keeper);
   // With NewPixels::Unset the new pixels are left as the allocator gives them, for callers that write
-  // every byte of level 0, row padding included, before anyone reads it.
+  // every byte of level 0, row padding included, before anyone reads it (and then PixelsWritten).
   void NewImplFromExisting(EImageType type, GammaValue gamma, CareAboutIncorporation care, Image* keeper,
                            NewPixels pixels);
   void OwnNewImplBeforeCallingCommonCopy(ImageImpl* newImpl, CareAboutIncorporation care, Image* keeper);

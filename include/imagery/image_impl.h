@@ -39,10 +39,14 @@ enum CareAboutIncorporation : int {
   CAI_Care = 1,
 };
 
-// Whether a new implementation's pixels start zero-filled (black, alpha 0, padding 0) or as the
-// allocator gives them, for a caller about to write every byte of level 0, row padding included, before
-// anyone reads it.
-enum class NewPixels : unsigned char { Zeroed, Unset };
+// How a new implementation's pixels start, and when the image list can find it:
+// - Zeroed: zero-filled (black, alpha 0, padding 0), findable at once;
+// - Unset: as the allocator gives them, for a writer about to write every byte of level 0, row padding
+//   included, before anyone reads it;
+// - ZeroedForWriter: zero-filled, for a writer that fills some of it.
+// Unset and ZeroedForWriter implementations stay out of the image list until their writer calls
+// ImageImpl::PixelsWritten, so that no other thread's lookup is handed pixels still being written.
+enum class NewPixels : unsigned char { Zeroed, Unset, ZeroedForWriter };
 
 // The record shared by every version of one image.
 class IMAGERY_API SharedProperties {
@@ -107,6 +111,10 @@ class IMAGERY_API ImageImpl {
   virtual bool Write(ZELStream* stream) const;
   // The destructor unregisters the implementation and releases the shared record and the next version.
   virtual ~ImageImpl();
+
+  // Ends the writing of an implementation made with NewPixels::Unset: from now on the image list can
+  // find it. Does nothing for any other implementation.
+  void PixelsWritten();
 
   ImageImpl* AddRef() {
     references_.fetch_add(1, std::memory_order_relaxed);
@@ -244,6 +252,10 @@ class IMAGERY_API ImageImpl {
   EPictureType pictureType_ = PT_UNDEFINED;
   ZELString title_;
   ImageList* list_;
+  // Set from construction with NewPixels::Unset until PixelsWritten, with whether the implementation
+  // is to be registered then; only the writing thread sees them.
+  bool awaitingPixels_ = false;
+  bool registerWhenWritten_ = false;
 };
 
 }  // namespace imagery

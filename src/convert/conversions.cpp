@@ -51,6 +51,7 @@ void ConvertImage(Image& image, EImageType type, GammaValue gamma, CareAboutInco
     std::memset(row + written, 0, static_cast<std::size_t>(lineBytes - written));
   };
   ProcessPixelsT<ConstRawAccess, RawAccess>(image, *source, perRow, InParallel(true), 0, -1);
+  image.GetImplRef().PixelsWritten();
 }
 
 // The grey range the grey conversions stretch to [0, 1].

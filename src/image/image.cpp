@@ -93,26 +93,33 @@ void Image::OwnNewImplBeforeCallingCommonCopy(ImageImpl* newImpl, CareAboutIncor
   old->CommonCopyTo(newImpl, care);
 }
 
+// An operation that keeps the old pixels alive is about to write the new ones from them.
+static NewPixels ZeroedPixelsFor(const Image* keeper) {
+  return keeper != nullptr ? NewPixels::ZeroedForWriter : NewPixels::Zeroed;
+}
+
 void Image::NewImplFromExisting(Image* keeper) {
-  ImageImpl* created = impl_->GetFactory()->CreateImpl(
-      std::max(1, impl_->Width()), std::max(1, impl_->Height()), impl_->ImageType(), impl_->GetGamma());
+  ImageImpl* created =
+      impl_->GetFactory()->CreateImpl(std::max(1, impl_->Width()), std::max(1, impl_->Height()),
+                                      impl_->ImageType(), impl_->GetGamma(), ZeroedPixelsFor(keeper));
   OwnNewImplBeforeCallingCommonCopy(created, CAI_Care, keeper);
 }
 
 void Image::NewImplFromExisting(int width, int height, CareAboutIncorporation care, Image* keeper) {
-  ImageImpl* created = impl_->GetFactory()->CreateImpl(width, height, impl_->ImageType(), impl_->GetGamma());
+  ImageImpl* created = impl_->GetFactory()->CreateImpl(width, height, impl_->ImageType(), impl_->GetGamma(),
+                                                       ZeroedPixelsFor(keeper));
   OwnNewImplBeforeCallingCommonCopy(created, care, keeper);
 }
 
 void Image::NewImplFromExisting(EImageType type, GammaValue gamma, CareAboutIncorporation care,
                                 Image* keeper) {
-  NewImplFromExisting(type, gamma, care, keeper, NewPixels::Zeroed);
+  NewImplFromExisting(type, gamma, care, keeper, ZeroedPixelsFor(keeper));
 }
 
 void Image::NewImplFromExisting(EImageType type, GammaValue gamma, CareAboutIncorporation care, Image* keeper,
                                 NewPixels pixels) {
-  ImageImpl* created = impl_->GetFactory()->CreateImpl(std::max(1, impl_->Width()), std::max(1, impl_->Height()),
-                                                       type, gamma, pixels);
+  ImageImpl* created = impl_->GetFactory()->CreateImpl(std::max(1, impl_->Width()),
+                                                       std::max(1, impl_->Height()), type, gamma, pixels);
   OwnNewImplBeforeCallingCommonCopy(created, care, keeper);
 }
 

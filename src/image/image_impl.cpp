@@ -56,10 +56,23 @@ ImageImpl::ImageImpl(int width, int height, EImageType type, GammaValue gamma, S
     shared_->DecRef();
     throw;
   }
-  if ((width > 1 || height > 1) && list_ != nullptr)
-    list_->AddImpl(this);
-  if (pixels == NewPixels::Zeroed)
+  if (pixels != NewPixels::Unset)
     plane_.Zero();
+  if (pixels == NewPixels::Zeroed) {
+    if ((width > 1 || height > 1) && list_ != nullptr)
+      list_->AddImpl(this);
+  } else {
+    awaitingPixels_ = true;
+    registerWhenWritten_ = width > 1 || height > 1;
+  }
+}
+
+void ImageImpl::PixelsWritten() {
+  if (!awaitingPixels_)
+    return;
+  awaitingPixels_ = false;
+  if (registerWhenWritten_ && list_ != nullptr)
+    list_->AddImpl(this);
 }
 
 ImageImpl::ImageImpl(int width, int height, EImageType type, GammaValue gamma, ImageList* list,
@@ -132,8 +145,12 @@ void ImageImpl::SetFilePath(const ZELPath& path) {
     filePath_ = path;
   } else {
     // A 1 x 1 implementation is left out of the image list until it stands for a file.
-    if (filePath_.empty() && plane_.Width() == 1 && plane_.Height() == 1 && list_ != nullptr)
-      list_->AddImpl(this);
+    if (filePath_.empty() && plane_.Width() == 1 && plane_.Height() == 1 && list_ != nullptr) {
+      if (awaitingPixels_)
+        registerWhenWritten_ = true;
+      else
+        list_->AddImpl(this);
+    }
     ZELPath candidate = path;
     MakeAbsolutePath(candidate, nullptr);
     std::error_code error;

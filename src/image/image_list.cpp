@@ -247,10 +247,13 @@ bool ImageList::Load(Image* image, const ZELPath& path, EImageType requested,
       return false;
   }
   chosen = chosen->LastImpl();
-  if (!chosen->IsUpToDate() || chosen->References() == 0)
+  // An implementation whose last reference is being dropped on another thread is about to unregister
+  // and die; only a reference taken while it still has others may be handed out.
+  if (!chosen->IsUpToDate() || !chosen->TryAddRef())
     return false;
   if (image->GetImpl() != chosen)
     image->MergeImpl(chosen);
+  chosen->RemoveRef();
 
   if (IsGrayscale(requested)) {
     ToGrayscaleUsingBitDepth(*image, requested, image->GetGamma(),

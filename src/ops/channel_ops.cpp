@@ -111,6 +111,7 @@ void DiscardAlphaInformation(Image& image, CheckInImageList checkInList, CareAbo
         copyRow(src.Pointer(), dst.Pointer(), extent.width);
       };
   ProcessPixelsT<ConstRawAccess, RawAccess>(image, *source, perRow, InParallel(true), 0, -1);
+  image.GetImplRef().PixelsWritten();
   source.reset();
   image.SetInvertedAlpha(false);
   if (pictureType != PT_UNDEFINED)
@@ -157,6 +158,7 @@ bool ExtractAlphaInformation(Image& image, CheckInImageList, InvertGrayRange inv
     };
     ProcessPixelsT<Src, Dst>(image, *source, perRow, InParallel(false), 0, -1);
   });
+  image.GetImplRef().PixelsWritten();
   image.SetPtype(PT_Alpha);
   return true;
 }
@@ -183,6 +185,7 @@ void InvertAlpha(Image& image, ImplManagement management) {
     };
     ProcessPixelsT<Src, Dst>(image, *source, perRow, InParallel(false), 0, -1);
   });
+  image.GetImplRef().PixelsWritten();
 }
 
 void RGBToBGR(Image& image, ImplManagement management) {
@@ -213,6 +216,7 @@ void RGBToBGR(Image& image, ImplManagement management) {
         }
       };
   ProcessPixelsT<ConstRawAccess, RawAccess>(image, *source, perRow, InParallel(false), 0, -1);
+  image.GetImplRef().PixelsWritten();
 }
 
 void InvertColorNoGamma(Image& image, ImplManagement management) {
@@ -225,35 +229,35 @@ void InvertColorNoGamma(Image& image, ImplManagement management) {
     constexpr EImageType T = decltype(t)::value;
     using Src = ConstTypedPixelAccess<T, PixelConversion::NoGamma>;
     using Dst = TypedPixelAccess<T, PixelConversion::NoGamma>;
-    const std::function<void(Src&, Dst&, int)> perRow =
-        [extent, rowBytes](Src& src, Dst& dst, int y) {
-          if (y >= extent.rows)
-            return;
-          src.MoveTo(0, y);
-          dst.MoveTo(0, y);
-          // A new implementation starts as a copy of the row, so that alpha and the bytes pixel access
-          // does not write come across.
-          if (dst.Pointer() != src.Pointer() && rowBytes != 0)
-            std::memcpy(dst.Pointer(), src.Pointer(), rowBytes);
-          for (int x = 0; x < extent.width; ++x, src.Next(), dst.Next()) {
-            if constexpr (IsGrayscale(T)) {
-              float grey = 0.0f;
-              src.GetPixelGrayscale(grey);
-              dst.SetPixelGrayscale(1.0f - grey);
-            } else if constexpr (HasAlpha(T)) {
-              // Rewriting the alpha read keeps it: a shared-exponent colour write would make it opaque.
-              LinearRGBA_T<float> c;
-              src.GetPixelRGBA(c);
-              dst.SetPixelRGBA(LinearRGB_T<float>(1.0f - c.r, 1.0f - c.g, 1.0f - c.b), c.a);
-            } else if constexpr (T != IT_UNDEFINED) {
-              LinearRGB_T<float> c;
-              src.GetPixelRGB(c);
-              dst.SetPixelRGB(LinearRGB_T<float>(1.0f - c.r, 1.0f - c.g, 1.0f - c.b));
-            }
-          }
-        };
+    const std::function<void(Src&, Dst&, int)> perRow = [extent, rowBytes](Src& src, Dst& dst, int y) {
+      if (y >= extent.rows)
+        return;
+      src.MoveTo(0, y);
+      dst.MoveTo(0, y);
+      // A new implementation starts as a copy of the row, so that alpha and the bytes pixel access
+      // does not write come across.
+      if (dst.Pointer() != src.Pointer() && rowBytes != 0)
+        std::memcpy(dst.Pointer(), src.Pointer(), rowBytes);
+      for (int x = 0; x < extent.width; ++x, src.Next(), dst.Next()) {
+        if constexpr (IsGrayscale(T)) {
+          float grey = 0.0f;
+          src.GetPixelGrayscale(grey);
+          dst.SetPixelGrayscale(1.0f - grey);
+        } else if constexpr (HasAlpha(T)) {
+          // Rewriting the alpha read keeps it: a shared-exponent colour write would make it opaque.
+          LinearRGBA_T<float> c;
+          src.GetPixelRGBA(c);
+          dst.SetPixelRGBA(LinearRGB_T<float>(1.0f - c.r, 1.0f - c.g, 1.0f - c.b), c.a);
+        } else if constexpr (T != IT_UNDEFINED) {
+          LinearRGB_T<float> c;
+          src.GetPixelRGB(c);
+          dst.SetPixelRGB(LinearRGB_T<float>(1.0f - c.r, 1.0f - c.g, 1.0f - c.b));
+        }
+      }
+    };
     ProcessPixelsT<Src, Dst>(image, *source, perRow, InParallel(false), 0, -1);
   });
+  image.GetImplRef().PixelsWritten();
 }
 
 bool IsGrayscale(const Image& image, float tolerance) {

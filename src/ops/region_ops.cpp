@@ -127,6 +127,7 @@ void ReframeImage(Image& image, glm::tvec2<int> origin, glm::tvec2<unsigned long
   ProcessPixelsT<ConstRawAccess, RawAccess>(image, *source, perRow, InParallel(true),
                                             static_cast<int>(firstRow - origin.y),
                                             static_cast<int>(endRow - origin.y));
+  image.GetImplRef().PixelsWritten();
 }
 
 void drawLine(Image& image, zel::TPoint2<float> from, zel::TPoint2<float> to,

@@ -140,6 +140,7 @@ static bool AdoptBits(Image& image, ZELStream* stream, const BitsHeader& header,
     impl.SetTitle(*title);
   if (!impl.ReadMemory(stream))
     return false;
+  impl.PixelsWritten();
   built->SetSameTransformationAs(image);
   image.Assign(*built);
   return true;

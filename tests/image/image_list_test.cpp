@@ -4,10 +4,13 @@
 
 #include <atomic>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
 
+#include "imagery/channel_ops.h"
+#include "imagery/conversions.h"
 #include "imagery/image.h"
 #include "imagery/image_factory.h"
 #include "imagery/image_list.h"
@@ -214,6 +217,40 @@ TEST_F(ImageListFiles, LoadSharesAnUpToDateRegisteredVersionButNoPlaceholderOrWo
   original.Reset();
   EXPECT_FALSE(Load(none, tiny, IT_RGB8) || Load(none, worked, IT_RGB8));
   EXPECT_TRUE(none.IsEmpty());
+}
+
+// Another thread's lookup must never be handed a version whose pixels are still being written.
+TEST_F(ImageListFiles, AVersionIsFoundOnlyOnceItsWriterHasFinishedIt) {
+  const ZELPath path = folder_.Write("leaf.txt", "4 3 0.5 0.5");
+  const Image original = Read(path, IT_RGBA8);
+  for (const NewPixels pixels : {NewPixels::Unset, NewPixels::ZeroedForWriter}) {
+    Image converting(original), other;
+    const std::unique_ptr<Image> keeper(converting.ShallowCopy());
+    converting.NewImplFromExisting(IT_RGBA32f, gamma::Linear, CAI_Care, keeper.get(), pixels);
+    EXPECT_FALSE(list_.Contains(converting.GetImpl()));
+    EXPECT_FALSE(Load(other, path, IT_RGBA32f));
+    converting.GetImplRef().PixelsWritten();
+    EXPECT_TRUE(Load(other, path, IT_RGBA32f) && other.GetImpl() == converting.GetImpl());
+  }
+  // Every operation that writes a new version finishes it.
+  const std::vector<std::function<void(Image&)>> operations = {
+      [](Image& i) { ToRGB16(i, gamma::Linear, AlphaConversionOptions()); },
+      [](Image& i) { DiscardAlphaInformation(i, CheckInImageList(false), CAI_Care); },
+      [](Image& i) { InvertAlpha(i, IM_NewImpl); },
+      [](Image& i) { RGBToBGR(i, IM_NewImpl); },
+      [](Image& i) { InvertColorNoGamma(i, IM_NewImpl); },
+      [](Image& i) {
+        CropImage(i, {1, 1}, {2, 2});
+      },
+      [](Image& i) { i.NewImplFromExisting(nullptr); },
+  };
+  for (std::size_t i = 0; i < operations.size(); ++i) {
+    SCOPED_TRACE(i);
+    Image changed(original);
+    operations[i](changed);
+    EXPECT_NE(changed.GetImpl(), original.GetImpl());
+    EXPECT_TRUE(list_.Contains(changed.GetImpl()));
+  }
 }
 
 TEST_F(ImageListFiles, LoadFallsBackToAnotherFormatAndConvertsIt) {
