@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "imagery/export.h"
@@ -134,20 +135,22 @@ class IMAGERY_API ImageImpl {
 
   // Versions. NextImpl(n) hangs n behind this implementation (n then shares this one's SharedProperties
   // and is held by it) and releases the previous next version; n may be null.
-  ImageImpl* NextImpl() { return next_; }
-  const ImageImpl* NextImpl() const { return next_; }
+  ImageImpl* NextImpl() { return next_.load(std::memory_order_acquire); }
+  const ImageImpl* NextImpl() const { return next_.load(std::memory_order_acquire); }
   void NextImpl(ImageImpl* next);
   // The end of the chain, looking at no more than kMaxChainLength implementations; a longer chain (or a
   // loop) answers this implementation.
   ImageImpl* LastImpl();
   const ImageImpl* LastImpl() const;
-  bool IsMostRecentVersion() const { return next_ == nullptr; }
+  bool IsMostRecentVersion() const { return next_.load(std::memory_order_acquire) == nullptr; }
   static constexpr int kMaxChainLength = 99999;
 
   // File. Relative paths are resolved against the current directory when the file is found there.
   const ZELPath& FilePath() const { return filePath_; }
   void SetFilePath(const ZELPath& path);
-  void SetLastModif(std::int64_t time) { lastModif_ = time; }
+  // The path, its other locations and the modification time are what the image list looks up: they
+  // change under its lock, so that another thread's lookup never reads them half-written.
+  void SetLastModif(std::int64_t time);
   std::int64_t LastModif() const { return lastModif_; }
   void UpdateLastModif();
   // A file found missing once stays missing (and up to date) without touching the file system again.
@@ -156,7 +159,7 @@ class IMAGERY_API ImageImpl {
   bool IImplTestFileExists(const ZELPath& path) const;
   // The last known existence of the file, without looking.
   bool FileExistsFlag() const { return fileExists_; }
-  void AddOriginalLocation(const ZELPath& path) { originalLocations_.push_back(path); }
+  void AddOriginalLocation(const ZELPath& path);
   const std::vector<ZELPath>& OriginalLocations() const { return originalLocations_; }
 
   // Flags of the shared record: they apply to every version of the image at once.
@@ -235,12 +238,15 @@ class IMAGERY_API ImageImpl {
 
  private:
   std::int64_t FileLastModif(const ZELPath& path) const;
+  std::unique_lock<std::recursive_timed_mutex> LockKeys() const;
 
   SharedProperties* shared_;
   ZELPath filePath_;
   std::int64_t lastModif_ = 0;
   std::atomic<int> references_{0};
-  ImageImpl* next_ = nullptr;
+  // Linked and unlinked under the image list's lock, which walks along the chain also hold; atomic so
+  // that a version can be asked whether it is the newest without it.
+  std::atomic<ImageImpl*> next_{nullptr};
   std::vector<ZELPath> originalLocations_;
   PixelPlane plane_;
   MipMaps mipMaps_;

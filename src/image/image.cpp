@@ -6,6 +6,7 @@
 
 #include "imagery/gamma_settings.h"
 #include "imagery/image_factory.h"
+#include "imagery/image_list.h"
 #include "imagery_host/logger.h"
 
 namespace imagery {
@@ -135,6 +136,8 @@ void Image::MakeUniqueIfFactoryDefault() {
 }
 
 bool Image::UpdateImage() {
+  // The newest version must not be unlinked and die between finding it and taking a reference on it.
+  ImageList::Lock lock(impl_->GetFactory()->GetImageList()->GetMutex());
   ImageImpl* last = impl_->LastImpl();
   if (last == impl_)
     return false;

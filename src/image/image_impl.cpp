@@ -87,13 +87,11 @@ ImageImpl::~ImageImpl() {
   shared_->DecRef();
   // Versions that only this one holds die with it. They are taken off the chain one by one, so that a
   // long chain does not nest one destructor call per version.
-  ImageImpl* next = next_;
-  next_ = nullptr;
+  ImageImpl* next = next_.exchange(nullptr, std::memory_order_acq_rel);
   while (next != nullptr) {
     if (next->references_.fetch_sub(1, std::memory_order_acq_rel) != 1)
       break;
-    ImageImpl* after = next->next_;
-    next->next_ = nullptr;
+    ImageImpl* after = next->next_.exchange(nullptr, std::memory_order_acq_rel);
     delete next;
     next = after;
   }
@@ -112,7 +110,8 @@ bool ImageImpl::RemoveRef() {
 }
 
 void ImageImpl::NextImpl(ImageImpl* next) {
-  ImageImpl* previous = next_;
+  ImageList::Lock lock(GetFactory()->GetImageList()->GetMutex());
+  ImageImpl* previous = next_.load(std::memory_order_relaxed);
   if (next != nullptr) {
     if (next->shared_ != shared_) {
       shared_->IncRef();
@@ -121,48 +120,69 @@ void ImageImpl::NextImpl(ImageImpl* next) {
     }
     next->AddRef();
   }
-  next_ = next;
+  next_.store(next, std::memory_order_release);
   if (previous != nullptr)
     previous->RemoveRef();
 }
 
 const ImageImpl* ImageImpl::LastImpl() const {
+  // A version unlinked meanwhile could die under the walk.
+  ImageList::Lock lock(GetFactory()->GetImageList()->GetMutex());
   const ImageImpl* current = this;
   for (int seen = 1; seen < kMaxChainLength; ++seen) {
-    if (current->next_ == nullptr)
+    const ImageImpl* next = current->next_.load(std::memory_order_acquire);
+    if (next == nullptr)
       return current;
-    current = current->next_;
+    current = next;
   }
-  return current->next_ == nullptr ? current : this;
+  return current->IsMostRecentVersion() ? current : this;
 }
 
 ImageImpl* ImageImpl::LastImpl() {
   return const_cast<ImageImpl*>(std::as_const(*this).LastImpl());
 }
 
+ImageList::Lock ImageImpl::LockKeys() const {
+  return ImageList::Lock(GetFactory()->GetImageList()->GetMutex());
+}
+
 void ImageImpl::SetFilePath(const ZELPath& path) {
-  if (path.empty() || path.is_absolute()) {
-    filePath_ = path;
-  } else {
+  ZELPath resolved = path;
+  if (!path.empty() && !path.is_absolute()) {
+    ZELPath candidate = path;
+    MakeAbsolutePath(candidate, nullptr);
+    std::error_code error;
+    if (TestStrippedFileExists(candidate, error) && !error) {
+      resolved = candidate;
+    } else {
+      const ZELPath inCurrentDirectory = ZELGetCurrentDirectory() / path;
+      error.clear();
+      resolved = inCurrentDirectory.exists(error) && !error ? inCurrentDirectory : path;
+    }
+  }
+  {
+    const ImageList::Lock lock = LockKeys();
     // A 1 x 1 implementation is left out of the image list until it stands for a file.
-    if (filePath_.empty() && plane_.Width() == 1 && plane_.Height() == 1 && list_ != nullptr) {
+    if (!path.empty() && !path.is_absolute() && filePath_.empty() && plane_.Width() == 1 &&
+        plane_.Height() == 1 && list_ != nullptr) {
       if (awaitingPixels_)
         registerWhenWritten_ = true;
       else
         list_->AddImpl(this);
     }
-    ZELPath candidate = path;
-    MakeAbsolutePath(candidate, nullptr);
-    std::error_code error;
-    if (TestStrippedFileExists(candidate, error) && !error) {
-      filePath_ = candidate;
-    } else {
-      const ZELPath inCurrentDirectory = ZELGetCurrentDirectory() / path;
-      error.clear();
-      filePath_ = inCurrentDirectory.exists(error) && !error ? inCurrentDirectory : path;
-    }
+    filePath_ = resolved;
   }
   zel::CheckAssetPathSanity(filePath_, true);
+}
+
+void ImageImpl::SetLastModif(std::int64_t time) {
+  const ImageList::Lock lock = LockKeys();
+  lastModif_ = time;
+}
+
+void ImageImpl::AddOriginalLocation(const ZELPath& path) {
+  const ImageList::Lock lock = LockKeys();
+  originalLocations_.push_back(path);
 }
 
 std::int64_t ImageImpl::FileLastModif(const ZELPath& path) const {
@@ -173,7 +193,7 @@ std::int64_t ImageImpl::FileLastModif(const ZELPath& path) const {
 }
 
 void ImageImpl::UpdateLastModif() {
-  lastModif_ = FileLastModif(zel::Sanitize(filePath_));
+  SetLastModif(FileLastModif(zel::Sanitize(filePath_)));
 }
 
 bool ImageImpl::IImplTestFileExists(const ZELPath& path) const {
@@ -332,7 +352,7 @@ void ImageImpl::CommonCopyTo(ImageImpl* destination, CareAboutIncorporation) con
   if (pictureType_ != PT_UNDEFINED)
     destination->pictureType_ = pictureType_;
   destination->SetFilePath(filePath_);
-  destination->lastModif_ = lastModif_;
+  destination->SetLastModif(lastModif_);
   destination->Synchronized(Synchronized());
   destination->firstReadCheckSum_ = firstReadCheckSum_;
   destination->title_ = title_;
