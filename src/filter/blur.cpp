@@ -266,10 +266,11 @@ void ColumnsConstant(const LinearCodec<T>& codec, const PixelPlane& source, Pixe
   }
 }
 
-// Columns per band of the vertical box: wide enough that each row visit reads whole cache lines and
-// pages, and at least a task's worth of pixels.
-int ColumnsPerTask(int height) {
-  return std::max(256, kPixelsPerTask / std::max(height, 1));
+// Columns per band of the vertical box. Each band walks every row, so a band must be wide enough for
+// the prefetcher to stream each row's piece (narrow bands cost twice the time on 4096-wide floats), and
+// a few bands are enough to keep the pool busy.
+int ColumnsPerTask(int width) {
+  return std::clamp(width / 4, 256, 1024);
 }
 
 // Rows per band of the general vertical kernel: a band decodes taps - 1 rows more than it writes.
@@ -286,9 +287,10 @@ void BlurPass(const PixelPlane& source, PixelPlane& target, const MonoDimBlurKer
   PixelPlane* to = &target;
   const MonoDimBlurKernel* k = &kernel;
   if (kernel.IsConstant() && !kernel.IsHorizontal()) {
-    ProcessPixelTasks(
+    const PixelTaskList tasks = MakePixelTasks(
         height, width, [=](int first, int end) { ColumnsConstant<T>(*c, *from, *to, *k, first, end); },
-        ColumnsPerTask(height));
+        [width](int) { return ColumnsPerTask(width); });
+    tools::ProcessAndWaitTasks(tasks, true);
     return;
   }
   if (kernel.IsConstant()) {
