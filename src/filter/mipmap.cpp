@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "filter/resample_adapters.h"
 #include "imagery/image_impl.h"
 #include "imagery/pixel_access.h"
 #include "imagery/resample.h"
@@ -183,6 +184,118 @@ void MipMapLoopCombined(const PixelPlane& from, PixelPlane& to, const AlphaLevel
   });
 }
 
+// The standard loop for colour formats, a row at a time with the same values as MipMapLoopCombined:
+// the four footprint pixels of a destination row are decoded into planar runs (even and odd columns of
+// both source rows), so that each pixel's sums, still added in footprint order, are computed for many
+// pixels at once; gamma-encoded 8-bit rows are then encoded by the row encoder.
+template <class Access, EImageType T>
+class StandardRowsRGBA {
+ public:
+  StandardRowsRGBA(const PixelPlane& from, PixelPlane& to)
+      : from_(from),
+        to_(to),
+        source_(from, 0, 0),
+        destination_(to, 0, 0),
+        rowWriter_(to, true),
+        width_(to.Width()),
+        runs_(static_cast<std::size_t>(width_) * 16),
+        out_(static_cast<std::size_t>(width_)) {}
+
+  void Run() {
+    const int lastRow = from_.Height() - 1;
+    for (int y = 0; y < to_.Height(); ++y) {
+      Decode(2 * y, 0);
+      Decode(std::min(2 * y + 1, lastRow), 2);
+      Combine();
+      Write(y);
+    }
+  }
+
+ private:
+  // Channel c (r, g, b, a) of footprint pixel i (p00, p10, p01, p11).
+  float* Run(int i, int c) { return runs_.data() + static_cast<std::size_t>(width_) * (4 * i + c); }
+
+  // Source row `row` into footprint pixels `first` (even columns) and first + 1 (odd columns).
+  void Decode(int row, int first) {
+    const int lastColumn = from_.Width() - 1;
+    LinearRGB_T<float> c;
+    float a = 1.0f;
+    for (int x = 0; x < width_; ++x) {
+      for (int k = 0; k < 2; ++k) {
+        source_.MoveTo(std::min(2 * x + k, lastColumn), row);
+        source_.GetPixelRGB(c);
+        source_.GetPixelAlpha(a);
+        const std::size_t i = static_cast<std::size_t>(x);
+        Run(first + k, 0)[i] = c.r;
+        Run(first + k, 1)[i] = c.g;
+        Run(first + k, 2)[i] = c.b;
+        Run(first + k, 3)[i] = a;
+      }
+    }
+  }
+
+  void Combine() {
+    SumAlphas(Run(0, 3), Run(1, 3), Run(2, 3), Run(3, 3), sums_.data(), inverses_.data(), width_);
+    float LinearRGB_T<float>::*const channels[3] = {&LinearRGB_T<float>::r, &LinearRGB_T<float>::g,
+                                                    &LinearRGB_T<float>::b};
+    for (int c = 0; c < 3; ++c) {
+      float* result = mixed_.data() + static_cast<std::size_t>(width_) * c;
+      MixChannel(Run(0, 3), Run(1, 3), Run(2, 3), Run(3, 3), Run(0, c), Run(1, c), Run(2, c), Run(3, c),
+                 sums_.data(), inverses_.data(), result, width_);
+      for (int x = 0; x < width_; ++x)
+        out_[static_cast<std::size_t>(x)].*channels[c] = result[x];
+    }
+    for (int x = 0; x < width_; ++x)
+      out_[static_cast<std::size_t>(x)].a = sums_[static_cast<std::size_t>(x)] * 0.25f;
+  }
+
+  // Separate runs that the compiler may take several pixels at a time.
+  static void SumAlphas(const float* __restrict a0, const float* __restrict a1, const float* __restrict a2,
+                        const float* __restrict a3, float* __restrict sums, float* __restrict inverses,
+                        int n) {
+    for (int x = 0; x < n; ++x) {
+      sums[x] = ((a0[x] + a1[x]) + a2[x]) + a3[x];
+      inverses[x] = 1.0f / sums[x];
+    }
+  }
+  static void MixChannel(const float* __restrict a0, const float* __restrict a1, const float* __restrict a2,
+                         const float* __restrict a3, const float* __restrict c0, const float* __restrict c1,
+                         const float* __restrict c2, const float* __restrict c3, const float* __restrict sums,
+                         const float* __restrict inverses, float* __restrict result, int n) {
+    for (int x = 0; x < n; ++x) {
+      const float weighted =
+          (((a0[x] * c0[x] + a1[x] * c1[x]) + a2[x] * c2[x]) + a3[x] * c3[x]) * inverses[x];
+      const float mean = (((c0[x] + c1[x]) + c2[x]) + c3[x]) * 0.25f;
+      result[x] = sums[x] <= 0.0f ? mean : weighted;
+    }
+  }
+
+  void Write(int y) {
+    if constexpr (Access::kConversion == PixelConversion::Gamma) {
+      rowWriter_.WriteRow(to_, ResamplingHelpers::Position(0, static_cast<unsigned long>(y)), out_.data(),
+                          out_.size());
+    } else {
+      destination_.MoveTo(0, y);
+      for (const LinearRGBA_T<float>& c : out_) {
+        destination_.SetPixelRGBA(c, c.a);
+        destination_.Next();
+      }
+    }
+  }
+
+  const PixelPlane& from_;
+  PixelPlane& to_;
+  ConstTypedPixelAccess<T, Access::kConversion> source_;
+  TypedPixelAccess<T, Access::kConversion> destination_;
+  ResamplingHelpers::detail::TypedAccess<T> rowWriter_;
+  int width_;
+  std::vector<float> runs_;
+  std::vector<float> mixed_ = std::vector<float>(static_cast<std::size_t>(width_) * 3);
+  std::vector<float> sums_ = std::vector<float>(static_cast<std::size_t>(width_));
+  std::vector<float> inverses_ = std::vector<float>(static_cast<std::size_t>(width_));
+  std::vector<LinearRGBA_T<float>> out_;
+};
+
 template <class Access, EImageType T>
 void MipMapLoopNeareastGrayscale(const PixelPlane& from, PixelPlane& to) {
   LoopDataGrayscale<Access, T> data(from, to);
@@ -321,7 +434,7 @@ void ComputeOwnLevel(MipMapMethod method, const PixelPlane& from, PixelPlane& to
   if constexpr (kGrey)
     MipMapLoopStandardGrayscale<Access, T>(from, to);
   else
-    MipMapLoopCombined<Access, T, LoopDataRGBA<Access, T>>(from, to);
+    StandardRowsRGBA<Access, T>(from, to).Run();
 }
 
 // An opacity map's no-gamma chain, by the grey form of `method`.
