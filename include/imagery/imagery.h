@@ -19,6 +19,7 @@
 #include "imagery_host/zel_path.h"
 #include "imagery_host/zel_string.h"
 
+#include "imagery/blur.h"
 #include "imagery/channel_ops.h"
 #include "imagery/color.h"
 #include "imagery/colour_spaces.h"
@@ -30,6 +31,7 @@
 #include "imagery/image_factory.h"
 #include "imagery/image_impl.h"
 #include "imagery/image_list.h"
+#include "imagery/mipmap.h"
 #include "imagery/image_stream.h"
 #include "imagery/normal_encoding.h"
 #include "imagery/picture_type.h"

@@ -1,0 +1,421 @@
+// Mip-map chains: every format, method and chain against a plain chain written from the arithmetic
+// (footprints, alpha weights, the min-or-max rule, the error diffusion), opacity maps of the same and of
+// another size, the known small cases, which chain is filled when, and the alpha coverage that the sharp
+// methods keep on foliage.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "imagery/mipmap.h"
+#include "imagery/resample.h"
+#include "support/random_image.h"
+
+namespace imagery {
+namespace {
+
+using namespace testing_support;
+using M = MipMapMethod;
+
+constexpr M kMethods[] = {M::Standard, M::SharpAlphaNearest, M::SharpAlphaFixedThreshold,
+                          M::SharpAlphaDither};
+
+struct Px {
+  LinearRGB_T<float> c;
+  float a = 1.0f;
+  float g = 0.0f;
+};
+
+Px Read(const PixelPlane& plane, int x, int y, bool gammaPath) {
+  Px p;
+  if (gammaPath) {
+    const ConstPixelAccess cursor(plane, x, y);
+    cursor.GetPixelRGB(p.c);
+    cursor.GetPixelGrayscale(p.g);
+    cursor.GetPixelAlpha(p.a);
+  } else {
+    const ConstPixelAccessNoGamma cursor(plane, x, y);
+    cursor.GetPixelRGB(p.c);
+    cursor.GetPixelGrayscale(p.g);
+    cursor.GetPixelAlpha(p.a);
+  }
+  return p;
+}
+
+template <class F>
+void Write(PixelPlane& plane, int x, int y, bool gammaPath, F f) {
+  if (gammaPath) {
+    PixelAccess cursor(plane, x, y);
+    f(cursor);
+  } else {
+    PixelAccessNoGamma cursor(plane, x, y);
+    f(cursor);
+  }
+}
+
+float Sharp(const float* v, float candidate) {
+  const float low = std::min(std::min(std::min(v[0], v[1]), v[2]), v[3]);
+  const float high = std::max(std::max(std::max(v[0], v[1]), v[2]), v[3]);
+  return candidate < (low + high) * 0.5f ? low : high;
+}
+
+// One level of the plain chain. `alphaLevel`, when given, supplies the alphas (its grey without gamma);
+// `greyOnly` computes an opacity map's grey chain.
+void ReferenceLevel(const PixelPlane& from, PixelPlane& to, bool gammaPath, M method,
+                    const PixelPlane* alphaLevel, bool greyOnly) {
+  const int sw = from.Width(), sh = from.Height(), dw = to.Width(), dh = to.Height();
+  const EImageType type = from.Type();
+  const bool grey = IsGrayscale(type);
+  std::vector<LinearRGBA_T<float>> error(static_cast<std::size_t>((dw + 2) * (dh + 1)));
+  const auto e = [&](int x, int y) -> LinearRGBA_T<float>& {
+    return error[static_cast<std::size_t>(y * (dw + 2) + x)];
+  };
+  for (int y = 0; y < dh; ++y) {
+    for (int x = 0; x < dw; ++x) {
+      const bool clamp = sw < 2 || sh < 2;
+      const int xs[2] = {2 * x, clamp ? std::min(2 * x + 1, sw - 1) : 2 * x + 1};
+      const int ys[2] = {2 * y, clamp ? std::min(2 * y + 1, sh - 1) : 2 * y + 1};
+      Px p[4];
+      float a[4], g[4];
+      for (int i = 0; i < 4; ++i) {
+        p[i] = Read(from, xs[i & 1], ys[i >> 1], gammaPath);
+        if (alphaLevel != nullptr)
+          p[i].a = Read(*alphaLevel, xs[i & 1], ys[i >> 1], false).g;
+        a[i] = greyOnly ? p[i].g : p[i].a;
+        g[i] = p[i].g;
+      }
+      const float s = ((a[0] + a[1]) + a[2]) + a[3];
+      LinearRGB_T<float> weighted;
+      float LinearRGB_T<float>::*channels[3] = {&LinearRGB_T<float>::r, &LinearRGB_T<float>::g,
+                                                &LinearRGB_T<float>::b};
+      for (auto ch : channels) {
+        weighted.*ch =
+            s <= 0.0f ? (((p[0].c.*ch + p[1].c.*ch) + p[2].c.*ch) + p[3].c.*ch) * 0.25f
+                      : (((a[0] * p[0].c.*ch + a[1] * p[1].c.*ch) + a[2] * p[2].c.*ch) + a[3] * p[3].c.*ch) *
+                            (1.0f / s);
+      }
+      const float mean = s * 0.25f;
+      const bool sharpens = greyOnly || HasAlpha(type);
+      LinearRGB_T<float> colour = weighted;
+      float alpha = mean;
+      if (method == M::SharpAlphaNearest) {
+        colour = p[0].c;
+        alpha = a[0];
+      } else if (alphaLevel == nullptr && sharpens && method == M::SharpAlphaFixedThreshold) {
+        alpha = Sharp(a, mean);
+      } else if (alphaLevel == nullptr && sharpens && method == M::SharpAlphaDither) {
+        const LinearRGBA_T<float> carried = e(x + 1, y);
+        colour = {weighted.r + carried.r, weighted.g + carried.g, weighted.b + carried.b};
+        alpha = Sharp(a, mean + carried.a);
+        const LinearRGBA_T<float> err(weighted.r - colour.r, weighted.g - colour.g, weighted.b - colour.b,
+                                      mean - alpha);
+        const std::pair<LinearRGBA_T<float>*, float> targets[] = {{&e(x + 2, y), 0.4375f},
+                                                                  {&e(x, y + 1), 0.1875f},
+                                                                  {&e(x + 1, y + 1), 0.3125f},
+                                                                  {&e(x + 2, y + 1), 0.0625f}};
+        for (const auto& [t, w] : targets)
+          *t = {t->r + err.r * w, t->g + err.g * w, t->b + err.b * w, t->a + err.a * w};
+      }
+      Write(to, x, y, gammaPath, [&](auto& cursor) {
+        if (greyOnly)
+          cursor.SetPixelGrayscale(alpha);
+        else if (grey && alphaLevel == nullptr)
+          cursor.SetPixelGrayscale(method == M::SharpAlphaNearest ? g[0]
+                                                                  : (((g[0] + g[1]) + g[2]) + g[3]) * 0.25f);
+        else if (grey)
+          cursor.SetPixelGrayscale(colour.r);
+        else
+          cursor.SetPixelRGBA(colour, alpha);
+      });
+    }
+  }
+}
+
+// The plain chain of `image` as separate planes, level 1 first.
+std::vector<Image> ReferenceChain(const Image& image, bool gammaPath, M method, const Image* alphaChainOwner,
+                                  const std::vector<Image>* alphaChain, bool greyOnly = false) {
+  std::vector<Image> levels;
+  int w = image.Width(), h = image.Height();
+  const GammaValue gamma = gammaPath ? image.GetGamma() : gamma::Linear;
+  while (w > 1 || h > 1) {
+    w = std::max(1, w / 2);
+    h = std::max(1, h / 2);
+    levels.emplace_back(w, h, image.ImageType(), gamma);
+    const std::size_t l = levels.size() - 1;
+    const PixelPlane& from = l == 0 ? image.GetImplRef().Plane() : levels[l - 1].GetImplRef().Plane();
+    const PixelPlane* alpha = nullptr;
+    if (alphaChain != nullptr)
+      alpha = l == 0 ? &alphaChainOwner->GetImplRef().Plane() : &(*alphaChain)[l - 1].GetImplRef().Plane();
+    ReferenceLevel(from, levels.back().GetImplRef().Plane(), gammaPath, method, alpha, greyOnly);
+  }
+  return levels;
+}
+
+// The bytes a level's writes define (RG-encoded pixels leave their blue and fourth bytes alone).
+Bytes PixelBytes(const PixelPlane& plane) {
+  Bytes bytes;
+  for (int y = 0; y < plane.Height(); ++y) {
+    for (int x = 0; x < plane.Width(); ++x) {
+      for (int b = 0; b < plane.BytesPerPixel(); ++b) {
+        if (!IsRGEncoded(plane.Type()) || b == 1 || b == 2)
+          bytes.push_back(plane.PixelAddress(x, y)[b]);
+      }
+    }
+  }
+  return bytes;
+}
+
+const std::vector<PixelPlane>& Chain(const Image& image, bool gammaPath) {
+  const ImageImpl::MipMaps& mips = image.GetImplRef().GetMipMaps();
+  return gammaPath ? mips.gammaLevels : mips.noGammaLevels;
+}
+
+void ExpectChain(const Image& image, bool gammaPath, const std::vector<Image>& expected, const char* what) {
+  const std::vector<PixelPlane>& levels = Chain(image, gammaPath);
+  ASSERT_EQ(levels.size(), expected.size()) << what;
+  for (std::size_t l = 0; l < levels.size(); ++l)
+    EXPECT_EQ(PixelBytes(levels[l]), PixelBytes(expected[l].GetImplRef().Plane()))
+        << what << ", level " << l + 1;
+}
+
+struct Shape {
+  int width, height;
+};
+
+TEST(MipMapTest, EveryFormatMethodAndChainMatchesThePlainChain) {
+  const Shape shapes[] = {{7, 5}, {1, 8}, {8, 1}, {5, 3}, {16, 9}};
+  unsigned seed = 100;
+  for (const EImageType type : kAllFormats) {
+    for (const M method : kMethods) {
+      for (const bool gammaCorrect : {false, true}) {
+        for (const Shape& shape : shapes) {
+          const GammaValue gamma = !IsGammaEncoded(type) ? gamma::Linear
+                                   : seed % 2            ? gamma::sRGB
+                                                         : GammaValue(2.2f);
+          Image image = RandomImage(type, shape.width, shape.height, gamma, seed++);
+          ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(gammaCorrect), method);
+          const bool gammaPath = UsesGammaMipMaps(image, GammaCorrectFlag(gammaCorrect));
+          ExpectChain(
+              image, gammaPath, ReferenceChain(image, gammaPath, method, nullptr, nullptr),
+              ("format " + std::to_string(type) + " method " + std::to_string(static_cast<int>(method)) +
+               " " + std::to_string(shape.width) + "x" + std::to_string(shape.height))
+                  .c_str());
+        }
+      }
+    }
+  }
+}
+
+TEST(MipMapTest, OpacityMapsOfTheSameAndOfAnotherSize) {
+  unsigned seed = 500;
+  for (const M method : kMethods) {
+    for (const EImageType type : {IT_RGB8, IT_RGBA16, IT_Grayscale8, IT_RGBA32f}) {
+      for (const Shape alphaShape : {Shape{12, 10}, Shape{5, 7}}) {
+        for (const EImageType alphaType : {IT_Grayscale8, IT_RGB16}) {
+          Image image = RandomImage(type, 12, 10, IsGammaEncoded(type) ? gamma::sRGB : gamma::Linear, seed++);
+          Image opacity = RandomImage(alphaType, alphaShape.width, alphaShape.height, gamma::sRGB, seed++);
+          const std::unique_ptr<Image> expectedOpacity(opacity.DeepCopy());
+          const bool resized = alphaShape.width != 12;
+          if (resized) {
+            ResampleOpts options;
+            options.careAboutIncorporation = CAI_Care;
+            Resample(*expectedOpacity, 12, 10, options);
+          }
+          ComputeMipMapCombined(image, &opacity, GammaCorrectFlag(true), method);
+
+          const std::vector<Image> alphaChain =
+              ReferenceChain(*expectedOpacity, false, method, nullptr, nullptr, true);
+          const bool gammaPath = UsesGammaMipMaps(image, GammaCorrectFlag(true));
+          const std::string what = "method " + std::to_string(static_cast<int>(method)) + " format " +
+                                   std::to_string(type) + (resized ? " resized" : " same size");
+          ExpectChain(image, gammaPath,
+                      ReferenceChain(image, gammaPath, method, expectedOpacity.get(), &alphaChain),
+                      what.c_str());
+          // The opacity map's own chain is left computed.
+          ASSERT_TRUE(opacity.ValidMipMapsNoGamma()) << what;
+          ExpectChain(opacity, false,
+                      resized ? ReferenceChain(opacity, false, method, nullptr, nullptr, true) : alphaChain,
+                      what.c_str());
+        }
+      }
+    }
+  }
+  // An opacity map sharing the image's pixels is no opacity map.
+  Image image = RandomImage(IT_RGBA8, 9, 6, gamma::sRGB, 7);
+  Image same = image;
+  ComputeMipMapCombined(image, &same, GammaCorrectFlag(true), M::SharpAlphaFixedThreshold);
+  ExpectChain(image, true, ReferenceChain(image, true, M::SharpAlphaFixedThreshold, nullptr, nullptr),
+              "shared");
+}
+
+// A linear RGBA32f image from colour and alpha per pixel, through the no-gamma chain.
+template <class F>
+Image FloatImage(int w, int h, F pixel) {
+  Image image(w, h, IT_RGBA32f, gamma::Linear);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      image.SetPixelRGBA(x, y, pixel(x, y), ATO_None);
+  return image;
+}
+
+LinearRGBA_T<float> Level(const Image& image, int level, int x, int y) {
+  LinearRGBA_T<float> c;
+  image.GetPixelRGBANoGammaConversion(x, y, c, ATO_None, level);
+  return c;
+}
+
+TEST(MipMapTest, KnownSmallCases) {
+  // 5 x 3: column 4 and row 2 are never used; level 2 pairs the 2 x 1 level's row with itself.
+  Image odd = FloatImage(5, 3, [](int x, int y) {
+    const float v = x == 4 || y == 2 ? 1000.0f : static_cast<float>(x + 10 * y);
+    return LinearRGBA_T<float>(v, v, v, 1.0f);
+  });
+  ComputeMipMapCombined(odd, nullptr, GammaCorrectFlag(false), M::Standard);
+  EXPECT_EQ(odd.Width(1), 2);
+  EXPECT_EQ(Level(odd, 1, 0, 0).r, 5.5f);
+  EXPECT_EQ(Level(odd, 1, 1, 0).r, 7.5f);
+  EXPECT_EQ(Level(odd, 2, 0, 0).r, 6.5f);
+
+  // 1 x 8: the single column pairs with itself, rows pair up.
+  Image column = FloatImage(1, 8, [](int, int y) { return LinearRGBA_T<float>(y, y, y, 1.0f); });
+  ComputeMipMapCombined(column, nullptr, GammaCorrectFlag(false), M::Standard);
+  for (int j = 0; j < 4; ++j)
+    EXPECT_EQ(Level(column, 1, 0, j).g, 2.0f * j + 0.5f);
+
+  // Standard: the opaque pixel's colour with a quarter of its alpha; all transparent, the plain mean.
+  Image weighted = FloatImage(4, 2, [](int x, int y) {
+    const bool opaque = x == 1 && y == 1;
+    return LinearRGBA_T<float>(x + 0.25f, 0.5f, y, opaque ? 1.0f : 0.0f);
+  });
+  ComputeMipMapCombined(weighted, nullptr, GammaCorrectFlag(false), M::Standard);
+  EXPECT_EQ(Level(weighted, 1, 0, 0), LinearRGBA_T<float>(1.25f, 0.5f, 1.0f, 0.25f));
+  EXPECT_EQ(Level(weighted, 1, 1, 0), LinearRGBA_T<float>(2.75f, 0.5f, 0.5f, 0.0f));
+
+  // The threshold keeps the smallest alpha unless the mean reaches the middle.
+  const float alphas[3][4] = {{0, 0, 0, 1}, {0, 1, 1, 1}, {0.2f, 0.4f, 0.6f, 0.8f}};
+  const float expected[3] = {0.0f, 1.0f, 0.8f};
+  for (int k = 0; k < 3; ++k) {
+    Image image =
+        FloatImage(2, 2, [&](int x, int y) { return LinearRGBA_T<float>(1, 1, 1, alphas[k][x + 2 * y]); });
+    ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(false), M::SharpAlphaFixedThreshold);
+    EXPECT_EQ(Level(image, 1, 0, 0).a, expected[k]) << k;
+  }
+
+  // A one-pixel checkerboard of alpha dithers to alphas of 0 or 1, alternating along the first row.
+  Image checker =
+      FloatImage(16, 8, [](int x, int y) { return LinearRGBA_T<float>(0.5f, 0.5f, 0.5f, (x + y) % 2); });
+  ComputeMipMapCombined(checker, nullptr, GammaCorrectFlag(false), M::SharpAlphaDither);
+  for (int y = 0; y < 4; ++y) {
+    for (int x = 0; x < 8; ++x) {
+      const float a = Level(checker, 1, x, y).a;
+      EXPECT_TRUE(a == 0.0f || a == 1.0f) << x << "," << y;
+      if (y == 0) {
+        EXPECT_EQ(a, x % 2 == 0 ? 1.0f : 0.0f) << x;
+      }
+    }
+  }
+}
+
+TEST(MipMapTest, WhichChainIsFilledAndWhen) {
+  // Gamma within 0.0001 of 1: the linear chain even when gamma-correct filtering is asked.
+  Image nearlyLinear = RandomImage(IT_RGB8, 8, 4, GammaValue(1.00005f), 1);
+  ComputeMipMapCombined(nearlyLinear, nullptr, GammaCorrectFlag(true), M::Standard);
+  EXPECT_TRUE(nearlyLinear.ValidMipMapsNoGamma());
+  EXPECT_FALSE(nearlyLinear.ValidMipMapsGamma());
+
+  Image srgb = RandomImage(IT_RGBA8, 8, 4, gamma::sRGB, 2);
+  ComputeMipMapCombined(srgb, nullptr, GammaCorrectFlag(false), M::Standard);
+  EXPECT_FALSE(srgb.ValidMipMapsGamma());
+  ComputeMipMapCombined(srgb, nullptr, GammaCorrectFlag(true), M::SharpAlphaNearest);
+  EXPECT_TRUE(srgb.ValidMipMapsGamma() && srgb.ValidMipMapsNoGamma());
+  EXPECT_EQ(srgb.GetImplRef().MipMapLevels_Gamma(), srgb.MipMapLevels_Ideal());
+
+  // A valid chain is kept, whatever the method asked the second time.
+  const Bytes first = PixelBytes(Chain(srgb, true)[0]);
+  ComputeMipMapCombined(srgb, nullptr, GammaCorrectFlag(true), M::Standard);
+  EXPECT_EQ(PixelBytes(Chain(srgb, true)[0]), first);
+
+  Image unknown = RandomImage(IT_RGBA8, 8, 4, gamma::sRGB, 3);
+  ComputeMipMapCombined(unknown, nullptr, GammaCorrectFlag(true), static_cast<M>(4));
+  EXPECT_FALSE(unknown.ValidMipMapsGamma() || unknown.ValidMipMapsNoGamma());
+
+  Image single = RandomImage(IT_RGBA8, 1, 1, gamma::sRGB, 4);
+  ComputeMipMapCombined(single, nullptr, GammaCorrectFlag(true), M::SharpAlphaDither);
+  EXPECT_TRUE(Chain(single, true).empty());
+}
+
+// Leaves on a transparent background: elongated blobs with hard (0 or 1) alpha and wavy outlines,
+// overlapping into clumps, over a noisy green.
+Image Foliage(int size, unsigned seed) {
+  Image image(size, size, IT_RGBA8, gamma::sRGB);
+  std::mt19937 random(seed);
+  std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+  std::vector<float> cover(static_cast<std::size_t>(size * size), 0.0f);
+  for (int leaf = 0; leaf < 70; ++leaf) {
+    const float cx = unit(random) * size, cy = unit(random) * size, angle = unit(random) * 3.14159f;
+    const float length = 10.0f + unit(random) * 22.0f, width = 4.0f + unit(random) * 7.0f;
+    const float ca = std::cos(angle), sa = std::sin(angle), lobes = 3.0f + std::floor(unit(random) * 4.0f);
+    for (int y = 0; y < size; ++y) {
+      for (int x = 0; x < size; ++x) {
+        // Wrapped, as a tiling texture is.
+        float dx = x - cx, dy = y - cy;
+        dx -= size * std::round(dx / size);
+        dy -= size * std::round(dy / size);
+        const float u = (dx * ca + dy * sa) / length, v = (-dx * sa + dy * ca) / width;
+        const float wave = 1.0f + 0.2f * std::sin(lobes * std::atan2(v, u));
+        if (u * u + v * v < wave * wave)
+          cover[static_cast<std::size_t>(y * size + x)] = 1.0f;
+      }
+    }
+  }
+  for (int y = 0; y < size; ++y) {
+    for (int x = 0; x < size; ++x) {
+      const float a = cover[static_cast<std::size_t>(y * size + x)];
+      image.SetPixelRGBA(x, y, {0.1f + 0.2f * unit(random), 0.3f + 0.5f * unit(random), 0.05f, a}, ATO_None);
+    }
+  }
+  return image;
+}
+
+// Alpha-tested foliage seen from afar: the fraction of pixels above alpha 0.5 per level.
+TEST(MipMapTest, SharpMethodsKeepTheAlphaCoverageOfFoliage) {
+  const Image foliage = Foliage(256, 21);
+  std::vector<MipMapCoverage> reports[4];
+  for (const M method : kMethods) {
+    Image image(*std::unique_ptr<Image>(foliage.DeepCopy()));
+    ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(true), method);
+    reports[static_cast<int>(method)] = MipMapAlphaCoverage(image, GammaCorrectFlag(true), 0.5f);
+  }
+  const std::vector<MipMapCoverage>& standard = reports[0];
+  ASSERT_EQ(standard.size(), 9u);
+  EXPECT_EQ(standard[5].width, 8);
+  const float coverage0 = standard[0].covered;
+  ASSERT_GT(coverage0, 0.3f);
+  ASSERT_LT(coverage0, 0.6f);
+  // Nearest samples the coverage; the dither carries what each level rounds away to its neighbours.
+  for (const M method : {M::SharpAlphaNearest, M::SharpAlphaDither}) {
+    for (int level = 1; level <= 5; ++level)
+      EXPECT_NEAR(reports[static_cast<int>(method)][level].covered, coverage0, 0.05f) << level;
+  }
+  // The fixed threshold settles ties (two opaque of four) as opaque, so leaves grow level after level:
+  // coverage is never lost, but it is gained.
+  const std::vector<MipMapCoverage>& threshold = reports[static_cast<int>(M::SharpAlphaFixedThreshold)];
+  for (int level = 1; level < 9; ++level)
+    EXPECT_GE(threshold[level].covered, threshold[level - 1].covered - 0.02f) << level;
+  EXPECT_GT(threshold[5].covered, coverage0 + 0.1f);
+  // Averaging softens alpha until clumps of leaves fall below the threshold.
+  EXPECT_LT(standard[6].covered, coverage0 - 0.1f);
+  EXPECT_EQ(standard[8].covered, 0.0f);
+
+  // Without a computed chain, level 0 alone; colour formats without alpha are fully covered.
+  const std::vector<MipMapCoverage> alone = MipMapAlphaCoverage(foliage, GammaCorrectFlag(true), 0.5f);
+  ASSERT_EQ(alone.size(), 1u);
+  EXPECT_EQ(alone[0].covered, coverage0);
+  EXPECT_EQ(MipMapAlphaCoverage(Image(4, 4, IT_RGB8), GammaCorrectFlag(false), 0.5f)[0].covered, 1.0f);
+}
+
+}  // namespace
+}  // namespace imagery
