@@ -322,7 +322,7 @@ void BlurMono(Image& image, const MonoDimBlurKernel& kernel) {
   const std::unique_ptr<Image> keeper(image.ShallowCopy());
   const EImageType type = image.ImageType();
   image.NewImplFromExisting(type, image.GetGamma(), CAI_Care, keeper.get(),
-                            WritesWholePixels(type) ? NewPixels::Unset : NewPixels::Zeroed);
+                            WritesWholePixels(type) ? NewPixels::Unset : NewPixels::ZeroedForWriter);
   ImageImpl& fresh = image.GetImplRef();
   fresh.SetWorkCopy(true);
   fresh.Synchronized(false);
@@ -344,6 +344,7 @@ void BlurMono(Image& image, const MonoDimBlurKernel& kernel) {
     if constexpr (T != IT_UNDEFINED)
       BlurPass<T>(source, target, kernel);
   });
+  fresh.PixelsWritten();
 }
 
 void Blur(Image& image, const SeparableBlurKernel& kernel) {
