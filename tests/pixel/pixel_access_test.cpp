@@ -49,7 +49,8 @@ void Write(Cursor& cursor, int op, const RGB& c, float v) {
 // A 3 x 3 plane whose pixel (1, 1) holds `pixel` and whose other bytes are 0xA5.
 PixelPlane PlaneWithPixel(EImageType type, GammaValue gamma, const Bytes& pixel) {
   PixelPlane plane(3, 3, type, gamma);
-  std::memset(plane.Data(), 0xA5, plane.ByteSize());
+  if (plane.ByteSize() > 0)
+    std::memset(plane.Data(), 0xA5, plane.ByteSize());
   std::copy(pixel.begin(), pixel.end(), plane.PixelAddress(1, 1));
   return plane;
 }
