@@ -1,0 +1,333 @@
+// Edge dilation: the mean colour of the defined pixels, the first fill from the picked colours, the
+// distance-dependent box blur and the blend towards the mean, per pixel family.
+#include "imagery/edge_dilation.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "dilation/window_mean.h"
+#include "imagery/channel_ops.h"
+#include "imagery/gamma_tables.h"
+#include "imagery/image.h"
+#include "imagery/image_factory.h"
+#include "imagery/picture_type.h"
+#include "imagery/pixel_format.h"
+#include "imagery/pixel_tasks.h"
+
+namespace imagery {
+
+namespace {
+
+using dilation::BlurredSpan;
+using dilation::IsBlurred;
+using dilation::kFarDistance;
+using dilation::WindowMeans;
+
+// The family of a format: the format whose template the work runs with. RGBA formats share the family
+// of their RGB twin (their colour samples lie at the same offsets; alpha is never read).
+constexpr EImageType FamilyOf(EImageType type) {
+  switch (type) {
+    case IT_RGB8:
+    case IT_RGBA8:
+      return IT_RGB8;
+    case IT_RGB16:
+    case IT_RGBA16:
+      return IT_RGB16;
+    case IT_RGB32f:
+    case IT_RGBA32f:
+      return IT_RGB32f;
+    case IT_Grayscale8:
+    case IT_Grayscale16:
+    case IT_Grayscale32f:
+      return type;
+    default:
+      return IT_UNDEFINED;
+  }
+}
+
+// A pixel's colour samples to linear floats and back, in the samples' memory order (blue, green, red for
+// colour families, the order of the float working image too). 8- and 16-bit samples go through the sRGB
+// tables, which give the values of the per-value curves bit for bit; the tables are shared and
+// immutable, so one codec serves every task.
+template <EImageType F>
+class Codec {
+ public:
+  static constexpr FormatLayout kLayout = LayoutOf(F);
+  static constexpr int kChannels = kLayout.grey ? 1 : 3;
+  static constexpr SampleKind kKind = kLayout.colour;
+  static constexpr int kSampleBytes = kKind == SampleKind::Code8 ? 1 : kKind == SampleKind::Code16 ? 2 : 4;
+  static constexpr EImageType kWorkType = kLayout.grey ? IT_Grayscale32f : IT_RGB32f;
+  static_assert(kLayout.blue == 0 && (kLayout.grey || kLayout.green == kSampleBytes) &&
+                (kLayout.grey || kLayout.red == 2 * kSampleBytes));
+
+  Codec() : decode8_(gamma::sRGB), decode16_(gamma::sRGB), encode8_(gamma::sRGB), encode16_(gamma::sRGB) {}
+
+  void Decode(const unsigned char* pixel, float* linear) const {
+    for (int c = 0; c < kChannels; ++c) {
+      const unsigned char* sample = pixel + c * kSampleBytes;
+      if constexpr (kKind == SampleKind::Code8)
+        linear[c] = decode8_(*sample);
+      else if constexpr (kKind == SampleKind::Code16)
+        linear[c] = decode16_(detail::LoadBE16(sample));
+      else
+        linear[c] = detail::LoadFloat(sample);
+    }
+  }
+
+  void Encode(const float* linear, unsigned char* pixel) const {
+    if constexpr (kKind == SampleKind::Code8) {
+      if constexpr (kChannels == 3)
+        encode8_.EncodeThree(linear, pixel);
+      else
+        *pixel = encode8_(*linear);
+    } else if constexpr (kKind == SampleKind::Code16) {
+      unsigned short codes[kChannels];
+      if constexpr (kChannels == 3)
+        encode16_.EncodeThree(linear, codes);
+      else
+        codes[0] = encode16_(*linear);
+      for (int c = 0; c < kChannels; ++c)
+        detail::StoreBE16(pixel + 2 * c, codes[c]);
+    } else {
+      std::memcpy(pixel, linear, sizeof(float) * kChannels);
+    }
+  }
+
+ private:
+  GammaDecodeTable8 decode8_;
+  GammaDecodeTable16 decode16_;
+  GammaEncoder8 encode8_;
+  GammaEncoder16 encode16_;
+};
+
+// A linear value in the memory order of the samples.
+template <EImageType F>
+struct Linear {
+  float v[Codec<F>::kChannels] = {};
+};
+
+// What one band of the mean colour gives: the number of defined pixels and the sum of their values.
+template <EImageType F>
+using MeanSum = std::pair<unsigned long, std::conditional_t<Codec<F>::kChannels == 1, float, LinearRGB_T<float>>>;
+
+// Everything the stages read: the image, its working twin and the field, as plain pointers and strides.
+struct Planes {
+  unsigned char* image;
+  std::ptrdiff_t imageLine;
+  int imagePixel;
+  float* work;
+  int width;
+  int height;
+  const DistanceField* field;
+
+  unsigned char* ImagePixel(int x, int y) const {
+    return image + y * imageLine + static_cast<std::ptrdiff_t>(x) * imagePixel;
+  }
+};
+
+template <EImageType F>
+float* WorkPixel(const Planes& p, int x, int y) {
+  return p.work + (static_cast<std::ptrdiff_t>(y) * p.width + x) * Codec<F>::kChannels;
+}
+
+template <EImageType F>
+Linear<F> ComputeMeanColor(const Planes& p, const Codec<F>& codec) {
+  constexpr int C = Codec<F>::kChannels;
+  const auto map = [&p, &codec](int firstRow, int endRow) {
+    unsigned long count = 0;
+    float sum[C] = {};
+    for (int y = firstRow; y < endRow; ++y) {
+      const std::uint32_t* distances = p.field->DistanceRow(y);
+      const unsigned char* pixel = p.ImagePixel(0, y);
+      for (int x = 0; x < p.width; ++x, pixel += p.imagePixel) {
+        if (distances[x] != 0)
+          continue;
+        float value[C];
+        codec.Decode(pixel, value);
+        ++count;
+        for (int c = 0; c < C; ++c)
+          sum[c] += value[c];
+      }
+    }
+    MeanSum<F> result{count, {}};
+    if constexpr (C == 1)
+      result.second = sum[0];
+    else
+      result.second = LinearRGB_T<float>(sum[2], sum[1], sum[0]);
+    return result;
+  };
+  const auto reduce = [](MeanSum<F>& into, const MeanSum<F>& next) {
+    into.first += next.first;
+    into.second += next.second;
+  };
+  const MeanSum<F> total = MapReducePixelTasks<MeanSum<F>>(p.width, p.height, map, reduce, kPixelsPerTask);
+  Linear<F> mean;
+  if (total.first == 0)
+    return mean;
+  const float count = static_cast<float>(total.first);
+  if constexpr (C == 1) {
+    mean.v[0] = total.second / count;
+  } else {
+    mean.v[0] = total.second.b / count;
+    mean.v[1] = total.second.g / count;
+    mean.v[2] = total.second.r / count;
+  }
+  return mean;
+}
+
+// The colours picked through the field, on the calling thread alone since picking writes the field's
+// memory of answers. Only pixels the blur reaches need a pick; the rest of the first fill (defined
+// pixels and far pixels) needs none and is done by the row bands of the horizontal pass.
+template <EImageType F>
+void StartWork(const Planes& p, const Codec<F>& codec) {
+  for (int y = 0; y < p.height; ++y) {
+    const std::uint32_t* distances = p.field->DistanceRow(y);
+    for (int x = 0; x < p.width; ++x) {
+      if (!IsBlurred(distances[x]))
+        continue;
+      int pickX = x, pickY = y;
+      p.field->GetColorToPickCoordinates(pickX, pickY);
+      codec.Decode(p.ImagePixel(pickX, pickY), WorkPixel<F>(p, x, y));
+    }
+  }
+}
+
+// Rows: the remaining first fill, then the horizontal box means, written back in place (each row's
+// means are all taken before any is stored).
+template <EImageType F>
+void HorizontalPass(const Planes& p, const Codec<F>& codec, const Linear<F>& mean) {
+  constexpr int C = Codec<F>::kChannels;
+  ProcessPixelTasks(
+      p.width, p.height,
+      [&p, &codec, &mean](int firstRow, int endRow) {
+        thread_local std::vector<double> totals;
+        thread_local std::vector<float> means;
+        if (means.size() < static_cast<std::size_t>(p.width) * C)
+          means.resize(static_cast<std::size_t>(p.width) * C);
+        for (int y = firstRow; y < endRow; ++y) {
+          const std::uint32_t* distances = p.field->DistanceRow(y);
+          float* row = WorkPixel<F>(p, 0, y);
+          const unsigned char* pixel = p.ImagePixel(0, y);
+          for (int x = 0; x < p.width; ++x, pixel += p.imagePixel) {
+            if (distances[x] == 0)
+              codec.Decode(pixel, row + x * C);
+            else if (distances[x] > kFarDistance)
+              std::memcpy(row + x * C, mean.v, sizeof mean.v);
+          }
+          int first, last;
+          if (!BlurredSpan(distances, 1, p.width, first, last))
+            continue;
+          WindowMeans<C>(row, C, distances, 1, p.width, first, last, means.data(), totals);
+          for (int x = first; x <= last; ++x) {
+            if (IsBlurred(distances[x]))
+              std::memcpy(row + x * C, means.data() + x * C, sizeof(float) * C);
+          }
+        }
+      },
+      kPixelsPerTask);
+}
+
+// Columns: the vertical box means, each blended towards the mean colour and written into the image at
+// once, so that the working image is not written again. Bands here are bands of whole columns (the
+// transposed image cut as rows are), so each task owns its columns of both images.
+template <EImageType F>
+void VerticalPassAndTransition(const Planes& p, const Codec<F>& codec, const Linear<F>& mean) {
+  constexpr int C = Codec<F>::kChannels;
+  unsigned char encodedMean[16];
+  codec.Encode(mean.v, encodedMean);
+  constexpr std::size_t kColourBytes = static_cast<std::size_t>(Codec<F>::kSampleBytes * C);
+  ProcessPixelTasks(
+      p.height, p.width,
+      [&p, &mean, &codec, &encodedMean](int firstColumn, int endColumn) {
+        thread_local std::vector<double> totals;
+        thread_local std::vector<float> means;
+        if (means.size() < static_cast<std::size_t>(p.height) * C)
+          means.resize(static_cast<std::size_t>(p.height) * C);
+        const std::uint32_t* distanceBase = p.field->DistanceRow(0);
+        const std::ptrdiff_t width = p.width;
+        for (int x = firstColumn; x < endColumn; ++x) {
+          const std::uint32_t* distances = distanceBase + x;
+          int first = 0, last = -1;
+          if (BlurredSpan(distances, width, p.height, first, last))
+            WindowMeans<C>(WorkPixel<F>(p, x, 0), width * C, distances, width, p.height, first, last,
+                           means.data(), totals);
+          for (int y = 0; y < p.height; ++y) {
+            const std::uint32_t distance = distances[y * width];
+            if (distance == 0)
+              continue;
+            unsigned char* pixel = p.ImagePixel(x, y);
+            if (distance >= kFarDistance) {
+              std::memcpy(pixel, encodedMean, kColourBytes);
+              continue;
+            }
+            const float t = static_cast<float>(distance) * (1.0f / 384.0f);
+            const float* value = means.data() + static_cast<std::ptrdiff_t>(y) * C;
+            float blended[C];
+            for (int c = 0; c < C; ++c)
+              blended[c] = (1.0f - t) * value[c] + t * mean.v[c];
+            codec.Encode(blended, pixel);
+          }
+        }
+      },
+      kPixelsPerTask);
+}
+
+template <EImageType F>
+void DistanceRunningColor(Image& image, const DistanceField& field) {
+  ImageImpl& impl = image.GetImplRef();
+  PixelPlane& plane = impl.Plane();
+  const int width = plane.Width();
+  const int height = plane.Height();
+  if (!field.HasDefinedPixels() || static_cast<std::int64_t>(width) * height < 2 || plane.Data() == nullptr)
+    return;
+  if (field.Width() != width || field.Height() != height)
+    return;
+
+  const Codec<F> codec;
+  // Every byte of the working image is written before it is read (float rows have no padding), so it
+  // skips the zero fill.
+  const ImageFactory* factory = image.GetFactory();
+  std::unique_ptr<Image> work(factory->CreateImage(
+      factory->CreateImpl(width, height, Codec<F>::kWorkType, image.GetGamma(), NewPixels::Unset)));
+  const Planes p{plane.Data(),
+                 plane.BytesPerLine(),
+                 plane.BytesPerPixel(),
+                 reinterpret_cast<float*>(work->GetImplRef().Plane().Data()),
+                 width,
+                 height,
+                 &field};
+
+  Linear<F> mean = ComputeMeanColor<F>(p, codec);
+  if constexpr (Codec<F>::kKind != SampleKind::Float32) {
+    // Far pixels then receive exactly a storable colour.
+    unsigned char stored[16];
+    codec.Encode(mean.v, stored);
+    codec.Decode(stored, mean.v);
+  }
+  impl.InvalidateMipMaps(true, true);
+  StartWork<F>(p, codec);
+  HorizontalPass<F>(p, codec, mean);
+  VerticalPassAndTransition<F>(p, codec, mean);
+  work.reset();
+
+  if constexpr (F == IT_RGB8) {
+    if (image.GetPtype() == PT_NormalMap)
+      NormalizeNormalMap<IT_RGB8>(image);
+  }
+}
+
+}  // namespace
+
+void DistanceRunningColor(Image& image, const DistanceField& field) {
+  DispatchImageType(FamilyOf(image.ImageType()), [&](auto family) {
+    constexpr EImageType F = decltype(family)::value;
+    if constexpr (F != IT_UNDEFINED && FamilyOf(F) == F)
+      DistanceRunningColor<F>(image, field);
+  });
+}
+
+}  // namespace imagery
