@@ -64,7 +64,8 @@ DistanceField::DistanceField(const Image& image, std::function<bool(int, int)> i
     std::int64_t running = INT64_MAX;
     for (int x = 0; x < width; ++x) {
       const std::int64_t offset = 3 * static_cast<std::int64_t>(x);
-      const std::int64_t own = defined[static_cast<std::size_t>(x)] ? 0 : candidates[static_cast<std::size_t>(x)];
+      const std::int64_t own =
+          defined[static_cast<std::size_t>(x)] ? 0 : candidates[static_cast<std::size_t>(x)];
       running = std::min(running, own - offset);
       row[x] = static_cast<std::uint32_t>(running + offset);
     }
@@ -93,7 +94,8 @@ DistanceField::~DistanceField() = default;
 std::uint32_t DistanceField::GetDistance(int x, int y) const {
   if (x < 0 || y < 0 || x >= width_ || y >= height_)
     return kUnreachedDistance;
-  return distances_[static_cast<std::size_t>(y) * static_cast<std::size_t>(width_) + static_cast<std::size_t>(x)];
+  return distances_[static_cast<std::size_t>(y) * static_cast<std::size_t>(width_) +
+                    static_cast<std::size_t>(x)];
 }
 
 std::uint32_t DistanceField::GetNextDistance(int& x, int& y) const {
@@ -119,7 +121,8 @@ void DistanceField::GetColorToPickCoordinates(int& x, int& y) const {
   if (!anyDefined_)
     return;
   const auto index = [this](int px, int py) {
-    return static_cast<std::uint64_t>(py) * static_cast<std::uint64_t>(width_) + static_cast<std::uint64_t>(px);
+    return static_cast<std::uint64_t>(py) * static_cast<std::uint64_t>(width_) +
+           static_cast<std::uint64_t>(px);
   };
   const std::uint64_t start = index(x, y);
   if (distances_[start] == 0)

@@ -112,7 +112,8 @@ struct Linear {
 
 // What one band of the mean colour gives: the number of defined pixels and the sum of their values.
 template <EImageType F>
-using MeanSum = std::pair<unsigned long, std::conditional_t<Codec<F>::kChannels == 1, float, LinearRGB_T<float>>>;
+using MeanSum =
+    std::pair<unsigned long, std::conditional_t<Codec<F>::kChannels == 1, float, LinearRGB_T<float>>>;
 
 // Everything the stages read: the image, its working twin and the field, as plain pointers and strides.
 struct Planes {

@@ -214,7 +214,8 @@ TEST(DistanceField, PickingFollowsTheDescent) {
           d = field.GetNextDistance(ex, ey);
         int px = x, py = y;
         field.GetColorToPickCoordinates(px, py);
-        ASSERT_EQ(std::make_pair(px, py), std::make_pair(ex, ey)) << "seed " << seed << " at " << x << "," << y;
+        ASSERT_EQ(std::make_pair(px, py), std::make_pair(ex, ey))
+            << "seed " << seed << " at " << x << "," << y;
         EXPECT_TRUE(mask[py][px]);
       }
     }
