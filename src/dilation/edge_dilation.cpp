@@ -180,9 +180,10 @@ Linear<F> ComputeMeanColor(const Planes& p, const Codec<F>& codec) {
   return mean;
 }
 
-// The colours picked through the field, on the calling thread alone since picking writes the field's
-// memory of answers. Only pixels the blur reaches need a pick; the rest of the first fill (defined
-// pixels and far pixels) needs none and is done by the row bands of the horizontal pass.
+// The first fill: each pixel the blur changes takes the colour picked through the field. On the calling
+// thread alone, since picking writes the field's memory of answers. Defined pixels would take their own
+// colour and far pixels the mean; the blur reads those straight from the image and from the mean (see
+// Sample), so the working image is written, and its memory touched, only where the blur works.
 template <EImageType F>
 void StartWork(const Planes& p, const Codec<F>& codec) {
   for (int y = 0; y < p.height; ++y) {
@@ -197,35 +198,57 @@ void StartWork(const Planes& p, const Codec<F>& codec) {
   }
 }
 
-// Rows: the remaining first fill, then the horizontal box means, written back in place (each row's
-// means are all taken before any is stored).
+// What the working image holds at (x, y) before a pass: the decoded colour of a defined pixel (defined
+// pixels of the image are never written), the mean beyond the blur's reach, and otherwise the value the
+// previous stage left in the working image.
 template <EImageType F>
-void HorizontalPass(const Planes& p, const Codec<F>& codec, const Linear<F>& mean) {
+struct Sample {
+  const Planes& p;
+  const Codec<F>& codec;
+  const Linear<F>& mean;
+
+  void operator()(int x, int y, std::uint32_t distance, float* value) const {
+    if (distance == 0)
+      codec.Decode(p.ImagePixel(x, y), value);
+    else if (distance > kFarDistance)
+      std::memcpy(value, mean.v, sizeof mean.v);
+    else
+      std::memcpy(value, WorkPixel<F>(p, x, y), sizeof mean.v);
+  }
+};
+
+// Rows: far pixels of the image get the encoded mean (nobody reads them), and the horizontal box means of
+// each row with blurred pixels go back into the working image (every sample is fetched before any mean is
+// stored).
+template <EImageType F>
+void FilterDistanceImageX(const Planes& p, const Codec<F>& codec, const Linear<F>& mean,
+                          const unsigned char* encodedMean) {
   constexpr int C = Codec<F>::kChannels;
+  constexpr std::size_t kColourBytes = static_cast<std::size_t>(Codec<F>::kSampleBytes * C);
+  const Sample<F> sample{p, codec, mean};
   ProcessPixelTasks(
       p.width, p.height,
-      [&p, &codec, &mean](int firstRow, int endRow) {
+      [&p, &sample, encodedMean](int firstRow, int endRow) {
         thread_local std::vector<double> totals;
+        thread_local std::vector<float> values;
         thread_local std::vector<float> means;
         if (means.size() < static_cast<std::size_t>(p.width) * C)
           means.resize(static_cast<std::size_t>(p.width) * C);
         for (int y = firstRow; y < endRow; ++y) {
           const std::uint32_t* distances = p.field->DistanceRow(y);
-          float* row = WorkPixel<F>(p, 0, y);
-          const unsigned char* pixel = p.ImagePixel(0, y);
+          unsigned char* pixel = p.ImagePixel(0, y);
           for (int x = 0; x < p.width; ++x, pixel += p.imagePixel) {
-            if (distances[x] == 0)
-              codec.Decode(pixel, row + x * C);
-            else if (distances[x] > kFarDistance)
-              std::memcpy(row + x * C, mean.v, sizeof mean.v);
+            if (distances[x] >= kFarDistance)
+              std::memcpy(pixel, encodedMean, kColourBytes);
           }
           int first, last;
           if (!BlurredSpan(distances, 1, p.width, first, last))
             continue;
-          WindowMeans<C>(row, C, distances, 1, p.width, first, last, means.data(), totals);
+          WindowMeans<C>([&sample, distances, y](int x, float* v) { sample(x, y, distances[x], v); },
+                         distances, 1, p.width, first, last, means.data(), values, totals);
           for (int x = first; x <= last; ++x) {
             if (IsBlurred(distances[x]))
-              std::memcpy(row + x * C, means.data() + x * C, sizeof(float) * C);
+              std::memcpy(WorkPixel<F>(p, x, y), means.data() + x * C, sizeof(float) * C);
           }
         }
       },
@@ -233,44 +256,53 @@ void HorizontalPass(const Planes& p, const Codec<F>& codec, const Linear<F>& mea
 }
 
 // Columns: the vertical box means, each blended towards the mean colour and written into the image at
-// once, so that the working image is not written again. Bands here are bands of whole columns (the
-// transposed image cut as rows are), so each task owns its columns of both images.
+// once. Bands here are bands of whole columns (the transposed image cut as rows are), so each task owns
+// its columns of both images. The blurred span of every column of a band is found in one row-order scan.
 template <EImageType F>
-void VerticalPassAndTransition(const Planes& p, const Codec<F>& codec, const Linear<F>& mean) {
+void FilterDistanceImageYAndTransition(const Planes& p, const Codec<F>& codec, const Linear<F>& mean) {
   constexpr int C = Codec<F>::kChannels;
-  unsigned char encodedMean[16];
-  codec.Encode(mean.v, encodedMean);
-  constexpr std::size_t kColourBytes = static_cast<std::size_t>(Codec<F>::kSampleBytes * C);
+  const Sample<F> sample{p, codec, mean};
   ProcessPixelTasks(
       p.height, p.width,
-      [&p, &mean, &codec, &encodedMean](int firstColumn, int endColumn) {
+      [&p, &mean, &codec, &sample](int firstColumn, int endColumn) {
         thread_local std::vector<double> totals;
+        thread_local std::vector<float> values;
         thread_local std::vector<float> means;
+        thread_local std::vector<int> spans;
         if (means.size() < static_cast<std::size_t>(p.height) * C)
           means.resize(static_cast<std::size_t>(p.height) * C);
-        const std::uint32_t* distanceBase = p.field->DistanceRow(0);
+        const int columns = endColumn - firstColumn;
+        spans.assign(static_cast<std::size_t>(2 * columns), -1);
+        for (int y = 0; y < p.height; ++y) {
+          const std::uint32_t* distances = p.field->DistanceRow(y) + firstColumn;
+          for (int i = 0; i < columns; ++i) {
+            if (!IsBlurred(distances[i]))
+              continue;
+            if (spans[static_cast<std::size_t>(2 * i)] < 0)
+              spans[static_cast<std::size_t>(2 * i)] = y;
+            spans[static_cast<std::size_t>(2 * i + 1)] = y;
+          }
+        }
         const std::ptrdiff_t width = p.width;
         for (int x = firstColumn; x < endColumn; ++x) {
-          const std::uint32_t* distances = distanceBase + x;
-          int first = 0, last = -1;
-          if (BlurredSpan(distances, width, p.height, first, last))
-            WindowMeans<C>(WorkPixel<F>(p, x, 0), width * C, distances, width, p.height, first, last,
-                           means.data(), totals);
-          for (int y = 0; y < p.height; ++y) {
+          const int first = spans[static_cast<std::size_t>(2 * (x - firstColumn))];
+          const int last = spans[static_cast<std::size_t>(2 * (x - firstColumn) + 1)];
+          if (first < 0)
+            continue;
+          const std::uint32_t* distances = p.field->DistanceRow(0) + x;
+          WindowMeans<C>(
+              [&sample, distances, width, x](int y, float* v) { sample(x, y, distances[y * width], v); },
+              distances, width, p.height, first, last, means.data(), values, totals);
+          for (int y = first; y <= last; ++y) {
             const std::uint32_t distance = distances[y * width];
-            if (distance == 0)
+            if (distance == 0 || distance >= kFarDistance)
               continue;
-            unsigned char* pixel = p.ImagePixel(x, y);
-            if (distance >= kFarDistance) {
-              std::memcpy(pixel, encodedMean, kColourBytes);
-              continue;
-            }
             const float t = static_cast<float>(distance) * (1.0f / 384.0f);
             const float* value = means.data() + static_cast<std::ptrdiff_t>(y) * C;
             float blended[C];
             for (int c = 0; c < C; ++c)
               blended[c] = (1.0f - t) * value[c] + t * mean.v[c];
-            codec.Encode(blended, pixel);
+            codec.Encode(blended, p.ImagePixel(x, y));
           }
         }
       },
@@ -289,8 +321,8 @@ void DistanceRunningColor(Image& image, const DistanceField& field) {
     return;
 
   const Codec<F> codec;
-  // Every byte of the working image is written before it is read (float rows have no padding), so it
-  // skips the zero fill.
+  // The working image is read only where it has been written, so it skips the zero fill; the pages the
+  // blur never reaches are never touched.
   const ImageFactory* factory = image.GetFactory();
   std::unique_ptr<Image> work(factory->CreateImage(
       factory->CreateImpl(width, height, Codec<F>::kWorkType, image.GetGamma(), NewPixels::Unset)));
@@ -309,10 +341,12 @@ void DistanceRunningColor(Image& image, const DistanceField& field) {
     codec.Encode(mean.v, stored);
     codec.Decode(stored, mean.v);
   }
+  unsigned char encodedMean[16];
+  codec.Encode(mean.v, encodedMean);
   impl.InvalidateMipMaps(true, true);
   StartWork<F>(p, codec);
-  HorizontalPass<F>(p, codec, mean);
-  VerticalPassAndTransition<F>(p, codec, mean);
+  FilterDistanceImageX<F>(p, codec, mean, encodedMean);
+  FilterDistanceImageYAndTransition<F>(p, codec, mean);
   work.reset();
 
   if constexpr (F == IT_RGB8) {

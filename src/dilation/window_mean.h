@@ -61,28 +61,30 @@ inline bool BlurredSpan(const std::uint32_t* distances, std::ptrdiff_t distanceS
   return true;
 }
 
-// Window means of a line of `count` pixels of C floats each, pixel i at line + i x stride (in floats),
-// its distance at distances[i x distanceStride]. For every blurred pixel i in [first, last] (BlurredSpan)
-// the C means go to out[i x C ..]; other entries of `out` (at least count x C floats) are left alone.
-// `totals` is scratch. The line is only read.
-template <int C>
-void WindowMeans(const float* line, std::ptrdiff_t stride, const std::uint32_t* distances,
-                 std::ptrdiff_t distanceStride, int count, int first, int last, float* out,
-                 std::vector<double>& totals) {
+// Window means along a line of `count` pixels of C floats each: sample(i, v) stores the C values of
+// position i into v, and the distance of position i is distances[i x distanceStride]. For every blurred
+// position i in [first, last] (BlurredSpan) the C means go to out[i x C ..]; other entries of `out` (at
+// least count x C floats) are left alone. `values` and `totals` are scratch. Each sample is fetched once.
+template <int C, class Sample>
+void WindowMeans(Sample&& sample, const std::uint32_t* distances, std::ptrdiff_t distanceStride, int count,
+                 int first, int last, float* out, std::vector<float>& values, std::vector<double>& totals) {
   const int low = std::max(first - kMaxRadius, 0);
   const int high = std::min(last + kMaxRadius, count - 1);
   const std::size_t span = static_cast<std::size_t>(high - low + 1);
+  if (values.size() < span * C)
+    values.resize(span * C);
   if (totals.size() < (span + 1) * C)
     totals.resize((span + 1) * C);
+  float* value = values.data();
   double* total = totals.data();
   bool finite = true;
   for (int c = 0; c < C; ++c)
     total[c] = 0.0;
   for (std::size_t k = 0; k < span; ++k) {
-    const float* sample = line + (static_cast<std::ptrdiff_t>(low) + static_cast<std::ptrdiff_t>(k)) * stride;
+    sample(low + static_cast<int>(k), value + k * C);
     for (int c = 0; c < C; ++c) {
-      finite &= std::isfinite(sample[c]);
-      total[(k + 1) * C + c] = total[k * C + c] + static_cast<double>(sample[c]);
+      finite &= std::isfinite(value[k * C + c]);
+      total[(k + 1) * C + c] = total[k * C + c] + static_cast<double>(value[k * C + c]);
     }
   }
   for (int i = first; i <= last; ++i) {
@@ -103,7 +105,7 @@ void WindowMeans(const float* line, std::ptrdiff_t stride, const std::uint32_t* 
       for (int c = 0; c < C; ++c) {
         float sum = 0.0f;
         for (int j = from; j <= to; ++j)
-          sum += line[static_cast<std::ptrdiff_t>(j) * stride + c];
+          sum += value[static_cast<std::size_t>(j - low) * C + c];
         mean[c] = sum / samples;
       }
     }

@@ -377,6 +377,7 @@ TEST(EdgeDilation, RunningTotalsAgreeWithInOrderSums) {
   std::mt19937 random(9);
   std::uniform_real_distribution<float> unit(0.0f, 1.0f);
   std::vector<double> totals;
+  std::vector<float> scratch;
   double largest = 0.0;
   for (int line = 0; line < 400; ++line) {
     const int count = 1 + static_cast<int>(random() % 700);
@@ -394,7 +395,11 @@ TEST(EdgeDilation, RunningTotalsAgreeWithInOrderSums) {
     if (!dilation::BlurredSpan(distances.data(), 1, count, first, last))
       continue;
     std::vector<float> means(values.size(), -1.0f);
-    dilation::WindowMeans<3>(values.data(), 3, distances.data(), 1, count, first, last, means.data(), totals);
+    dilation::WindowMeans<3>(
+        [&values](int i, float* v) {
+          std::memcpy(v, values.data() + static_cast<std::size_t>(i) * 3, 3 * sizeof(float));
+        },
+        distances.data(), 1, count, first, last, means.data(), scratch, totals);
     for (int i = 0; i < count; ++i) {
       if (!dilation::IsBlurred(distances[static_cast<std::size_t>(i)])) {
         EXPECT_EQ(means[static_cast<std::size_t>(i) * 3], -1.0f);
