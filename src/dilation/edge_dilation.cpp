@@ -184,13 +184,20 @@ Linear<F> ComputeMeanColor(const Planes& p, const Codec<F>& codec) {
 // thread alone, since picking writes the field's memory of answers. Defined pixels would take their own
 // colour and far pixels the mean; the blur reads those straight from the image and from the mean (see
 // Sample), so the working image is written, and its memory touched, only where the blur works.
+//
+// It also notes, for every column, its first and last blurred row (-1 when none), which the vertical pass
+// would otherwise have to find by walking the field down its columns.
 template <EImageType F>
-void StartWork(const Planes& p, const Codec<F>& codec) {
+void StartWork(const Planes& p, const Codec<F>& codec, std::vector<int>& columnSpans) {
+  columnSpans.assign(static_cast<std::size_t>(2 * p.width), -1);
   for (int y = 0; y < p.height; ++y) {
     const std::uint32_t* distances = p.field->DistanceRow(y);
     for (int x = 0; x < p.width; ++x) {
       if (!IsBlurred(distances[x]))
         continue;
+      if (columnSpans[static_cast<std::size_t>(2 * x)] < 0)
+        columnSpans[static_cast<std::size_t>(2 * x)] = y;
+      columnSpans[static_cast<std::size_t>(2 * x + 1)] = y;
       int pickX = x, pickY = y;
       p.field->GetColorToPickCoordinates(pickX, pickY);
       codec.Decode(p.ImagePixel(pickX, pickY), WorkPixel<F>(p, x, y));
@@ -257,52 +264,85 @@ void FilterDistanceImageX(const Planes& p, const Codec<F>& codec, const Linear<F
 
 // Columns: the vertical box means, each blended towards the mean colour and written into the image at
 // once. Bands here are bands of whole columns (the transposed image cut as rows are), so each task owns
-// its columns of both images. The blurred span of every column of a band is found in one row-order scan.
+// its columns of both images. A band gathers its columns' samples and distances walking the rows in
+// storage order, works on each column in that contiguous copy, and writes its results row by row again:
+// walking a column of a wide image directly would cost a cache and page miss per pixel.
 template <EImageType F>
-void FilterDistanceImageYAndTransition(const Planes& p, const Codec<F>& codec, const Linear<F>& mean) {
+void FilterDistanceImageYAndTransition(const Planes& p, const Codec<F>& codec, const Linear<F>& mean,
+                                       const std::vector<int>& columnSpans) {
   constexpr int C = Codec<F>::kChannels;
   const Sample<F> sample{p, codec, mean};
   ProcessPixelTasks(
       p.height, p.width,
-      [&p, &mean, &codec, &sample](int firstColumn, int endColumn) {
+      [&p, &mean, &codec, &sample, &columnSpans](int firstColumn, int endColumn) {
         thread_local std::vector<double> totals;
-        thread_local std::vector<float> values;
-        thread_local std::vector<float> means;
-        thread_local std::vector<int> spans;
-        if (means.size() < static_cast<std::size_t>(p.height) * C)
-          means.resize(static_cast<std::size_t>(p.height) * C);
+        thread_local std::vector<float> values, columnValues, means;
+        thread_local std::vector<std::uint32_t> columnDistances;
         const int columns = endColumn - firstColumn;
-        spans.assign(static_cast<std::size_t>(2 * columns), -1);
-        for (int y = 0; y < p.height; ++y) {
-          const std::uint32_t* distances = p.field->DistanceRow(y) + firstColumn;
-          for (int i = 0; i < columns; ++i) {
-            if (!IsBlurred(distances[i]))
-              continue;
-            if (spans[static_cast<std::size_t>(2 * i)] < 0)
-              spans[static_cast<std::size_t>(2 * i)] = y;
-            spans[static_cast<std::size_t>(2 * i + 1)] = y;
-          }
-        }
-        const std::ptrdiff_t width = p.width;
+        const int height = p.height;
+        // Rows [low, high] of the band's columns that any window reads.
+        int low = height, high = -1, firstBlurred = height, lastBlurred = -1;
         for (int x = firstColumn; x < endColumn; ++x) {
-          const int first = spans[static_cast<std::size_t>(2 * (x - firstColumn))];
-          const int last = spans[static_cast<std::size_t>(2 * (x - firstColumn) + 1)];
+          const int first = columnSpans[static_cast<std::size_t>(2 * x)];
           if (first < 0)
             continue;
-          const std::uint32_t* distances = p.field->DistanceRow(0) + x;
+          const int last = columnSpans[static_cast<std::size_t>(2 * x + 1)];
+          low = std::min(low, std::max(first - dilation::kMaxRadius, 0));
+          high = std::max(high, std::min(last + dilation::kMaxRadius, height - 1));
+          firstBlurred = std::min(firstBlurred, first);
+          lastBlurred = std::max(lastBlurred, last);
+        }
+        if (high < 0)
+          return;
+        const std::size_t rows = static_cast<std::size_t>(high - low + 1);
+        const std::size_t cells = rows * static_cast<std::size_t>(columns);
+        if (columnValues.size() < cells * C)
+          columnValues.resize(cells * C);
+        if (means.size() < cells * C)
+          means.resize(cells * C);
+        if (columnDistances.size() < cells)
+          columnDistances.resize(cells);
+        // Column i of the band occupies entries [i x rows, (i + 1) x rows), row low first.
+        for (int y = low; y <= high; ++y) {
+          const std::uint32_t* distances = p.field->DistanceRow(y);
+          for (int i = 0; i < columns; ++i) {
+            const int x = firstColumn + i;
+            const std::size_t cell = static_cast<std::size_t>(i) * rows + static_cast<std::size_t>(y - low);
+            columnDistances[cell] = distances[x];
+            if (columnSpans[static_cast<std::size_t>(2 * x)] >= 0)
+              sample(x, y, distances[x], columnValues.data() + cell * C);
+          }
+        }
+        for (int i = 0; i < columns; ++i) {
+          const int x = firstColumn + i;
+          const int first = columnSpans[static_cast<std::size_t>(2 * x)];
+          if (first < 0)
+            continue;
+          const int last = columnSpans[static_cast<std::size_t>(2 * x + 1)];
+          // Positions along the copy count from row `low`. Cutting the windows at the copy's ends cuts them
+          // where the image's border does: the copy ends short of the border only where no window of the
+          // band reaches that far.
+          const std::size_t base = static_cast<std::size_t>(i) * rows;
+          const float* column = columnValues.data() + base * C;
           WindowMeans<C>(
-              [&sample, distances, width, x](int y, float* v) { sample(x, y, distances[y * width], v); },
-              distances, width, p.height, first, last, means.data(), values, totals);
-          for (int y = first; y <= last; ++y) {
-            const std::uint32_t distance = distances[y * width];
+              [column](int k, float* v) {
+                std::memcpy(v, column + static_cast<std::size_t>(k) * C, sizeof(float) * C);
+              },
+              columnDistances.data() + base, 1, static_cast<int>(rows), first - low, last - low,
+              means.data() + base * C, values, totals);
+        }
+        for (int y = firstBlurred; y <= lastBlurred; ++y) {
+          for (int i = 0; i < columns; ++i) {
+            const std::size_t cell = static_cast<std::size_t>(i) * rows + static_cast<std::size_t>(y - low);
+            const std::uint32_t distance = columnDistances[cell];
             if (distance == 0 || distance >= kFarDistance)
               continue;
             const float t = static_cast<float>(distance) * (1.0f / 384.0f);
-            const float* value = means.data() + static_cast<std::ptrdiff_t>(y) * C;
+            const float* value = means.data() + cell * C;
             float blended[C];
             for (int c = 0; c < C; ++c)
               blended[c] = (1.0f - t) * value[c] + t * mean.v[c];
-            codec.Encode(blended, p.ImagePixel(x, y));
+            codec.Encode(blended, p.ImagePixel(firstColumn + i, y));
           }
         }
       },
@@ -344,9 +384,10 @@ void DistanceRunningColor(Image& image, const DistanceField& field) {
   unsigned char encodedMean[16];
   codec.Encode(mean.v, encodedMean);
   impl.InvalidateMipMaps(true, true);
-  StartWork<F>(p, codec);
+  std::vector<int> columnSpans;
+  StartWork<F>(p, codec, columnSpans);
   FilterDistanceImageX<F>(p, codec, mean, encodedMean);
-  FilterDistanceImageYAndTransition<F>(p, codec, mean);
+  FilterDistanceImageYAndTransition<F>(p, codec, mean, columnSpans);
   work.reset();
 
   if constexpr (F == IT_RGB8) {
