@@ -137,7 +137,7 @@ float* WorkPixel(const Planes& p, int x, int y) {
 
 template <EImageType F>
 Linear<F> ComputeMeanColor(const Planes& p, const Codec<F>& codec) {
-  constexpr int C = Codec<F>::kChannels;
+  static constexpr int C = Codec<F>::kChannels;
   const auto map = [&p, &codec](int firstRow, int endRow) {
     unsigned long count = 0;
     float sum[C] = {};
@@ -230,7 +230,7 @@ struct Sample {
 template <EImageType F>
 void FilterDistanceImageX(const Planes& p, const Codec<F>& codec, const Linear<F>& mean,
                           const unsigned char* encodedMean) {
-  constexpr int C = Codec<F>::kChannels;
+  static constexpr int C = Codec<F>::kChannels;
   constexpr std::size_t kColourBytes = static_cast<std::size_t>(Codec<F>::kSampleBytes * C);
   const Sample<F> sample{p, codec, mean};
   ProcessPixelTasks(
@@ -270,7 +270,7 @@ void FilterDistanceImageX(const Planes& p, const Codec<F>& codec, const Linear<F
 template <EImageType F>
 void FilterDistanceImageYAndTransition(const Planes& p, const Codec<F>& codec, const Linear<F>& mean,
                                        const std::vector<int>& columnSpans) {
-  constexpr int C = Codec<F>::kChannels;
+  static constexpr int C = Codec<F>::kChannels;
   const Sample<F> sample{p, codec, mean};
   ProcessPixelTasks(
       p.height, p.width,
