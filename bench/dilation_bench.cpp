@@ -4,6 +4,8 @@
 // - DistanceField: building the field through its per-pixel predicate, against OpenCV's
 //   distanceTransform (DIST_L2 with the 3 x 3 mask, the nearest peer: a two-pass chamfer transform too)
 //   on the same mask, "ratio_to_opencv" = field time / OpenCV time. Without OpenCV only the time shows.
+//   "ms_predicate_calls" is the floor the interface sets: the same std::function called once per pixel
+//   in row order and nothing else.
 // - DistanceRunningColor: the dilation of an sRGB IT_RGBA8 texture with a field built fresh for each
 //   pass (so every pass picks colours from scratch, as a first dilation does), against a memcpy of the
 //   texture's bytes: "ratio_to_memcpy". "peak_added_MB" is the largest resident memory seen during the
@@ -16,6 +18,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <random>
 #include <thread>
@@ -59,7 +62,8 @@ const std::vector<std::uint8_t>& Mask() {
 
 DistanceField BuildField(const Image& image) {
   const std::uint8_t* mask = Mask().data();
-  return DistanceField(image, [mask](int x, int y) { return mask[static_cast<std::size_t>(y) * kSize + x] != 0; });
+  return DistanceField(image,
+                       [mask](int x, int y) { return mask[static_cast<std::size_t>(y) * kSize + x] != 0; });
 }
 
 // Resident memory of the process, in bytes.
@@ -76,12 +80,13 @@ std::int64_t Resident() {
 // Watches the resident memory while alive and keeps its highest value.
 class PeakWatch {
  public:
-  PeakWatch() : peak_(Resident()), thread_([this] {
-    while (!stop_.load()) {
-      peak_.store(std::max(peak_.load(), Resident()));
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-  }) {}
+  PeakWatch()
+      : peak_(Resident()), thread_([this] {
+          while (!stop_.load()) {
+            peak_.store(std::max(peak_.load(), Resident()));
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+          }
+        }) {}
   std::int64_t Stop() {
     stop_.store(true);
     thread_.join();
@@ -104,7 +109,7 @@ void BM_DistanceField(benchmark::State& state) {
       undefined.at<std::uint8_t>(y, x) = Mask()[static_cast<std::size_t>(y) * kSize + x] ? 0 : 255;
   cv::Mat distances;
 #endif
-  double fieldSeconds = 0.0, openCVSeconds = 0.0;
+  double fieldSeconds = 0.0, openCVSeconds = 0.0, predicateSeconds = 0.0;
   for (auto _ : state) {
     const auto start = Clock::now();
     {
@@ -112,6 +117,21 @@ void BM_DistanceField(benchmark::State& state) {
       benchmark::DoNotOptimize(field.GetDistance(kSize / 2, kSize / 2));
     }
     fieldSeconds += Seconds(start);
+    state.PauseTiming();
+    {
+      const std::uint8_t* mask = Mask().data();
+      const std::function<bool(int, int)> isDefined = [mask](int x, int y) {
+        return mask[static_cast<std::size_t>(y) * kSize + x] != 0;
+      };
+      const auto predicateStart = Clock::now();
+      unsigned defined = 0;
+      for (int y = 0; y < kSize; ++y)
+        for (int x = 0; x < kSize; ++x)
+          defined += isDefined(x, y) ? 1u : 0u;
+      benchmark::DoNotOptimize(defined);
+      predicateSeconds += Seconds(predicateStart);
+    }
+    state.ResumeTiming();
 #ifdef IMAGERY_BENCH_HAVE_OPENCV
     state.PauseTiming();
     const auto openCVStart = Clock::now();
@@ -123,6 +143,7 @@ void BM_DistanceField(benchmark::State& state) {
   }
   const double n = static_cast<double>(state.iterations());
   state.counters["ms_field"] = 1e3 * fieldSeconds / n;
+  state.counters["ms_predicate_calls"] = 1e3 * predicateSeconds / n;
   if (openCVSeconds > 0.0) {
     state.counters["ms_opencv"] = 1e3 * openCVSeconds / n;
     state.counters["ratio_to_opencv"] = fieldSeconds / openCVSeconds;
