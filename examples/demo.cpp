@@ -455,6 +455,58 @@ void ShowBlurAndMipMaps() {
   std::cout << '\n';
 }
 
+// A texture atlas: islands of colour on a transparent background. The edge dilation pads every island
+// with colour running out from its edges and fading to the atlas's mean colour, so that filtering and
+// mip-mapping never pull the background's black into an island.
+void ShowEdgeDilation() {
+  using namespace imagery;
+  constexpr int kSize = 1024;
+  std::cout << "Edge dilation of a " << kSize << " x " << kSize << " texture atlas\n";
+  Image atlas(kSize, kSize, IT_RGBA8, gamma::sRGB);
+  PixelPlane& plane = atlas.GetImplRef().Plane();
+  struct Island {
+    int x, y, radius;
+    unsigned char b, g, r;
+  };
+  const Island islands[] = {{200, 220, 150, 30, 60, 200},
+                            {640, 300, 220, 40, 180, 60},
+                            {320, 760, 180, 200, 90, 40},
+                            {820, 820, 120, 220, 220, 220}};
+  for (const Island& island : islands)
+    for (int y = island.y - island.radius; y <= island.y + island.radius; ++y)
+      for (int x = island.x - island.radius; x <= island.x + island.radius; ++x) {
+        const int dx = x - island.x, dy = y - island.y;
+        if (dx * dx + dy * dy > island.radius * island.radius)
+          continue;
+        unsigned char* p = plane.PixelAddress(x, y);
+        p[0] = island.b, p[1] = island.g, p[2] = island.r, p[3] = 255;
+      }
+  const auto describe = [&plane](const char* what, int x, int y) {
+    const unsigned char* p = plane.PixelAddress(x, y);
+    std::printf("  %-34s (%4d, %4d): r %3d g %3d b %3d alpha %3d\n", what, x, y, p[2], p[1], p[0], p[3]);
+  };
+  describe("beside the red island, before", 200 + 150 + 4, 220);
+
+  const auto start = std::chrono::steady_clock::now();
+  const DistanceField field(atlas, [&plane](int x, int y) { return plane.PixelAddress(x, y)[3] != 0; });
+  const double fieldMs =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  const double dilationMs = Time([&] { DistanceRunningColor(atlas, field); });
+  std::printf("  distance field %.1f ms, dilation %.1f ms\n", fieldMs, dilationMs);
+  describe("beside the red island, after", 200 + 150 + 4, 220);
+  describe("40 pixels out, blurred and fading", 200 + 150 + 40, 220);
+  describe("far from every island: the mean", 10, 1010);
+  std::cout << "  red along the row y = 220, every 8 pixels from the red island into the green one:\n   ";
+  for (int x = 350; x < 350 + 8 * 16; x += 8)
+    std::printf(" %3d", plane.PixelAddress(x, 220)[2]);
+  Image distances(kSize, kSize, IT_Grayscale8, gamma::Linear);
+  field.FillImageWithDistance(distances);
+  std::printf("\n  distance picture: %d at the edge, %d 64 pixels above it, %d beyond 128\n\n",
+              distances.GetImplRef().Plane().PixelAddress(350, 220)[0],
+              distances.GetImplRef().Plane().PixelAddress(200, 220 - 150 - 64)[0],
+              distances.GetImplRef().Plane().PixelAddress(10, 1010)[0]);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -469,5 +521,6 @@ int main(int argc, char** argv) {
   ShowBigImageTimings();
   UseSettingsAndLogger();
   ShowBlurAndMipMaps();
+  ShowEdgeDilation();
   return 0;
 }

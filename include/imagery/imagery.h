@@ -24,6 +24,8 @@
 #include "imagery/color.h"
 #include "imagery/colour_spaces.h"
 #include "imagery/conversions.h"
+#include "imagery/distance_field.h"
+#include "imagery/edge_dilation.h"
 #include "imagery/gamma.h"
 #include "imagery/gamma_settings.h"
 #include "imagery/gamma_tables.h"

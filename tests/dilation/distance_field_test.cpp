@@ -1,0 +1,249 @@
+// The chamfer distance field: distances against a pixel-by-pixel two-pass transform and against the
+// closed form of the 3-4 chamfer metric, the predicate's calls, the neighbour order of the descent, and
+// colour picking against a descent without memory.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "imagery/distance_field.h"
+#include "imagery/image.h"
+#include "imagery/pixel_access.h"
+
+namespace imagery {
+namespace {
+
+using Mask = std::vector<std::vector<bool>>;  // [y][x]
+
+Mask RandomMask(int width, int height, unsigned seed, int percentDefined) {
+  std::mt19937 random(seed);
+  Mask mask(static_cast<std::size_t>(height), std::vector<bool>(static_cast<std::size_t>(width)));
+  for (auto& row : mask)
+    for (std::size_t x = 0; x < row.size(); ++x)
+      row[x] = static_cast<int>(random() % 100) < percentDefined;
+  return mask;
+}
+
+DistanceField FieldOf(const Mask& mask) {
+  const int height = static_cast<int>(mask.size());
+  const int width = height > 0 ? static_cast<int>(mask[0].size()) : 0;
+  return DistanceField(Image(width, height, IT_Grayscale8, gamma::Linear),
+                       [&mask](int x, int y) { return static_cast<bool>(mask[y][x]); });
+}
+
+// The transform as its definition states it, one pixel at a time with saturating sums.
+std::vector<std::uint32_t> PlainTwoPass(const Mask& mask) {
+  const int h = static_cast<int>(mask.size()), w = static_cast<int>(mask[0].size());
+  std::vector<std::uint32_t> d(static_cast<std::size_t>(w * h));
+  const auto at = [&](int x, int y) -> std::uint32_t& { return d[static_cast<std::size_t>(y * w + x)]; };
+  const auto plus = [](std::uint32_t a, std::uint32_t k) {
+    return a > kUnreachedDistance - k ? kUnreachedDistance : a + k;
+  };
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      if (mask[y][x]) {
+        at(x, y) = 0;
+        continue;
+      }
+      std::uint32_t best = kUnreachedDistance;
+      if (x > 0)
+        best = std::min(best, plus(at(x - 1, y), 3));
+      if (y > 0) {
+        if (x > 0)
+          best = std::min(best, plus(at(x - 1, y - 1), 4));
+        best = std::min(best, plus(at(x, y - 1), 3));
+        if (x + 1 < w)
+          best = std::min(best, plus(at(x + 1, y - 1), 4));
+      }
+      at(x, y) = best;
+    }
+  }
+  for (int y = h - 1; y >= 0; --y) {
+    for (int x = w - 1; x >= 0; --x) {
+      if (at(x, y) == 0)
+        continue;
+      std::uint32_t best = at(x, y);
+      if (x + 1 < w)
+        best = std::min(best, plus(at(x + 1, y), 3));
+      if (y + 1 < h) {
+        if (x + 1 < w)
+          best = std::min(best, plus(at(x + 1, y + 1), 4));
+        best = std::min(best, plus(at(x, y + 1), 3));
+        if (x > 0)
+          best = std::min(best, plus(at(x - 1, y + 1), 4));
+      }
+      at(x, y) = best;
+    }
+  }
+  return d;
+}
+
+TEST(DistanceField, KnownDistances) {
+  const DistanceField line = FieldOf({{true, false, false, false, false}});
+  for (int x = 0; x < 5; ++x)
+    EXPECT_EQ(line.GetDistance(x, 0), static_cast<std::uint32_t>(3 * x));
+
+  Mask centre(3, std::vector<bool>(3, false));
+  centre[1][1] = true;
+  const DistanceField square = FieldOf(centre);
+  const std::uint32_t expected[3][3] = {{4, 3, 4}, {3, 0, 3}, {4, 3, 4}};
+  for (int y = 0; y < 3; ++y)
+    for (int x = 0; x < 3; ++x)
+      EXPECT_EQ(square.GetDistance(x, y), expected[y][x]) << x << "," << y;
+
+  EXPECT_EQ(square.GetDistance(-1, 0), kUnreachedDistance);
+  EXPECT_EQ(square.GetDistance(3, 0), kUnreachedDistance);
+  EXPECT_EQ(square.GetDistance(0, -1), kUnreachedDistance);
+  EXPECT_EQ(square.GetDistance(0, 3), kUnreachedDistance);
+}
+
+// Odd sizes, single rows and columns, sparse and dense masks. On a rectangle the two passes find the
+// shortest 3-4 path, whose length has the closed form 4 min(dx, dy) + 3 |dx - dy|.
+TEST(DistanceField, MatchesPlainTransformAndChamferMetric) {
+  const std::pair<int, int> sizes[] = {{1, 1}, {1, 9}, {13, 1}, {7, 5}, {31, 17}, {64, 3}};
+  unsigned seed = 1;
+  for (const auto& [width, height] : sizes) {
+    for (const int percent : {1, 10, 60}) {
+      const Mask mask = RandomMask(width, height, seed++, percent);
+      const DistanceField field = FieldOf(mask);
+      const std::vector<std::uint32_t> plain = PlainTwoPass(mask);
+      bool any = false;
+      for (const auto& row : mask)
+        any |= std::find(row.begin(), row.end(), true) != row.end();
+      EXPECT_EQ(field.HasDefinedPixels(), any);
+      for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+          std::uint32_t metric = kUnreachedDistance;
+          for (int v = 0; v < height; ++v)
+            for (int u = 0; u < width; ++u)
+              if (mask[v][u]) {
+                const int dx = std::abs(u - x), dy = std::abs(v - y);
+                metric = std::min<std::uint32_t>(metric, 4 * std::min(dx, dy) + 3 * std::abs(dx - dy));
+              }
+          ASSERT_EQ(field.GetDistance(x, y), plain[static_cast<std::size_t>(y * width + x)])
+              << width << "x" << height << " at " << x << "," << y;
+          ASSERT_EQ(field.GetDistance(x, y), metric) << width << "x" << height << " at " << x << "," << y;
+        }
+      }
+    }
+  }
+}
+
+TEST(DistanceField, PredicateCalledOncePerPixelInRowOrder) {
+  std::vector<std::pair<int, int>> calls;
+  const DistanceField field(Image(4, 3, IT_RGB8, gamma::sRGB), [&calls](int x, int y) {
+    calls.emplace_back(x, y);
+    return x == 2 && y == 1;
+  });
+  ASSERT_EQ(calls.size(), 12u);
+  for (int i = 0; i < 12; ++i)
+    EXPECT_EQ(calls[static_cast<std::size_t>(i)], std::make_pair(i % 4, i / 4));
+
+  EXPECT_THROW(DistanceField(Image(2, 2, IT_RGB8, gamma::sRGB), std::function<bool(int, int)>()),
+               std::bad_function_call);
+}
+
+TEST(DistanceField, NoneOrAllDefined) {
+  const DistanceField none(Image(6, 4, IT_RGB8, gamma::sRGB), [](int, int) { return false; });
+  EXPECT_FALSE(none.HasDefinedPixels());
+  const DistanceField all(Image(6, 4, IT_RGB8, gamma::sRGB), [](int, int) { return true; });
+  EXPECT_TRUE(all.HasDefinedPixels());
+  for (int y = 0; y < 4; ++y) {
+    for (int x = 0; x < 6; ++x) {
+      EXPECT_EQ(none.GetDistance(x, y), kUnreachedDistance);
+      EXPECT_EQ(all.GetDistance(x, y), 0u);
+      int px = x, py = y;
+      none.GetColorToPickCoordinates(px, py);
+      EXPECT_EQ(std::make_pair(px, py), std::make_pair(x, y));
+      all.GetColorToPickCoordinates(px, py);
+      EXPECT_EQ(std::make_pair(px, py), std::make_pair(x, y));
+    }
+  }
+}
+
+// The centre of a 3 x 3 field whose first k neighbours (in the descent's order) are undefined as well:
+// every defined neighbour is at 0, so the step goes to neighbour k, the earliest of the ties.
+TEST(DistanceField, NextDistanceBreaksTiesInNeighbourOrder) {
+  const std::pair<int, int> order[8] = {{-1, 0}, {1, 0}, {0, 1}, {0, -1}, {-1, 1}, {1, 1}, {1, -1}, {-1, -1}};
+  for (int k = 0; k < 8; ++k) {
+    const DistanceField field(Image(3, 3, IT_Grayscale8, gamma::Linear), [&](int x, int y) {
+      if (x == 1 && y == 1)
+        return false;
+      for (int i = 0; i < k; ++i)
+        if (x == 1 + order[i].first && y == 1 + order[i].second)
+          return false;
+      return true;
+    });
+    int x = 1, y = 1;
+    EXPECT_EQ(field.GetNextDistance(x, y), 0u) << k;
+    EXPECT_EQ(std::make_pair(x - 1, y - 1), order[k]) << k;
+  }
+
+  // The pixel's own distance plays no part: a defined pixel still steps to its nearest neighbour.
+  const DistanceField line = FieldOf({{false, true, false, false}});
+  int x = 1, y = 0;
+  EXPECT_EQ(line.GetNextDistance(x, y), 3u);
+  EXPECT_EQ(x, 0);
+  // At a border the missing neighbours count as unreached.
+  x = 3;
+  EXPECT_EQ(line.GetNextDistance(x, y), 3u);
+  EXPECT_EQ(x, 2);
+}
+
+// Picking remembers its answers; asked in any order, every pixel must get the end of its own descent.
+TEST(DistanceField, PickingFollowsTheDescent) {
+  for (unsigned seed = 20; seed < 26; ++seed) {
+    const int width = 23 + static_cast<int>(seed), height = 11;
+    const Mask mask = RandomMask(width, height, seed, 3);
+    const DistanceField field = FieldOf(mask);
+    if (!field.HasDefinedPixels())
+      continue;
+    std::vector<std::pair<int, int>> pixels;
+    for (int y = 0; y < height; ++y)
+      for (int x = 0; x < width; ++x)
+        pixels.emplace_back(x, y);
+    std::shuffle(pixels.begin(), pixels.end(), std::mt19937(seed));
+    for (int pass = 0; pass < 2; ++pass) {
+      for (const auto& [x, y] : pixels) {
+        int ex = x, ey = y;
+        for (std::uint32_t d = field.GetDistance(ex, ey); d != 0;)
+          d = field.GetNextDistance(ex, ey);
+        int px = x, py = y;
+        field.GetColorToPickCoordinates(px, py);
+        ASSERT_EQ(std::make_pair(px, py), std::make_pair(ex, ey))
+            << "seed " << seed << " at " << x << "," << y;
+        EXPECT_TRUE(mask[py][px]);
+      }
+    }
+  }
+}
+
+TEST(DistanceField, FillImageWithDistance) {
+  Mask mask(1, std::vector<bool>(130, false));
+  mask[0][0] = true;
+  const DistanceField field = FieldOf(mask);
+  Image image(130, 1, IT_Grayscale32f, gamma::Linear);
+  field.FillImageWithDistance(image);
+  for (int x = 0; x < 130; ++x) {
+    float grey = -1.0f;
+    ConstPixelAccess(image.GetImplRef().Plane(), x, 0).GetPixelGrayscale(grey);
+    EXPECT_EQ(grey, static_cast<float>(3 * x) / 384.0f) << x;
+  }
+  float atEdge = -1.0f;
+  ConstPixelAccess(image.GetImplRef().Plane(), 128, 0).GetPixelGrayscale(atEdge);
+  EXPECT_EQ(atEdge, 1.0f);
+
+  // An 8-bit picture saturates beyond 1.
+  Image bytes(130, 1, IT_Grayscale8, gamma::Linear);
+  field.FillImageWithDistance(bytes);
+  EXPECT_EQ(bytes.GetImplRef().Plane().Row(0)[0], 0);
+  EXPECT_EQ(bytes.GetImplRef().Plane().Row(0)[128], 255);
+  EXPECT_EQ(bytes.GetImplRef().Plane().Row(0)[129], 255);
+}
+
+}  // namespace
+}  // namespace imagery
