@@ -8,6 +8,7 @@
 
 #include "filter/resample_adapters.h"
 #include "filter/resample_engine.h"
+#include "image/handle_rollback.h"
 #include "imagery/image_factory.h"
 
 namespace imagery {
@@ -110,6 +111,9 @@ void Resample(Image& image, int width, int height, const ResampleOpts& options) 
     return;
   }
 
+  // A second pass that cannot be made takes the first back with it, unless the first resized the
+  // implementation in place, which other handles already see.
+  HandleRollback rollback(image);
   ResampleOpts pass = options;
   // A sub-step is neither copied nor moved: each pass gets a new one, and the first ends before the second.
   std::unique_ptr<KORProgress::SubProgressStep> step;
@@ -120,14 +124,17 @@ void Resample(Image& image, int width, int height, const ResampleOpts& options) 
   }
   Resample(image, width, currentHeight, pass);
   // An interrupted first pass leaves the size as it was; asking again would split again, forever.
-  if (image.Width() != width)
+  if (image.Width() != width) {
+    rollback.Commit();
     return;
+  }
   if (options.progress != nullptr) {
     step.reset();
     step = std::make_unique<KORProgress::SubProgressStep>(*options.progress);
     pass.progress = step.get();
   }
   Resample(image, width, height, pass);
+  rollback.Commit();
 }
 
 }  // namespace imagery
