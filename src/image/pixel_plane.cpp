@@ -1,25 +1,21 @@
 #include "imagery/pixel_plane.h"
 
-#include "imagery/detail/fault_injection.h"
-
 #include <atomic>
 #include <climits>
 #include <cstring>
 #include <new>
 #include <utility>
 
+#include "imagery/detail/fault_injection.h"
+
 namespace imagery {
 
 namespace {
-// Allocations left before the armed failure; 0 when none is armed.
+// Allocations left before the armed failure, this one included; 0 when none is armed.
 std::atomic<int> allocationsBeforeFailure{0};
-std::atomic<std::int64_t> allocationCount{0};
 
 // True when this allocation is the one a test asked to fail.
 bool InjectedFailure() {
-  allocationCount.fetch_add(1, std::memory_order_relaxed);
-  if (allocationsBeforeFailure.load(std::memory_order_relaxed) == 0)
-    return false;
   int left = allocationsBeforeFailure.load(std::memory_order_relaxed);
   while (left > 0 &&
          !allocationsBeforeFailure.compare_exchange_weak(left, left - 1, std::memory_order_relaxed)) {
@@ -33,8 +29,8 @@ void FailPlaneAllocation(int n) {
   allocationsBeforeFailure.store(n > 0 ? n : 0, std::memory_order_relaxed);
 }
 
-std::int64_t PlaneAllocationCount() {
-  return allocationCount.load(std::memory_order_relaxed);
+int PlaneAllocationsBeforeFailure() {
+  return allocationsBeforeFailure.load(std::memory_order_relaxed);
 }
 }  // namespace testing
 

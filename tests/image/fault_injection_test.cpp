@@ -5,6 +5,7 @@
 // with nothing left registered in the image list and nothing leaked.
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -41,12 +42,14 @@ struct State {
         width(image.Width()),
         height(image.Height()),
         gamma(image.GetGamma()),
-        bytes(PlaneBytes(image)) {}
+        bytes(PlaneBytes(image)),
+        backup(image.GetImplRef().HasDownSamplingBackup()) {}
   const ImageImpl* impl;
   EImageType type;
   int width, height;
   GammaValue gamma;
   Bytes bytes;
+  bool backup;
 };
 
 void ExpectUnchanged(const Image& image, const State& before, const std::string& what) {
@@ -56,15 +59,35 @@ void ExpectUnchanged(const Image& image, const State& before, const std::string&
   EXPECT_EQ(image.Height(), before.height) << what;
   EXPECT_EQ(image.GetGamma(), before.gamma) << what;
   EXPECT_TRUE(PlaneBytes(image) == before.bytes) << what << ": pixels changed";
+  EXPECT_EQ(image.GetImplRef().HasDownSamplingBackup(), before.backup) << what;
+}
+
+// The plane allocations `operation` makes on `image`.
+int CountAllocations(Image& image, const Operation& operation, const std::string& name) {
+  const testing::ScopedPlaneAllocationFailure never(INT_MAX);
+  EXPECT_TRUE(operation(image)) << name << " fails without an injected failure";
+  return INT_MAX - testing::PlaneAllocationsBeforeFailure();
+}
+
+// Runs `operation` and reports whether it failed, by throwing std::bad_alloc or by its answer, and
+// whether the armed failure fired.
+bool RunFailing(Image& image, const Operation& operation, int k, bool& fired) {
+  const testing::ScopedPlaneAllocationFailure failure(k);
+  bool failed = false;
+  try {
+    failed = !operation(image);
+  } catch (const std::bad_alloc&) {
+    failed = true;
+  }
+  fired = testing::PlaneAllocationsBeforeFailure() == 0;
+  return failed;
 }
 
 // Counts the plane allocations `operation` makes on a copy of `source`, then runs it again on fresh
 // copies with each of them failing in turn. Returns the count.
 int FailEachAllocation(const Image& source, const Operation& operation, const std::string& name) {
   const std::unique_ptr<Image> counted(source.DeepCopy());
-  const std::int64_t start = testing::PlaneAllocationCount();
-  EXPECT_TRUE(operation(*counted)) << name << " fails without an injected failure";
-  const int count = static_cast<int>(testing::PlaneAllocationCount() - start);
+  const int count = CountAllocations(*counted, operation, name);
   EXPECT_GT(count, 0) << name << " made no plane allocation";
   for (int k = 1; k <= count; ++k) {
     const std::string what = name + ", allocation " + std::to_string(k) + " of " + std::to_string(count);
@@ -72,18 +95,9 @@ int FailEachAllocation(const Image& source, const Operation& operation, const st
     const Image sharer(*image);
     const State before(*image);
     const int listed = ImageList::Instance().CountImages();
-    const std::int64_t made = testing::PlaneAllocationCount();
-    bool failed = false;
-    {
-      const testing::ScopedPlaneAllocationFailure failure(k);
-      try {
-        failed = !operation(*image);
-      } catch (const std::bad_alloc&) {
-        failed = true;
-      }
-    }
-    EXPECT_GE(testing::PlaneAllocationCount() - made, k) << what << ": the failure never fired";
-    EXPECT_TRUE(failed) << what << ": the failure went unreported";
+    bool fired = false;
+    EXPECT_TRUE(RunFailing(*image, operation, k, fired)) << what << ": the failure went unreported";
+    EXPECT_TRUE(fired) << what << ": the failure never fired";
     ExpectUnchanged(*image, before, what);
     ExpectUnchanged(sharer, before, what + " (second handle)");
     EXPECT_EQ(ImageList::Instance().CountImages(), listed) << what << ": the list holds a new implementation";
@@ -100,6 +114,24 @@ Operation Void(F f) {
 }
 
 const AlphaConversionOptions kKeepAlpha(true, true);
+
+// The hook fails exactly the allocation asked for, as a real shortage would, and only that one.
+TEST(FaultInjection, TheArmedAllocationAloneFailsAndLeavesItsPlaneAsItWas) {
+  PixelPlane plane(3, 2, IT_RGB8, gamma::sRGB);
+  plane.Zero();
+  {
+    const testing::ScopedPlaneAllocationFailure failure(2);
+    EXPECT_NO_THROW(PixelPlane(1, 1, IT_RGBA8, gamma::Linear));
+    EXPECT_EQ(testing::PlaneAllocationsBeforeFailure(), 1);
+    EXPECT_THROW(plane.Alloc(5, 5, IT_RGBA16, gamma::Linear), std::bad_alloc);
+    EXPECT_EQ(testing::PlaneAllocationsBeforeFailure(), 0) << "a failure that fired disarms itself";
+    EXPECT_NO_THROW(PixelPlane(2, 2, IT_RGB8, gamma::sRGB));
+  }
+  EXPECT_TRUE(plane.Width() == 3 && plane.Height() == 2 && plane.Type() == IT_RGB8 && plane.ByteSize() == 24);
+  EXPECT_TRUE(PlaneBytes(plane) == Bytes(24, 0));
+  { const testing::ScopedPlaneAllocationFailure failure(1); }
+  EXPECT_NO_THROW(plane.Alloc(4, 4, IT_RGB8, gamma::sRGB)) << "leaving the scope disarms";
+}
 
 TEST(FaultInjection, ConversionsLeaveTheImageAsItWas) {
   const Image rgba8 = RandomImage(IT_RGBA8, 7, 5, gamma::sRGB, 1);
@@ -155,6 +187,12 @@ TEST(FaultInjection, ResampleBlurAndMipMapsLeaveTheImageAsItWas) {
   options.whiteMargin = true;
   FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 7, 7, options); }),
                      "Resample with margins");
+  // In place, the pixels from before become the implementation's backup: that plane is allocated too.
+  options.implManagement = IM_InPlace;
+  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 8, 8, options); }), "Resample in place");
+  options.keepAspectRatio = false;
+  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 20, 4, options); }),
+                     "Resample in place, up and down");
   FailEachAllocation(rgba8, Void([](Image& i) { Blur(i, BuildGaussianBlurKernel(1.5f, 0.8f, 3, 2)); }),
                      "Blur");
   FailEachAllocation(grey, Void([](Image& i) { Blur(i, BuildConstantBlurKernel(2, 1)); }), "Blur grey");
@@ -166,6 +204,20 @@ TEST(FaultInjection, ResampleBlurAndMipMapsLeaveTheImageAsItWas) {
                                           "ComputeMipMapCombined");
     EXPECT_GE(levels, 3) << "every mip level is a plane of its own";
   }
+  // A chain cut short by a failure is not taken for a valid one: computing it again gives every level.
+  const auto compute = [](Image& image) {
+    ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(true), MipMapMethod::Standard);
+  };
+  const std::unique_ptr<Image> clean(rgba8.DeepCopy()), retried(rgba8.DeepCopy());
+  compute(*clean);
+  bool fired = false;
+  EXPECT_TRUE(RunFailing(*retried, Void(compute), 2, fired) && fired);
+  compute(*retried);
+  const ImageImpl &expected = clean->GetImplRef(), &actual = retried->GetImplRef();
+  ASSERT_EQ(actual.MipMapLevels_Gamma(), expected.MipMapLevels_Gamma());
+  for (int level = 1; level < expected.MipMapLevels_Gamma(); ++level)
+    EXPECT_TRUE(PlaneBytes(actual.MipGamma(level)) == PlaneBytes(expected.MipGamma(level)))
+        << "level " << level;
 }
 
 // Operations that build a second image from the first: the first must not notice a failure, and the
@@ -205,6 +257,22 @@ TEST(FaultInjection, ReadingIncorporatedBitsFailsWithTheStreamErrorAndKeepsTheTa
         },
         "Image::Read " + std::to_string(type));
   }
+}
+
+// Damaged data fails the same way: the target keeps its implementation rather than a placeholder.
+TEST(FaultInjection, AStreamCutShortLeavesTheTargetAsItWas) {
+  const Image written = RandomImage(IT_RGBA8, 6, 5, gamma::Linear, 11);
+  ZELMemoryStream out;
+  ASSERT_TRUE(written.Write(&out, true, false));
+  Bytes bytes = out.Bytes();
+  bytes.resize(bytes.size() - 7);
+  Image target = RandomImage(IT_RGB16, 3, 4, gamma::Linear, 12);
+  const Image sharer(target);
+  const State before(target);
+  ZELMemoryStream in(bytes);
+  EXPECT_FALSE(target.Read(&in, IT_RGBA8));
+  ExpectUnchanged(target, before, "cut stream");
+  ExpectUnchanged(sharer, before, "cut stream (second handle)");
 }
 
 // A picture file is "width height grey alpha"; the reader makes the image the way host readers do,
@@ -253,17 +321,9 @@ TEST_F(FaultInjectionReload, AReaderFailingMidReloadKeepsTheOldVersionCurrent) {
     const int listed = ImageList::Instance().CountImages();
     for (int k = 1;; ++k) {
       const std::string what = "reload, allocation " + std::to_string(k);
-      const std::int64_t made = testing::PlaneAllocationCount();
-      bool failed = false;
-      {
-        const testing::ScopedPlaneAllocationFailure failure(k);
-        try {
-          failed = !reload(image);
-        } catch (const std::bad_alloc&) {
-          failed = true;
-        }
-      }
-      if (testing::PlaneAllocationCount() - made < k) {
+      bool fired = false;
+      const bool failed = RunFailing(image, reload, k, fired);
+      if (!fired) {
         // Every allocation has been failed once; this run succeeded.
         EXPECT_FALSE(failed) << what;
         EXPECT_GE(k, 3) << "the reload allocates the picture and its mip levels";

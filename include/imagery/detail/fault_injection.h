@@ -8,8 +8,6 @@
 // failure is armed, an allocation pays one relaxed atomic load.
 #pragma once
 
-#include <cstdint>
-
 #include "imagery/export.h"
 
 namespace imagery {
@@ -18,8 +16,9 @@ namespace testing {
 // Makes the n-th plane allocation from now on fail (n >= 1); n <= 0 disarms. Only one failure is armed
 // at a time, and it disarms itself when it fires.
 IMAGERY_API void FailPlaneAllocation(int n);
-// Plane allocations made (failed ones included) since the process started.
-IMAGERY_API std::int64_t PlaneAllocationCount();
+// The allocations still to come before the armed failure, that one included; 0 once it has fired or
+// when none is armed. Arming INT_MAX and reading this afterwards counts an operation's allocations.
+IMAGERY_API int PlaneAllocationsBeforeFailure();
 
 // Arms a failure for the scope of the object and disarms it on the way out, whether it fired or not.
 class ScopedPlaneAllocationFailure {
