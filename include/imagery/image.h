@@ -71,7 +71,8 @@ class IMAGERY_API Image {
   // image is then loaded through the factory's reader (and so through the image list), an incorporated
   // one from its bits. `requested` goes to the reader; IT_Grayscale8 also turns an IT_RGB8 result grey.
   // False on damaged data (the stream's error names the cause when the chunk is not an image chunk or a
-  // check of the bits fails) or when the file cannot be loaded (its error becomes the stream's).
+  // check of the bits fails, or memory for the pixels cannot be had) or when the file cannot be loaded
+  // (its error becomes the stream's). A failed read leaves the handle as it was.
   virtual bool Read(ZELStream* stream, EImageType requested);
   // Called inside the file reference chunk after its three values; a subclass reads what it wrote there.
   virtual bool FinishReadingIncorporationChunk(ZELStream* stream, bool incorporated, EImageType requested);
@@ -263,6 +264,9 @@ class IMAGERY_API Image {
   friend bool operator!=(const Image& a, const Image& b) { return !(a == b); }
 
  private:
+  // The body of Read, which may leave the handle anywhere on failure.
+  bool ReadImageChunk(ZELStream* stream, EImageType requested);
+
   ImageImpl* impl_;
   Transformations transformations_;
   Attributes extra_;

@@ -218,6 +218,8 @@ class IMAGERY_API ImageImpl {
   void CreateBackupDownSampling();
   void ReloadBackupDownSampling();
   bool HasDownSamplingBackup() const { return backup_ != nullptr; }
+  // Forgets the backup, for an operation that undoes the down-sampling that made it.
+  void DiscardBackupDownSampling() { backup_.reset(); }
   const PixelPlane* DownSamplingBackup() const { return backup_.get(); }
   std::int64_t DownSamplingRate() const;
   void OriginalSize(int& width, int& height) const;

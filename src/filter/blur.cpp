@@ -3,6 +3,8 @@
 // takes its terms in kernel order), and encoded back pixel by pixel.
 #include "imagery/blur.h"
 
+#include "image/handle_rollback.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -348,8 +350,11 @@ void BlurMono(Image& image, const MonoDimBlurKernel& kernel) {
 }
 
 void Blur(Image& image, const SeparableBlurKernel& kernel) {
+  // Running out of memory for the second pass must not leave the image half blurred.
+  HandleRollback rollback(image);
   BlurMono(image, kernel.horizontal);
   BlurMono(image, kernel.vertical);
+  rollback.Commit();
 }
 
 }  // namespace imagery

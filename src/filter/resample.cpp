@@ -8,6 +8,7 @@
 
 #include "filter/resample_adapters.h"
 #include "filter/resample_engine.h"
+#include "image/handle_rollback.h"
 #include "imagery/image_factory.h"
 
 namespace imagery {
@@ -54,13 +55,15 @@ void ResampleInto(const Image& source, Image& target, const ResampleOpts& option
       dispatcher, control, options.keepAspectRatio, true);
 }
 
-void ResampleInOnePass(Image& image, int width, int height, const ResampleOpts& options) {
+// In place, `displaced` (when given) receives a handle on the pixels and mip levels the image had.
+void ResampleInOnePass(Image& image, int width, int height, const ResampleOpts& options,
+                       std::unique_ptr<Image>* displaced = nullptr) {
   // Writing the new pixels into the factory's shared default implementation would resize every empty
   // handle in the process.
   if (options.implManagement == IM_InPlace)
     image.MakeUniqueIfFactoryDefault();
 
-  const std::unique_ptr<Image> target(
+  std::unique_ptr<Image> target(
       image.GetFactory()->Build(width, height, image.ImageType(), image.GetGamma()));
   const ZELNullInterruptor neverInterrupts;
   const ZELInterruptor& interruptor = options.interruptor != nullptr
@@ -87,6 +90,8 @@ void ResampleInOnePass(Image& image, int width, int height, const ResampleOpts& 
   if (options.implManagement == IM_InPlace) {
     image.GetImplRef().CreateBackupDownSampling();
     image.GetImplRef().SwapAllPixelData(fresh);
+    if (displaced != nullptr)
+      *displaced = std::move(target);
   } else {
     image.GetImplRef().CommonCopyTo(&fresh, options.careAboutIncorporation);
     image.ShareImpl(&fresh);
@@ -110,6 +115,12 @@ void Resample(Image& image, int width, int height, const ResampleOpts& options) 
     return;
   }
 
+  // A second pass that cannot be made takes the first back with it: a new implementation by putting
+  // the handle back, work in place by putting the displaced pixels back into the implementation.
+  HandleRollback rollback(image);
+  const bool inPlace = options.implManagement == IM_InPlace;
+  const bool hadBackup = image.GetImplRef().HasDownSamplingBackup();
+  std::unique_ptr<Image> displaced;
   ResampleOpts pass = options;
   // A sub-step is neither copied nor moved: each pass gets a new one, and the first ends before the second.
   std::unique_ptr<KORProgress::SubProgressStep> step;
@@ -118,16 +129,28 @@ void Resample(Image& image, int width, int height, const ResampleOpts& options) 
     step = std::make_unique<KORProgress::SubProgressStep>(*options.progress);
     pass.progress = step.get();
   }
-  Resample(image, width, currentHeight, pass);
+  ResampleInOnePass(image, width, currentHeight, pass, inPlace ? &displaced : nullptr);
   // An interrupted first pass leaves the size as it was; asking again would split again, forever.
-  if (image.Width() != width)
+  if (image.Width() != width) {
+    rollback.Commit();
     return;
+  }
   if (options.progress != nullptr) {
     step.reset();
     step = std::make_unique<KORProgress::SubProgressStep>(*options.progress);
     pass.progress = step.get();
   }
-  Resample(image, width, height, pass);
+  try {
+    ResampleInOnePass(image, width, height, pass);
+  } catch (...) {
+    if (displaced) {
+      image.GetImplRef().SwapAllPixelData(displaced->GetImplRef());
+      if (!hadBackup)
+        image.GetImplRef().DiscardBackupDownSampling();
+    }
+    throw;
+  }
+  rollback.Commit();
 }
 
 }  // namespace imagery

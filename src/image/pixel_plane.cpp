@@ -1,11 +1,38 @@
 #include "imagery/pixel_plane.h"
 
+#include <atomic>
 #include <climits>
 #include <cstring>
 #include <new>
 #include <utility>
 
+#include "imagery/detail/fault_injection.h"
+
 namespace imagery {
+
+namespace {
+// Allocations left before the armed failure, this one included; 0 when none is armed.
+std::atomic<int> allocationsBeforeFailure{0};
+
+// True when this allocation is the one a test asked to fail.
+bool InjectedFailure() {
+  int left = allocationsBeforeFailure.load(std::memory_order_relaxed);
+  while (left > 0 &&
+         !allocationsBeforeFailure.compare_exchange_weak(left, left - 1, std::memory_order_relaxed)) {
+  }
+  return left == 1;
+}
+}  // namespace
+
+namespace testing {
+void FailPlaneAllocation(int n) {
+  allocationsBeforeFailure.store(n > 0 ? n : 0, std::memory_order_relaxed);
+}
+
+int PlaneAllocationsBeforeFailure() {
+  return allocationsBeforeFailure.load(std::memory_order_relaxed);
+}
+}  // namespace testing
 
 PixelPlane::PixelPlane(int width, int height, EImageType type, GammaValue gamma) {
   Alloc(width, height, type, gamma);
@@ -33,6 +60,8 @@ void PixelPlane::Alloc(int width, int height, EImageType type, GammaValue gamma)
   const std::uint64_t total =
       static_cast<std::uint64_t>(rowBytes) * static_cast<std::uint64_t>(height > 0 ? height : 0);
   // One block holding every byte keeps the pixels contiguous; an empty store keeps the default block.
+  if (InjectedFailure())
+    throw std::bad_alloc();
   auto store = std::make_unique<Store>();
   if (!store->Create(total, total))
     throw std::bad_alloc();

@@ -129,7 +129,7 @@ static bool AdoptBits(Image& image, ZELStream* stream, const BitsHeader& header,
         factory->CreateImpl(header.width, header.height, format, GammaValue(header.gamma), NewPixels::Unset);
     built.reset(factory->CreateImage(impl));
   } catch (const std::bad_alloc&) {
-    return false;
+    return Fail(stream, "IMGRDMEM");
   }
   if (header.pictureType != PT_UNDEFINED)
     built->SetPtype(header.pictureType);

@@ -1,9 +1,11 @@
 // The image chunk: writing an image as a file reference or with its pixel bits, and reading it back.
 #include <algorithm>
 #include <cstdint>
+#include <new>
 
 #include <boost/filesystem/path.hpp>
 
+#include "image/handle_rollback.h"
 #include "imagery/conversions.h"
 #include "imagery/gamma_settings.h"
 #include "imagery/image.h"
@@ -240,6 +242,21 @@ bool Image::ReadChunk(ZELStream* stream, bool& bitsRead, bool& synchronized, int
 }
 
 bool Image::Read(ZELStream* stream, EImageType requested) {
+  // A chunk that cannot be read, or memory that cannot be had for it, leaves the handle as it was
+  // rather than on the placeholder or on a half-made implementation.
+  HandleRollback rollback(*this);
+  try {
+    if (!ReadImageChunk(stream, requested))
+      return false;
+  } catch (const std::bad_alloc&) {
+    stream->SetError(zel::ErrorCode::Internal("IMGRDMEM"));
+    return false;
+  }
+  rollback.Commit();
+  return true;
+}
+
+bool Image::ReadImageChunk(ZELStream* stream, EImageType requested) {
   ZEL_LOG_AT(L"gamma", L"TRACE", "Imagery/Image", "Read", __LINE__,
              L"Image::Read----------------------------");
   ZELReadChunk chunk;

@@ -1,0 +1,346 @@
+// Running out of memory in the middle of an operation that makes a new implementation. Each plane
+// allocation the operation makes is failed in turn; the operation must then throw std::bad_alloc (or
+// report its failure where it has a way to) and leave the image exactly as it was: same
+// implementation, same pixels, format, size and gamma, for the handle and for every handle sharing it,
+// with nothing left registered in the image list and nothing leaked.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "imagery/blur.h"
+#include "imagery/channel_ops.h"
+#include "imagery/conversions.h"
+#include "imagery/detail/fault_injection.h"
+#include "imagery/image.h"
+#include "imagery/image_factory.h"
+#include "imagery/image_list.h"
+#include "imagery/image_stream.h"
+#include "imagery/mipmap.h"
+#include "imagery/resample.h"
+#include "imagery_host/stream.h"
+#include "support/image_support.h"
+#include "support/random_image.h"
+
+namespace imagery {
+namespace {
+
+using testing_support::Bytes;
+using testing_support::PlaneBytes;
+using testing_support::RandomImage;
+// Answers false when the operation reported a failure without throwing.
+using Operation = std::function<bool(Image&)>;
+
+struct State {
+  explicit State(const Image& image)
+      : impl(image.GetImpl()),
+        type(image.ImageType()),
+        width(image.Width()),
+        height(image.Height()),
+        gamma(image.GetGamma()),
+        bytes(PlaneBytes(image)),
+        backup(image.GetImplRef().HasDownSamplingBackup()) {}
+  const ImageImpl* impl;
+  EImageType type;
+  int width, height;
+  GammaValue gamma;
+  Bytes bytes;
+  bool backup;
+};
+
+void ExpectUnchanged(const Image& image, const State& before, const std::string& what) {
+  EXPECT_EQ(image.GetImpl(), before.impl) << what;
+  EXPECT_EQ(image.ImageType(), before.type) << what;
+  EXPECT_EQ(image.Width(), before.width) << what;
+  EXPECT_EQ(image.Height(), before.height) << what;
+  EXPECT_EQ(image.GetGamma(), before.gamma) << what;
+  EXPECT_TRUE(PlaneBytes(image) == before.bytes) << what << ": pixels changed";
+  EXPECT_EQ(image.GetImplRef().HasDownSamplingBackup(), before.backup) << what;
+}
+
+// The plane allocations `operation` makes on `image`.
+int CountAllocations(Image& image, const Operation& operation, const std::string& name) {
+  const testing::ScopedPlaneAllocationFailure never(INT_MAX);
+  EXPECT_TRUE(operation(image)) << name << " fails without an injected failure";
+  return INT_MAX - testing::PlaneAllocationsBeforeFailure();
+}
+
+// Runs `operation` and reports whether it failed, by throwing std::bad_alloc or by its answer, and
+// whether the armed failure fired.
+bool RunFailing(Image& image, const Operation& operation, int k, bool& fired) {
+  const testing::ScopedPlaneAllocationFailure failure(k);
+  bool failed = false;
+  try {
+    failed = !operation(image);
+  } catch (const std::bad_alloc&) {
+    failed = true;
+  }
+  fired = testing::PlaneAllocationsBeforeFailure() == 0;
+  return failed;
+}
+
+// Counts the plane allocations `operation` makes on a copy of `source`, then runs it again on fresh
+// copies with each of them failing in turn. Returns the count.
+int FailEachAllocation(const Image& source, const Operation& operation, const std::string& name) {
+  const std::unique_ptr<Image> counted(source.DeepCopy());
+  const int count = CountAllocations(*counted, operation, name);
+  EXPECT_GT(count, 0) << name << " made no plane allocation";
+  for (int k = 1; k <= count; ++k) {
+    const std::string what = name + ", allocation " + std::to_string(k) + " of " + std::to_string(count);
+    const std::unique_ptr<Image> image(source.DeepCopy());
+    const Image sharer(*image);
+    const State before(*image);
+    const int listed = ImageList::Instance().CountImages();
+    bool fired = false;
+    EXPECT_TRUE(RunFailing(*image, operation, k, fired)) << what << ": the failure went unreported";
+    EXPECT_TRUE(fired) << what << ": the failure never fired";
+    ExpectUnchanged(*image, before, what);
+    ExpectUnchanged(sharer, before, what + " (second handle)");
+    EXPECT_EQ(ImageList::Instance().CountImages(), listed) << what << ": the list holds a new implementation";
+  }
+  return count;
+}
+
+template <class F>
+Operation Void(F f) {
+  return [f](Image& image) {
+    f(image);
+    return true;
+  };
+}
+
+const AlphaConversionOptions kKeepAlpha(true, true);
+
+// The hook fails exactly the allocation asked for, as a real shortage would, and only that one.
+TEST(FaultInjection, TheArmedAllocationAloneFailsAndLeavesItsPlaneAsItWas) {
+  PixelPlane plane(3, 2, IT_RGB8, gamma::sRGB);
+  plane.Zero();
+  {
+    const testing::ScopedPlaneAllocationFailure failure(2);
+    EXPECT_NO_THROW(PixelPlane(1, 1, IT_RGBA8, gamma::Linear));
+    EXPECT_EQ(testing::PlaneAllocationsBeforeFailure(), 1);
+    EXPECT_THROW(plane.Alloc(5, 5, IT_RGBA16, gamma::Linear), std::bad_alloc);
+    EXPECT_EQ(testing::PlaneAllocationsBeforeFailure(), 0) << "a failure that fired disarms itself";
+    EXPECT_NO_THROW(PixelPlane(2, 2, IT_RGB8, gamma::sRGB));
+  }
+  EXPECT_TRUE(plane.Width() == 3 && plane.Height() == 2 && plane.Type() == IT_RGB8 && plane.ByteSize() == 24);
+  EXPECT_TRUE(PlaneBytes(plane) == Bytes(24, 0));
+  { const testing::ScopedPlaneAllocationFailure failure(1); }
+  EXPECT_NO_THROW(plane.Alloc(4, 4, IT_RGB8, gamma::sRGB)) << "leaving the scope disarms";
+}
+
+TEST(FaultInjection, ConversionsLeaveTheImageAsItWas) {
+  const Image rgba8 = RandomImage(IT_RGBA8, 7, 5, gamma::sRGB, 1);
+  const Image rgba32f = RandomImage(IT_RGBA32f, 6, 4, gamma::Linear, 2);
+  const Image grey16 = RandomImage(IT_Grayscale16, 5, 6, gamma::Linear, 3);
+  FailEachAllocation(rgba32f, Void([](Image& i) { ToRGB8(i, gamma::sRGB, kKeepAlpha, CAI_Care); }), "ToRGB8");
+  FailEachAllocation(rgba8, Void([](Image& i) { ToRGB16(i, gamma::Linear, kKeepAlpha); }), "ToRGB16");
+  FailEachAllocation(grey16, Void([](Image& i) { ToRGB32f(i, kKeepAlpha); }), "ToRGB32f");
+  FailEachAllocation(rgba32f, Void([](Image& i) { ToRGBEA(i); }), "ToRGBEA");
+  FailEachAllocation(rgba8, Void([](Image& i) {
+                       ToGrayscale8(i, gamma::sRGB, CheckInImageList(true), AutoScaleGrayScale(true),
+                                    InvertGrayRange(false), CAI_Care);
+                     }),
+                     "ToGrayscale8");
+  FailEachAllocation(
+      rgba32f, Void([](Image& i) { ToGrayscale16(i, CheckInImageList(true), AutoScaleGrayScale(false)); }),
+      "ToGrayscale16");
+  FailEachAllocation(
+      rgba8, Void([](Image& i) { ToGrayScale32f(i, CheckInImageList(true), AutoScaleGrayScale(true)); }),
+      "ToGrayScale32f");
+  for (EImageType target : {IT_RGB8, IT_RGBEA, IT_RGBA16, IT_Grayscale32f})
+    FailEachAllocation(rgba8, Void([target](Image& i) { ToImageType(i, target, true); }),
+                       "ToImageType " + std::to_string(target));
+}
+
+TEST(FaultInjection, ChannelOperationsAndCropLeaveTheImageAsItWas) {
+  const Image rgba8 = RandomImage(IT_RGBA8, 7, 5, gamma::sRGB, 4);
+  const Image rgba16 = RandomImage(IT_RGBA16, 5, 5, gamma::Linear, 5);
+  FailEachAllocation(rgba16,
+                     Void([](Image& i) { DiscardAlphaInformation(i, CheckInImageList(true), CAI_Care); }),
+                     "DiscardAlphaInformation");
+  FailEachAllocation(
+      rgba8,
+      [](Image& i) { return ExtractAlphaInformation(i, CheckInImageList(true), InvertGrayRange(true)); },
+      "ExtractAlphaInformation");
+  FailEachAllocation(rgba16, Void([](Image& i) { InvertAlpha(i, IM_NewImpl); }), "InvertAlpha");
+  FailEachAllocation(rgba8, Void([](Image& i) { RGBToBGR(i, IM_NewImpl); }), "RGBToBGR");
+  FailEachAllocation(rgba8, Void([](Image& i) { InvertColorNoGamma(i, IM_NewImpl); }), "InvertColorNoGamma");
+  FailEachAllocation(rgba8, Void([](Image& i) { CropImage(i, {1, 2}, {4ul, 2ul}); }), "CropImage");
+  FailEachAllocation(rgba16, Void([](Image& i) { ReframeImage(i, {-2, 1}, {9ul, 3ul}); }), "ReframeImage");
+}
+
+TEST(FaultInjection, ResampleBlurAndMipMapsLeaveTheImageAsItWas) {
+  const Image rgba8 = RandomImage(IT_RGBA8, 12, 9, gamma::sRGB, 6);
+  const Image grey = RandomImage(IT_Grayscale32f, 9, 12, gamma::Linear, 7);
+  ResampleOpts options;
+  options.careAboutIncorporation = CAI_Care;
+  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 5, 4, options); }), "Resample down");
+  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 20, 17, options); }), "Resample up");
+  FailEachAllocation(grey, Void([options](Image& i) { Resample(i, 4, 20, options); }),
+                     "Resample down and up");
+  options.keepAspectRatio = true;
+  options.whiteMargin = true;
+  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 7, 7, options); }),
+                     "Resample with margins");
+  // In place, the pixels from before become the implementation's backup: that plane is allocated too.
+  options.implManagement = IM_InPlace;
+  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 8, 8, options); }), "Resample in place");
+  options.keepAspectRatio = false;
+  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 20, 4, options); }),
+                     "Resample in place, up and down");
+  FailEachAllocation(rgba8, Void([](Image& i) { Blur(i, BuildGaussianBlurKernel(1.5f, 0.8f, 3, 2)); }),
+                     "Blur");
+  FailEachAllocation(grey, Void([](Image& i) { Blur(i, BuildConstantBlurKernel(2, 1)); }), "Blur grey");
+  for (bool gammaCorrect : {false, true}) {
+    const int levels = FailEachAllocation(rgba8, Void([gammaCorrect](Image& i) {
+                                            ComputeMipMapCombined(i, nullptr, GammaCorrectFlag(gammaCorrect),
+                                                                  MipMapMethod::Standard);
+                                          }),
+                                          "ComputeMipMapCombined");
+    EXPECT_GE(levels, 3) << "every mip level is a plane of its own";
+  }
+  // A chain cut short by a failure is not taken for a valid one: computing it again gives every level.
+  const auto compute = [](Image& image) {
+    ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(true), MipMapMethod::Standard);
+  };
+  const std::unique_ptr<Image> clean(rgba8.DeepCopy()), retried(rgba8.DeepCopy());
+  compute(*clean);
+  bool fired = false;
+  EXPECT_TRUE(RunFailing(*retried, Void(compute), 2, fired) && fired);
+  compute(*retried);
+  const ImageImpl &expected = clean->GetImplRef(), &actual = retried->GetImplRef();
+  ASSERT_EQ(actual.MipMapLevels_Gamma(), expected.MipMapLevels_Gamma());
+  for (int level = 1; level < expected.MipMapLevels_Gamma(); ++level)
+    EXPECT_TRUE(PlaneBytes(actual.MipGamma(level)) == PlaneBytes(expected.MipGamma(level)))
+        << "level " << level;
+}
+
+// Operations that build a second image from the first: the first must not notice a failure, and the
+// failed copy must leave nothing behind.
+TEST(FaultInjection, CopiesLeaveTheSourceAsItWas) {
+  Image source = RandomImage(IT_RGB16, 6, 5, gamma::Linear, 8);
+  FailEachAllocation(source, Void([](Image& i) { std::unique_ptr<Image>(i.DeepCopy()); }), "DeepCopy");
+  source.GetTransformations().Rotate90(true);
+  source.GetTransformations().MirrorX();
+  FailEachAllocation(
+      source, Void([](Image& i) {
+        std::unique_ptr<Image>(ImageFactory::GetInstance().BuildAndBakeTransformations(i, true));
+      }),
+      "BuildAndBakeTransformations");
+}
+
+// The bits read back from a stream: a failure is the stream's error, and the target keeps what it had.
+TEST(FaultInjection, ReadingIncorporatedBitsFailsWithTheStreamErrorAndKeepsTheTarget) {
+  for (EImageType type : {IT_RGBA8, IT_Grayscale16, IT_RGBA32f}) {
+    const Image written = RandomImage(type, 6, 5, gamma::Linear, 9);
+    ZELMemoryStream out;
+    ASSERT_TRUE(written.Write(&out, true, false));
+    const Bytes bytes = out.Bytes();
+    const Image target = RandomImage(IT_RGB8, 3, 4, gamma::sRGB, 10);
+    FailEachAllocation(
+        target,
+        [&bytes, type](Image& image) {
+          ZELMemoryStream in(bytes);
+          const bool read = image.Read(&in, type);
+          EXPECT_EQ(read, in.GetError().IsOk()) << "a failed read sets the error";
+          if (read) {
+            EXPECT_TRUE(image.ImageType() == type && image.Width() == 6);
+          } else {
+            EXPECT_EQ(in.GetError().Tag(), "IMGRDMEM");
+          }
+          return read;
+        },
+        "Image::Read " + std::to_string(type));
+  }
+}
+
+// Damaged data fails the same way: the target keeps its implementation rather than a placeholder.
+TEST(FaultInjection, AStreamCutShortLeavesTheTargetAsItWas) {
+  const Image written = RandomImage(IT_RGBA8, 6, 5, gamma::Linear, 11);
+  ZELMemoryStream out;
+  ASSERT_TRUE(written.Write(&out, true, false));
+  Bytes bytes = out.Bytes();
+  bytes.resize(bytes.size() - 7);
+  Image target = RandomImage(IT_RGB16, 3, 4, gamma::Linear, 12);
+  const Image sharer(target);
+  const State before(target);
+  ZELMemoryStream in(bytes);
+  EXPECT_FALSE(target.Read(&in, IT_RGBA8));
+  ExpectUnchanged(target, before, "cut stream");
+  ExpectUnchanged(sharer, before, "cut stream (second handle)");
+}
+
+// A picture file is "width height grey alpha"; the reader makes the image the way host readers do,
+// through a handle of its own that it then assigns.
+zel::ErrorCode ReadPicture(Image* image, const ZELPath& path, EImageType type, int*, const ReadOptions&) {
+  std::ifstream in(path.local_string());
+  int width = 0, height = 0;
+  float grey = 0, alpha = 1;
+  if (!(in >> width >> height >> grey >> alpha))
+    return zel::ErrorCode::Io("not a picture");
+  Image loaded(width, height, type, gamma::Linear);
+  for (int i = 0; i < width * height; ++i)
+    loaded.SetPixelRGBA(i % width, i / width, LinearRGBA_T<float>(grey, grey, grey, alpha), ATO_None);
+  // A mip chain makes the reload allocate more than one plane.
+  ComputeMipMapCombined(loaded, nullptr, GammaCorrectFlag(false), MipMapMethod::Standard);
+  loaded.SetFilePath(path);
+  loaded.UpdateLastModif();
+  *image = loaded;
+  return zel::ErrorCode();
+}
+
+class FaultInjectionReload : public ::testing::Test {
+ protected:
+  void SetUp() override { ImageFactory::GetInstance().SetAdditionalFeaturesFunc(&ReadPicture); }
+  void TearDown() override { ImageFactory::GetInstance().SetAdditionalFeaturesFunc(nullptr); }
+  testing_support::TempFolder folder_;
+};
+
+TEST_F(FaultInjectionReload, AReaderFailingMidReloadKeepsTheOldVersionCurrent) {
+  const ZELPath path = folder_.Write("picture.txt", "6 4 0.25 1");
+  for (bool synchronized : {false, true}) {
+    Image image;
+    int extra = 0;
+    ASSERT_TRUE(image.ReadFromSource(path, IT_RGBA8, extra, ReadOptions()).IsOk());
+    image.GetImplRef().Synchronized(synchronized);
+    folder_.Write("picture.txt", "6 4 0.75 0.5");
+    testing_support::Touch(path);
+    const Operation reload = [synchronized](Image& handle) {
+      const bool updated =
+          synchronized ? ImageList::Instance().UpdateSynchronized()
+                       : ImageList::Instance().Update(
+                             handle.GetImpl(), zellib::TaggedValue<bool, ForceReloadOnUpdateTag>(false));
+      return updated && !handle.GetImpl()->IsMostRecentVersion();
+    };
+    const State before(image);
+    const int listed = ImageList::Instance().CountImages();
+    for (int k = 1;; ++k) {
+      const std::string what = "reload, allocation " + std::to_string(k);
+      bool fired = false;
+      const bool failed = RunFailing(image, reload, k, fired);
+      if (!fired) {
+        // Every allocation has been failed once; this run succeeded.
+        EXPECT_FALSE(failed) << what;
+        EXPECT_GE(k, 3) << "the reload allocates the picture and its mip levels";
+        break;
+      }
+      EXPECT_TRUE(failed) << what;
+      EXPECT_TRUE(image.GetImpl()->IsMostRecentVersion()) << what;
+      ExpectUnchanged(image, before, what);
+      EXPECT_EQ(ImageList::Instance().CountImages(), listed) << what;
+    }
+    EXPECT_TRUE(image.UpdateImage());
+    float grey = 0;
+    image.GetPixelGrayscale(0, 0, grey, ATO_None);
+    EXPECT_NEAR(grey, 0.75f, 0.01f);
+    folder_.Write("picture.txt", "6 4 0.25 1");
+  }
+}
+
+}  // namespace
+}  // namespace imagery
