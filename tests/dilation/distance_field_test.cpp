@@ -19,8 +19,8 @@ namespace {
 
 using Mask = std::vector<std::vector<bool>>;  // [y][x]
 
-Mask RandomMask(int width, int height, unsigned seed, int percentDefined) {
-  std::mt19937 random(seed);
+Mask RandomMask(int width, int height, unsigned draw, int percentDefined) {
+  std::mt19937 random(draw);
   Mask mask(static_cast<std::size_t>(height), std::vector<bool>(static_cast<std::size_t>(width)));
   for (auto& row : mask)
     for (std::size_t x = 0; x < row.size(); ++x)
@@ -105,10 +105,10 @@ TEST(DistanceField, KnownDistances) {
 // shortest 3-4 path, whose length has the closed form 4 min(dx, dy) + 3 |dx - dy|.
 TEST(DistanceField, MatchesPlainTransformAndChamferMetric) {
   const std::pair<int, int> sizes[] = {{1, 1}, {1, 9}, {13, 1}, {7, 5}, {31, 17}, {64, 3}};
-  unsigned seed = 1;
+  unsigned draw = 1;
   for (const auto& [width, height] : sizes) {
     for (const int percent : {1, 10, 60}) {
-      const Mask mask = RandomMask(width, height, seed++, percent);
+      const Mask mask = RandomMask(width, height, draw++, percent);
       const DistanceField field = FieldOf(mask);
       const std::vector<std::uint32_t> plain = PlainTwoPass(mask);
       bool any = false;
@@ -196,9 +196,9 @@ TEST(DistanceField, NextDistanceBreaksTiesInNeighbourOrder) {
 
 // Picking remembers its answers; asked in any order, every pixel must get the end of its own descent.
 TEST(DistanceField, PickingFollowsTheDescent) {
-  for (unsigned seed = 20; seed < 26; ++seed) {
-    const int width = 23 + static_cast<int>(seed), height = 11;
-    const Mask mask = RandomMask(width, height, seed, 3);
+  for (unsigned draw = 20; draw < 26; ++draw) {
+    const int width = 23 + static_cast<int>(draw), height = 11;
+    const Mask mask = RandomMask(width, height, draw, 3);
     const DistanceField field = FieldOf(mask);
     if (!field.HasDefinedPixels())
       continue;
@@ -206,7 +206,7 @@ TEST(DistanceField, PickingFollowsTheDescent) {
     for (int y = 0; y < height; ++y)
       for (int x = 0; x < width; ++x)
         pixels.emplace_back(x, y);
-    std::shuffle(pixels.begin(), pixels.end(), std::mt19937(seed));
+    std::shuffle(pixels.begin(), pixels.end(), std::mt19937(draw));
     for (int pass = 0; pass < 2; ++pass) {
       for (const auto& [x, y] : pixels) {
         int ex = x, ey = y;
@@ -215,7 +215,7 @@ TEST(DistanceField, PickingFollowsTheDescent) {
         int px = x, py = y;
         field.GetColorToPickCoordinates(px, py);
         ASSERT_EQ(std::make_pair(px, py), std::make_pair(ex, ey))
-            << "seed " << seed << " at " << x << "," << y;
+            << "draw " << draw << " at " << x << "," << y;
         EXPECT_TRUE(mask[py][px]);
       }
     }

@@ -29,8 +29,8 @@ using Mask = std::vector<std::uint8_t>;  // row-major, 1 = defined
 
 // A few filled discs and some scattered pixels, so that distances run from 0 to well past 384 on the
 // larger sizes.
-Mask RandomMask(int width, int height, unsigned seed) {
-  std::mt19937 random(seed);
+Mask RandomMask(int width, int height, unsigned draw) {
+  std::mt19937 random(draw);
   Mask mask(static_cast<std::size_t>(width * height), 0);
   for (int disc = 0; disc < 3; ++disc) {
     const int cx = static_cast<int>(random() % static_cast<unsigned>(width));
@@ -252,14 +252,14 @@ TEST(EdgeDilation, MatchesPlainDilation) {
   const EImageType types[] = {IT_RGB8,        IT_RGBA8,  IT_Grayscale8, IT_RGB16,       IT_RGBA16,
                               IT_Grayscale16, IT_RGB32f, IT_RGBA32f,    IT_Grayscale32f};
   const std::pair<int, int> sizes[] = {{160, 70}, {300, 9}, {7, 5}, {1, 40}, {37, 1}, {2, 1}};
-  unsigned seed = 100;
+  unsigned draw = 100;
   for (const EImageType type : types) {
     double largest = 0.0;
     int differing = 0, blurred = 0;
     for (const auto& [width, height] : sizes) {
-      ++seed;
-      const Image source = RandomImage(type, width, height, GammaValue(2.2f), seed);
-      const Mask mask = RandomMask(width, height, seed);
+      ++draw;
+      const Image source = RandomImage(type, width, height, GammaValue(2.2f), draw);
+      const Mask mask = RandomMask(width, height, draw);
       Image mine = Copy(source);
       Image plain = Copy(source);
 

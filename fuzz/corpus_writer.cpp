@@ -1,8 +1,8 @@
-// Writes the seed corpus of the fuzzers: valid image chunks of every format, incorporated and referenced,
+// Writes the starting corpus of the fuzzers: valid image chunks of every format, incorporated and referenced,
 // with transformations, picture type, title and attributes; gamma settings and colour chunks; a saved
 // settings file. Stream inputs are prefixed by the fuzzers' option byte (little-endian, current
 // version). Run from the repository root:
-//   ./build-fuzz/fuzz/imagery_fuzz_seeds fuzz/corpus
+//   ./build-fuzz/fuzz/imagery_fuzz_corpus fuzz/corpus
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -35,10 +35,10 @@ int main(int argc, char** argv) {
       for (int x = 0; x < 3; ++x)
         image.SetPixelRGBA(x, y, {0.1f * x, 0.3f * y, 0.7f, 0.5f}, ATO_None);
     image.SetPtype(PT_NormalMap);
-    image.SetTitle(L"seed");
+    image.SetTitle(L"sample");
     image.MirrorX();
     image.SetExposure(0.25f);
-    image.ExtraAttributes().put("seed.kind", "incorporated");
+    image.ExtraAttributes().put("sample.kind", "incorporated");
     ZELMemoryStream chunk;
     image.Write(&chunk, true, false);
     Save(root / "image_read", "incorporated_" + std::to_string(type), chunk.Bytes());
