@@ -1,7 +1,7 @@
 // Writes the starting corpus of the fuzzers: valid image chunks of every format, incorporated and referenced,
 // with transformations, picture type, title and attributes; gamma settings and colour chunks; a saved
-// settings file. Stream inputs are prefixed by the fuzzers' option byte (little-endian, current
-// version). Run from the repository root:
+// settings file; preview chunks in both payload forms and palette forms of preview bitmaps. Stream inputs are
+// prefixed by the fuzzers' option byte (little-endian, current version). Run from the repository root:
 //   ./build-fuzz/fuzz/imagery_fuzz_corpus fuzz/corpus
 #include <filesystem>
 #include <fstream>
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "imagery/colour_spaces.h"
+#include "imagery/dib24.h"
 #include "imagery/gamma_settings.h"
 #include "imagery/image.h"
 #include "imagery_host/settings.h"
@@ -65,6 +66,23 @@ int main(int argc, char** argv) {
   Save(root / "chunk_readers", "colour", colour.Bytes());
   Save(root / "chunk_readers", "hls", hls.Bytes());
   Save(root / "stream", "gamma_v1", v1.Bytes());
+
+  // Previews: quantised with and without alpha, raw, and the palette form, small enough for -max_len.
+  for (int form = 0; form < 3; ++form) {
+    KORDib24 preview(form == 2 ? 9 : 6, 5);
+    for (int y = 0; y < preview.Height(); ++y)
+      for (int x = 0; x < preview.Width(); ++x)
+        preview.SetPixel(
+            x, y,
+            CLRA(static_cast<unsigned char>(x * 40), static_cast<unsigned char>(y * 50),
+                 static_cast<unsigned char>(200 - x * y * 5), static_cast<unsigned char>(x * y * 9)));
+    preview.SetFlags(form == 1 ? 0 : KORDib24::kAlphaMeaningful);
+    ZELMemoryStream chunk, palette;
+    preview.Write(&chunk, form < 2);
+    Save(root / "preview", "preview_" + std::to_string(form), chunk.Bytes());
+    preview.QuantizedWrite(&palette);
+    Save(root / "palette_form", "palette_" + std::to_string(form), palette.Bytes());
+  }
 
   // The settings loader reads whole files, without the option byte.
   namespace xml = ::config::xml;
