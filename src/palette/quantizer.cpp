@@ -403,6 +403,11 @@ void pass2_no_dither(const unsigned char* in, unsigned char* out, int width) {
 }
 
 void pass2_fs_dither(const unsigned char* in, unsigned char* out, int width) {
+  // The error buffers exist only when init asked for dithering.
+  if (fserrors == nullptr || error_limiter == nullptr) {
+    pass2_no_dither(in, out, width);
+    return;
+  }
   // Errors are in 1/16 units; fserrors holds one triple per column plus a guard column at each end, so
   // column x lives at entry x + 1.
   int step;
