@@ -130,14 +130,28 @@ class UnpackTarget {
       decoded_ += count;
       return true;
     }
-    for (std::size_t i = 0; i < count; ++i, ++decoded_) {
-      const std::uint64_t o = decoded_;
-      if (o < kColorMapBytes)
-        colorMap_[o] = bytes[i];
-      else if (o < kColorMapBytes + pixelCount_)
-        pixels_[(o - kColorMapBytes) * 4] = bytes[i];  // the index, until Finish looks it up
-      else
-        pixels_[(o - kColorMapBytes - pixelCount_) * 4 + 3] = bytes[i];
+    // The stream is the colour map, then the index plane, then the alpha plane; each run goes to its place.
+    while (count > 0) {
+      std::size_t run;
+      if (decoded_ < kColorMapBytes) {
+        run = static_cast<std::size_t>(std::min<std::uint64_t>(count, kColorMapBytes - decoded_));
+        std::memcpy(colorMap_ + decoded_, bytes, run);
+      } else if (decoded_ < kColorMapBytes + pixelCount_) {
+        // The index, until LookUpColours replaces it by its colour.
+        run =
+            static_cast<std::size_t>(std::min<std::uint64_t>(count, kColorMapBytes + pixelCount_ - decoded_));
+        unsigned char* p = pixels_ + (decoded_ - kColorMapBytes) * 4;
+        for (std::size_t i = 0; i < run; ++i)
+          p[i * 4] = bytes[i];
+      } else {
+        run = count;
+        unsigned char* p = pixels_ + (decoded_ - kColorMapBytes - pixelCount_) * 4 + 3;
+        for (std::size_t i = 0; i < run; ++i)
+          p[i * 4] = bytes[i];
+      }
+      bytes += run;
+      count -= run;
+      decoded_ += run;
     }
     return true;
   }
