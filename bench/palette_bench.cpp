@@ -9,8 +9,10 @@
 // read back, against zlib compressing or uncompressing the same bytes in one call ("ratio_to_zlib").
 #include <zlib.h>
 
-#include <jpeglib.h>
+// jpeglib.h uses FILE without declaring it.
 #include <cstdio>
+
+#include <jpeglib.h>
 
 #include <chrono>
 #include <cstdlib>

@@ -2,8 +2,10 @@
 // brute-force nearest-colour reference, its process-wide settings, and its use from several threads.
 #include <gtest/gtest.h>
 
-#include <jpeglib.h>
+// jpeglib.h uses FILE without declaring it.
 #include <cstdio>
+
+#include <jpeglib.h>
 
 #include <algorithm>
 #include <set>
