@@ -18,10 +18,10 @@
 namespace {
 
 void Save(const std::filesystem::path& folder, const std::string& name,
-          const std::vector<unsigned char>& bytes) {
+          const std::vector<unsigned char>& bytes, char option = 0) {
   std::filesystem::create_directories(folder);
   std::ofstream out(folder / name, std::ios::binary);
-  out.put(0);
+  out.put(option);
   out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
@@ -80,6 +80,16 @@ int main(int argc, char** argv) {
     ZELMemoryStream chunk, palette;
     preview.Write(&chunk, form < 2);
     Save(root / "preview", "preview_" + std::to_string(form), chunk.Bytes());
+    // The same data handed to the harness undeflated (option bit 3): flags, width - 1, height - 1, form
+    // and block size, then the data.
+    std::vector<unsigned char> data = {1, 5, 4, static_cast<unsigned char>(form == 2 ? 3 + 40 : 40)};
+    if (form == 2) {
+      data.insert(data.end(), preview.GetBits(), preview.GetBits() + 6 * 5 * 4);
+    } else {
+      for (int i = 0; i < 1024 + 30 * (2 - form); ++i)
+        data.push_back(static_cast<unsigned char>(i < 1024 ? i * 7 : i % 256 < 200 ? i % 13 : 255));
+    }
+    Save(root / "preview", "undeflated_" + std::to_string(form), data, 8);
     preview.QuantizedWrite(&palette);
     Save(root / "palette_form", "palette_" + std::to_string(form), palette.Bytes());
   }
