@@ -12,7 +12,9 @@
 #include <thread>
 #include <tuple>
 
+#include "imagery/dib24.h"
 #include "imagery/quantizer.h"
+#include "imagery_host/stream.h"
 #include "palette/palette_support.h"
 
 namespace imagery {
@@ -239,7 +241,7 @@ TEST(Quantizer, ADesiredCountOutsideEightTo256PreparesNothingAndRowsAreIgnored) 
 // --- Threads
 // -------------------------------------------------------------------------------------------------
 
-TEST(Quantizer, ThreadsQuantisingAtOnceGetWhatEachGetsAlone) {
+TEST(Quantizer, ThreadsQuantisingAtOnceGetWhatEachGetsAloneDirectlyOrThroughPreviews) {
   constexpr int kThreads = 4, kRounds = 3;
   struct Job {
     Bytes pixels;
@@ -258,8 +260,22 @@ TEST(Quantizer, ThreadsQuantisingAtOnceGetWhatEachGetsAlone) {
     job.alone = QuantiseWithHelper(job.pixels, job.width, job.height, job.desired, job.dither);
     jobs.push_back(std::move(job));
   }
-  std::vector<int> mismatches(kThreads, 0);
+  // Quantised preview writers take the same quantiser: their chunks must not depend on who else runs.
+  KORDib24 preview(37, 21);
+  const Bytes previewPixels = TestPicture(37, 21 * 4 / 3 + 1, 9);
+  std::copy_n(previewPixels.begin(), preview.GetImageSize(), preview.GetBits());
+  ZELMemoryStream alone;
+  ASSERT_TRUE(preview.Write(&alone, true));
+
+  std::vector<int> mismatches(kThreads + 2, 0);
   std::vector<std::thread> threads;
+  for (int i = kThreads; i < kThreads + 2; ++i)
+    threads.emplace_back([&, i] {
+      for (int round = 0; round < kRounds; ++round) {
+        ZELMemoryStream stream;
+        mismatches[i] += !preview.Write(&stream, true) || stream.Bytes() != alone.Bytes();
+      }
+    });
   for (int i = 0; i < kThreads; ++i)
     threads.emplace_back([&, i] {
       const Job& job = jobs[i];
@@ -271,7 +287,7 @@ TEST(Quantizer, ThreadsQuantisingAtOnceGetWhatEachGetsAlone) {
     });
   for (std::thread& thread : threads)
     thread.join();
-  EXPECT_EQ(mismatches, std::vector<int>(kThreads, 0));
+  EXPECT_EQ(mismatches, std::vector<int>(kThreads + 2, 0));
 }
 
 }  // namespace
