@@ -12,7 +12,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 packages=(g++ cmake make zlib1g-dev libboost-dev libboost-filesystem-dev libglm-dev libmd-dev
-          libgtest-dev libgmock-dev libbenchmark-dev)
+          libjpeg62-turbo-dev libgtest-dev libgmock-dev libbenchmark-dev)
 
 install_missing_packages() {
   local missing=()
