@@ -3,6 +3,7 @@
 #   ./run.sh demo     the example program
 #   ./run.sh test     the test suites (CTest), at the widest processor level and at the plain one
 #   ./run.sh bench    the benchmarks
+#   ./run.sh peers    one table of our operations beside OpenCV's (README, "Speed")
 #   ./run.sh asan     the test suites under AddressSanitizer and UndefinedBehaviorSanitizer
 #   ./run.sh tsan     the test suites under ThreadSanitizer
 #   ./run.sh fuzz [seconds]   every libFuzzer target from its checked-in corpus (clang; 60 s each)
@@ -87,12 +88,18 @@ case "${1:-}" in
     build build-bench -DIMAGERY_BUILD_BENCHMARKS=ON -DIMAGERY_BUILD_TESTS=OFF
     ./build-bench/bench/imagery_bench "${@:2}"
     ;;
+  peers)
+    packages=(libopencv-dev)
+    install_missing_packages
+    build build-bench -DIMAGERY_BUILD_BENCHMARKS=ON -DIMAGERY_BUILD_TESTS=OFF
+    ./build-bench/bench/imagery_peer_table "${@:2}"
+    ;;
   asan)
-    build build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIMAGERY_SANITIZE_ADDRESS=ON
+    build build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIMAGERY_SANITIZE_ADDRESS=ON -DIMAGERY_BUILD_EXAMPLES=OFF
     run_tests build-asan
     ;;
   tsan)
-    build build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIMAGERY_SANITIZE_THREAD=ON
+    build build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIMAGERY_SANITIZE_THREAD=ON -DIMAGERY_BUILD_EXAMPLES=OFF
     run_tests build-tsan
     ;;
   fuzz)
@@ -103,7 +110,7 @@ case "${1:-}" in
     run_fuzzers "${2:-60}"
     ;;
   *)
-    echo "usage: $0 demo|test|bench|asan|tsan|fuzz" >&2
+    echo "usage: $0 demo|test|bench|peers|asan|tsan|fuzz" >&2
     exit 2
     ;;
 esac

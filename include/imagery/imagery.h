@@ -41,6 +41,7 @@
 #include "imagery/pixel_format.h"
 #include "imagery/pixel_plane.h"
 #include "imagery/pixel_tasks.h"
+#include "imagery/plane_memory.h"
 #include "imagery/process_pixels.h"
 #include "imagery/read_options.h"
 #include "imagery/resample.h"
