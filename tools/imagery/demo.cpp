@@ -270,7 +270,7 @@ int Demo::Run() {
 
   // mipmap: the grass island, whose thin alpha-tested blades are what the sharp methods keep
   const int level = 3;
-  std::string coverageText = "grass, mip level " + std::to_string(level) + " coverage\nalpha > 0.5:\n";
+  std::vector<std::vector<MipMapCoverage>> coverages;
   for (const MipMapMethod method :
        {MipMapMethod::Standard, MipMapMethod::SharpAlphaFixedThreshold, MipMapMethod::SharpAlphaDither}) {
     Image chainOf(grass);
@@ -293,12 +293,23 @@ int Demo::Run() {
                   Percent(at.covered),
               true))
       return kExitFailed;
-    coverageText += "  " + std::string(MipmapMethodName(method)) + ": " + Percent(at.covered) + "\n";
-    if (method == MipMapMethod::Standard)
-      coverageText += "  (level 0: " + Percent(chain.coverage[0].covered) + ")\n";
+    coverages.push_back(chain.coverage);
+  }
+  // The table `imagery mipmap` prints, one column per method.
+  std::string coverageText = "grass: % of alpha > 0.5\nlevel size    std   thr  dith\n";
+  for (std::size_t l = 0; !coverages.empty() && l < coverages[0].size(); ++l) {
+    char row[64];
+    const std::string dims = std::to_string(coverages[0][l].width) + "x" + std::to_string(coverages[0][l].height);
+    std::snprintf(row, sizeof row, "%3zu  %-7s", l, dims.c_str());
+    coverageText += row;
+    for (const auto& table : coverages) {
+      std::snprintf(row, sizeof row, " %5.1f", static_cast<double>(table[l].covered) * 100.0);
+      coverageText += row;
+    }
+    coverageText += "\n";
   }
   tiles_.push_back(
-      {TextTile(mono, coverageText, 200), "mipmap coverage table\nsharp methods keep the grass"});
+      {TextTile(mono, coverageText, 200), "mipmap coverage table\nstandard loses thin blades"});
 
   // dilate
   tiles_.push_back({WithoutAlpha(color), "atlas_Color.png, alpha off\nundefined colour is black"});
