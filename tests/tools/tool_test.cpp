@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <pty.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -52,7 +53,8 @@ void WriteFile(const fs::path& path, const std::string& bytes) {
 
 // Runs the tool with standard output and error captured in files (so neither is a terminal) and, when
 // asked, with its address space capped: a reader that tried to allocate a huge plane would then fail.
-Result RunTool(const std::vector<std::string>& args, const fs::path& scratch, rlim_t addressLimit = 0) {
+Result RunTool(const std::vector<std::string>& args, const fs::path& scratch, rlim_t addressLimit = 0,
+               const char* fontVariable = nullptr) {
   const fs::path out = scratch / ".stdout", err = scratch / ".stderr";
   std::vector<std::string> all{IMAGERY_TOOL};
   all.insert(all.end(), args.begin(), args.end());
@@ -72,6 +74,8 @@ Result RunTool(const std::vector<std::string>& args, const fs::path& scratch, rl
       const rlimit limit{addressLimit, addressLimit};
       setrlimit(RLIMIT_AS, &limit);
     }
+    if (fontVariable)
+      setenv("IMAGERY_FONT", fontVariable, 1);
     execv(argv[0], argv.data());
     _exit(127);
   }
@@ -84,6 +88,31 @@ Result RunTool(const std::vector<std::string>& args, const fs::path& scratch, rl
   fs::remove(out);
   fs::remove(err);
   return result;
+}
+
+// Runs the tool on a pseudo-terminal, as from an interactive shell; returns what it showed there.
+std::string RunOnTerminal(const std::vector<std::string>& args) {
+  std::vector<std::string> all{IMAGERY_TOOL};
+  all.insert(all.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& a : all)
+    argv.push_back(a.data());
+  argv.push_back(nullptr);
+  int master = -1;
+  const pid_t child = forkpty(&master, nullptr, nullptr, nullptr);
+  if (child == 0) {
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  std::string shown;
+  char buffer[4096];
+  for (ssize_t n; (n = read(master, buffer, sizeof buffer)) > 0;)
+    shown.append(buffer, static_cast<std::size_t>(n));
+  close(master);
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << shown;
+  return shown;
 }
 
 // Every stored byte of level 0 without row padding, with the size and format: two pictures are the same
@@ -221,6 +250,10 @@ struct Lossless {
   const char* to;
 };
 
+std::ostream& operator<<(std::ostream& out, const Lossless& c) {
+  return out << static_cast<int>(c.type) << " " << c.from << " to " << c.to;
+}
+
 class ToolLossless : public ToolTest, public ::testing::WithParamInterface<Lossless> {};
 
 // Converting between lossless files, alone and in a folder of several, must give back every stored value.
@@ -253,6 +286,64 @@ INSTANTIATE_TEST_SUITE_P(
       return "Type" + std::to_string(static_cast<int>(info.param.type)) + "_" + info.param.from + "_to_" +
              info.param.to;
     });
+
+struct FormatCase {
+  const char* name;
+  const char* extension;
+  EImageType expected;
+};
+
+// Each -f name gives its format, in a file type that keeps it, and -g the gamma asked for.
+TEST_F(ToolTest, FormatAndGammaOptionsGiveWhatTheyName) {
+  Save(RandomImage(IT_RGBA8, 9, 7, gamma::sRGB, 31), dir_ / "in.png");
+  const FormatCase cases[] = {
+      {"rgb8", "png", IT_RGB8},
+      {"rgba8", "png", IT_RGBA8},
+      {"grey8", "png", IT_Grayscale8},
+      {"gray16", "png", IT_Grayscale16},
+      {"rgb16", "tif", IT_RGB16},
+      {"rgba16", "png", IT_RGBA16},
+      {"grey32f", "exr", IT_Grayscale32f},
+      {"rgb32f", "tif", IT_RGB32f},
+      {"rgba32f", "exr", IT_RGBA32f},
+      {"rgbe", "hdr", IT_RGBEA},
+  };
+  for (const FormatCase& c : cases) {
+    const std::string out = P(std::string(c.name) + "." + c.extension);
+    const Result r = Run({"convert", P("in.png"), "-o", out, "-f", c.name});
+    ASSERT_EQ(r.exitCode, 0) << c.name << ": " << r.err;
+    EXPECT_EQ(Load(out).ImageType(), c.expected) << c.name;
+  }
+  ASSERT_EQ(Run({"convert", P("in.png"), "-o", P("linear.png"), "-f", "rgb16", "-g", "linear"}).exitCode, 0);
+  const Image linear = Load(dir_ / "linear.png");
+  EXPECT_EQ(linear.ImageType(), IT_RGB16);
+  EXPECT_EQ(linear.GetGamma(), gamma::Linear);
+  // The same light in another encoding: pixel (2, 3) decodes to nearly the same linear value.
+  const Image source = Load(dir_ / "in.png");
+  LinearRGB_T<float> a, b;
+  ConstPixelAccess(source.GetImplRef().Plane(), 2, 3).GetPixelRGB(a);
+  ConstPixelAccess(linear.GetImplRef().Plane(), 2, 3).GetPixelRGB(b);
+  EXPECT_NEAR(a.r, b.r, 1e-4);
+  EXPECT_NEAR(a.g, b.g, 1e-4);
+  EXPECT_NEAR(a.b, b.b, 1e-4);
+}
+
+TEST_F(ToolTest, ProgressShowsOnATerminalOnly) {
+  ASSERT_EQ(Run({"samples", P("in"), "--size", "32", "--count", "6"}).exitCode, 0);
+  std::vector<std::string> args{"convert", "-o", P("out"), "--ext", "tif"};
+  for (const std::string& name : Listing(dir_ / "in"))
+    args.push_back(P("in/" + name));
+  const std::string shown = RunOnTerminal(args);
+  EXPECT_NE(shown.find("convert ["), std::string::npos) << shown;
+  EXPECT_NE(shown.find("100%"), std::string::npos) << shown;
+  args.push_back("--overwrite");
+  args.push_back("--quiet");
+  EXPECT_EQ(RunOnTerminal(args), "");
+  // Off a terminal (the captured runs of every other test) nothing but errors is ever written.
+  const Result r = Run(args);
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.out + r.err, "");
+}
 
 // Geometry commands are checked against where each pixel must land, on lossless files of one format.
 TEST_F(ToolTest, GeometryCommandsMovePixelsWhereTheySay) {
@@ -558,6 +649,13 @@ TEST_F(ToolTest, DemoWritesResultsAndAContactSheet) {
   for (const char* file : {"samples/atlas_Color.png", "samples/sky.exr", "convert_sky.hdr", "atlas.imgs",
                            "dilate_color.png", "mipmap_dither_mip3.png", "info.txt"})
     EXPECT_TRUE(fs::exists(dir_ / "demo" / file)) << file;
+
+  // Without its font the demo says which font it looked for, and draws no sheet.
+  const Result noFont = RunTool({"demo", P("nofont")}, dir_, 0, "/nonexistent/Font.ttf");
+  ExpectOneLineFailure(noFont, "/nonexistent/Font.ttf");
+  EXPECT_FALSE(fs::exists(dir_ / "nofont/contact_sheet.png"));
+  WriteFile(dir_ / "notafont.ttf", "plain text");
+  ExpectOneLineFailure(RunTool({"demo", P("badfont")}, dir_, 0, P("notafont.ttf").c_str()), "notafont.ttf");
 }
 
 }  // namespace
