@@ -8,10 +8,11 @@
 // handed to a zero-filled plane is filled. Smaller planes, and every plane off Linux, come from the heap.
 //
 // The cache never holds more than the setting "imagery/PlaneCacheMegabytes" of project "kor" (default
-// 256; 0 turns it off); the oldest blocks go first when a new one would pass it. A block left unused for
-// two seconds is returned at the next large allocation or release, and every cached block is marked
-// reclaimable, so that the system can take it back under memory pressure even while the process sleeps.
-// ReleaseCachedPlaneMemory returns everything at once; ImageList::OnSceneClosed calls it.
+// 512, room for the two planes a blur of a 4096 x 4096 float image makes; 0 turns it off); the oldest blocks
+// go first when a new one would pass it. A block left unused for two seconds is returned at the next large
+// allocation or release, and every cached block is marked reclaimable, so that the system can take it back
+// under memory pressure even while the process sleeps. ReleaseCachedPlaneMemory returns everything at once;
+// ImageList::OnSceneClosed calls it.
 //
 // Every function here is thread-safe.
 #pragma once

@@ -19,7 +19,7 @@
 
 namespace imagery {
 namespace config {
-PlaneCacheKey PlaneCacheMegabytes{"imagery/PlaneCacheMegabytes", "kor", 256.0f};
+PlaneCacheKey PlaneCacheMegabytes{"imagery/PlaneCacheMegabytes", "kor", 512.0f};
 }  // namespace config
 
 namespace {
