@@ -134,6 +134,8 @@ zel::ErrorCode DecodeInto(const detail::Source& source, Image& image, EImageType
     const std::string failure = Decode(source, loaded);
     if (!failure.empty())
       return Failure(source.name, failure);
+    // Only now may the image list hand these pixels to other readers.
+    loaded.GetImplRef().PixelsWritten();
     if (path != nullptr) {
       loaded.SetFilePath(*path);
       loaded.UpdateLastModif();
@@ -285,17 +287,18 @@ std::string CheckPromise(std::int64_t width, std::int64_t height, std::uint64_t 
                   static_cast<long long>(height));
     return text;
   }
-  if (width > limits.maxDimension || height > limits.maxDimension ||
-      width * height > limits.maxPixels) {
-    std::snprintf(text, sizeof text, "image too large (%lld x %lld)", static_cast<long long>(width),
-                  static_cast<long long>(height));
-    return text;
-  }
-  // Small pictures are never refused: headers and tables dominate them.
+  // What the bytes cannot hold is the more telling cause, so it comes first. Small pictures are never
+  // refused: headers and tables dominate them.
   if (rawBytes > 65536 && rawBytes / maxRatio > fileSize) {
     std::snprintf(text, sizeof text, "truncated file: %lld x %lld pixels cannot fit in %llu bytes",
                   static_cast<long long>(width), static_cast<long long>(height),
                   static_cast<unsigned long long>(fileSize));
+    return text;
+  }
+  if (width > limits.maxDimension || height > limits.maxDimension ||
+      width * height > limits.maxPixels) {
+    std::snprintf(text, sizeof text, "image too large (%lld x %lld)", static_cast<long long>(width),
+                  static_cast<long long>(height));
     return text;
   }
   return std::string();
