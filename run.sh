@@ -11,7 +11,8 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 packages=(g++ cmake make zlib1g-dev libboost-dev libboost-filesystem-dev libglm-dev libmd-dev
-          libgtest-dev libgmock-dev libbenchmark-dev)
+          libgtest-dev libgmock-dev libbenchmark-dev
+          libpng-dev libjpeg62-turbo-dev libopenexr-dev libtiff-dev libstb-dev)
 
 install_missing_packages() {
   local missing=()
