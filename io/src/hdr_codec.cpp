@@ -163,8 +163,8 @@ struct HdrOutput {
 
 void HdrWrite(void* user, void* data, int size) {
   auto* output = static_cast<HdrOutput*>(user);
-  if (!output->failed && std::fwrite(data, 1, static_cast<std::size_t>(size), output->file) !=
-                             static_cast<std::size_t>(size))
+  if (!output->failed &&
+      std::fwrite(data, 1, static_cast<std::size_t>(size), output->file) != static_cast<std::size_t>(size))
     output->failed = true;
 }
 

@@ -206,8 +206,8 @@ std::string EncodeJpeg(const Image& image, const Target& target, const WriteOpti
   InstallErrorManager(error, target.name);
   compressor.info.err = &error.manager;
   compressor.created = true;
-  if (!WriteJpegRows(&compressor.info, &error, target.file, width, height,
-                     image.ImageType() == IT_Grayscale8, options.jpegQuality, rows.data()))
+  if (!WriteJpegRows(&compressor.info, &error, target.file, width, height, image.ImageType() == IT_Grayscale8,
+                     options.jpegQuality, rows.data()))
     return error.message;
   return std::string();
 }

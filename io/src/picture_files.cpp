@@ -156,8 +156,8 @@ std::string TemporaryName(const std::string& folder, const std::string& leaf) {
   static std::atomic<unsigned> counter{0};
   thread_local std::minstd_rand random(std::random_device{}());
   char suffix[64];
-  std::snprintf(suffix, sizeof suffix, ".%ld.%u.%08x.tmp", static_cast<long>(::getpid()), counter.fetch_add(1),
-                static_cast<unsigned>(random()));
+  std::snprintf(suffix, sizeof suffix, ".%ld.%u.%08x.tmp", static_cast<long>(::getpid()),
+                counter.fetch_add(1), static_cast<unsigned>(random()));
   return folder + "/." + leaf + suffix;
 }
 
@@ -278,8 +278,8 @@ bool StartsWith(const unsigned char* bytes, std::size_t size, const char* signat
 
 namespace detail {
 
-std::string CheckPromise(std::int64_t width, std::int64_t height, std::uint64_t rawBytes, std::size_t fileSize,
-                         std::uint64_t maxRatio) {
+std::string CheckPromise(std::int64_t width, std::int64_t height, std::uint64_t rawBytes,
+                         std::size_t fileSize, std::uint64_t maxRatio) {
   const PictureLimits limits = GetPictureLimits();
   char text[160];
   if (width < 1 || height < 1) {
@@ -295,8 +295,7 @@ std::string CheckPromise(std::int64_t width, std::int64_t height, std::uint64_t 
                   static_cast<unsigned long long>(fileSize));
     return text;
   }
-  if (width > limits.maxDimension || height > limits.maxDimension ||
-      width * height > limits.maxPixels) {
+  if (width > limits.maxDimension || height > limits.maxDimension || width * height > limits.maxPixels) {
     std::snprintf(text, sizeof text, "image too large (%lld x %lld)", static_cast<long long>(width),
                   static_cast<long long>(height));
     return text;
@@ -477,7 +476,8 @@ zel::ErrorCode ReadPictureFromMemory(const void* bytes, std::size_t size, Image&
 
 zel::ErrorCode WritePicture(const Image& image, const ZELPath& path, const WriteOptions& options) {
   const std::string name = DisplayName(path);
-  const FileFormat format = options.format != FileFormat::Unknown ? options.format : FormatFromExtension(path);
+  const FileFormat format =
+      options.format != FileFormat::Unknown ? options.format : FormatFromExtension(path);
   if (format == FileFormat::Unknown)
     return Failure(name, "no picture format for the extension '" + path.extension().ToUTF8() + "'");
   if (options.jpegQuality < 1 || options.jpegQuality > 100)

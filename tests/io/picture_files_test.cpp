@@ -45,8 +45,8 @@ Bytes Load(const std::filesystem::path& path) {
 }
 
 void Save(const std::filesystem::path& path, const Bytes& bytes) {
-  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
-                                              static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 // The stored pixels, row padding left out.
@@ -79,23 +79,27 @@ TEST(PictureFormats, ExtensionsAndSignaturesName) {
   const struct {
     const wchar_t* name;
     FileFormat format;
-  } kExtensions[] = {{L"a.png", FileFormat::PNG},     {L"a.PNG", FileFormat::PNG},
-                     {L"a.jpg", FileFormat::JPEG},    {L"a.JpEg", FileFormat::JPEG},
-                     {L"a.exr", FileFormat::OpenEXR}, {L"a.tif", FileFormat::TIFF},
-                     {L"a.tiff", FileFormat::TIFF},   {L"a.hdr", FileFormat::RadianceHDR},
-                     {L"a.txt", FileFormat::Unknown}, {L"png", FileFormat::Unknown},
-                     {L"dir.png/a", FileFormat::Unknown}};
+  } kExtensions[] = {
+      {L"a.png", FileFormat::PNG},   {L"a.PNG", FileFormat::PNG},         {L"a.jpg", FileFormat::JPEG},
+      {L"a.JpEg", FileFormat::JPEG}, {L"a.exr", FileFormat::OpenEXR},     {L"a.tif", FileFormat::TIFF},
+      {L"a.tiff", FileFormat::TIFF}, {L"a.hdr", FileFormat::RadianceHDR}, {L"a.txt", FileFormat::Unknown},
+      {L"png", FileFormat::Unknown}, {L"dir.png/a", FileFormat::Unknown}};
   for (const auto& entry : kExtensions)
     EXPECT_EQ(FormatFromExtension(ZELPath(entry.name)), entry.format) << ZELString(entry.name);
   const struct {
     const char* bytes;
     std::size_t size;
     FileFormat format;
-  } kSignatures[] = {{"\x89PNG\r\n\x1a\n", 8, FileFormat::PNG},     {"\x89PNG\r\n\x1a", 7, FileFormat::Unknown},
-                     {"\xff\xd8\xff\xe0", 4, FileFormat::JPEG},      {"v/1\x01", 4, FileFormat::OpenEXR},
-                     {"II*\0", 4, FileFormat::TIFF},                 {"MM\0*", 4, FileFormat::TIFF},
-                     {"#?RADIANCE\n", 11, FileFormat::RadianceHDR}, {"#?RGBE\n", 7, FileFormat::RadianceHDR},
-                     {"GIF89a", 6, FileFormat::Unknown},            {"", 0, FileFormat::Unknown}};
+  } kSignatures[] = {{"\x89PNG\r\n\x1a\n", 8, FileFormat::PNG},
+                     {"\x89PNG\r\n\x1a", 7, FileFormat::Unknown},
+                     {"\xff\xd8\xff\xe0", 4, FileFormat::JPEG},
+                     {"v/1\x01", 4, FileFormat::OpenEXR},
+                     {"II*\0", 4, FileFormat::TIFF},
+                     {"MM\0*", 4, FileFormat::TIFF},
+                     {"#?RADIANCE\n", 11, FileFormat::RadianceHDR},
+                     {"#?RGBE\n", 7, FileFormat::RadianceHDR},
+                     {"GIF89a", 6, FileFormat::Unknown},
+                     {"", 0, FileFormat::Unknown}};
   for (const auto& entry : kSignatures)
     EXPECT_EQ(FormatFromSignature(entry.bytes, entry.size), entry.format) << entry.bytes;
 }
@@ -113,15 +117,14 @@ TEST_P(LosslessRoundTrip, GivesBackTheStoredBytesFormatAndGamma) {
   const RoundTripCase& param = GetParam();
   const ScopedInputGamma input(1.8f);
   TempFolder folder;
-  const struct {
-    int width, height;
-  } kSizes[] = {{1, 1}, {1, 9}, {37, 21}, {130, 3}};
+  const struct { int width, height; } kSizes[] = {{1, 1}, {1, 9}, {37, 21}, {130, 3}};
   for (const auto& size : kSizes) {
     SCOPED_TRACE(std::to_string(size.width) + " x " + std::to_string(size.height));
     const Image written = RandomImage(param.type, size.width, size.height, GammaValue(param.gamma),
                                       static_cast<unsigned>(size.width * 31 + size.height));
     const auto file = folder.path / (std::string("picture.") + param.extension);
-    ASSERT_TRUE(WritePicture(written, PathOf(file), WriteOptions{FileFormat::Unknown, 90, 0, 6, true}).IsOk());
+    ASSERT_TRUE(
+        WritePicture(written, PathOf(file), WriteOptions{FileFormat::Unknown, 90, 0, 6, true}).IsOk());
     EXPECT_EQ(DetectFileFormat(PathOf(file)), FormatFromExtension(PathOf(file)));
 
     Image read;
@@ -154,12 +157,13 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(RoundTripCase{"png", IT_Grayscale8, -2.0f}, RoundTripCase{"png", IT_Grayscale16, 2.2f},
                       RoundTripCase{"png", IT_RGB8, 1.0f}, RoundTripCase{"png", IT_RGB16, -2.0f},
                       RoundTripCase{"png", IT_RGBA8, 2.2f}, RoundTripCase{"png", IT_RGBA16, 1.0f},
-                      RoundTripCase{"tif", IT_Grayscale8, -2.0f}, RoundTripCase{"tiff", IT_Grayscale16, -2.0f},
-                      RoundTripCase{"tif", IT_RGB8, -2.0f}, RoundTripCase{"tif", IT_RGB16, -2.0f},
-                      RoundTripCase{"tif", IT_RGBA8, -2.0f}, RoundTripCase{"tif", IT_RGBA16, -2.0f},
-                      RoundTripCase{"tif", IT_Grayscale32f, 1.0f}, RoundTripCase{"tif", IT_RGB32f, 1.0f},
-                      RoundTripCase{"tif", IT_RGBA32f, 1.0f}, RoundTripCase{"exr", IT_Grayscale32f, 1.0f},
-                      RoundTripCase{"exr", IT_RGB32f, 1.0f}, RoundTripCase{"exr", IT_RGBA32f, 1.0f}));
+                      RoundTripCase{"tif", IT_Grayscale8, -2.0f},
+                      RoundTripCase{"tiff", IT_Grayscale16, -2.0f}, RoundTripCase{"tif", IT_RGB8, -2.0f},
+                      RoundTripCase{"tif", IT_RGB16, -2.0f}, RoundTripCase{"tif", IT_RGBA8, -2.0f},
+                      RoundTripCase{"tif", IT_RGBA16, -2.0f}, RoundTripCase{"tif", IT_Grayscale32f, 1.0f},
+                      RoundTripCase{"tif", IT_RGB32f, 1.0f}, RoundTripCase{"tif", IT_RGBA32f, 1.0f},
+                      RoundTripCase{"exr", IT_Grayscale32f, 1.0f}, RoundTripCase{"exr", IT_RGB32f, 1.0f},
+                      RoundTripCase{"exr", IT_RGBA32f, 1.0f}));
 
 // A PNG written by libpng itself from raw samples in file order (red first, 16-bit big-endian).
 struct PngSpec {
@@ -236,7 +240,10 @@ TEST(PngReader, ExpandsEveryLayoutIntoTheFormatThatHoldsIt) {
   } kCases[] = {
       {"1-bit grey", {3, 1, 1, PNG_COLOR_TYPE_GRAY, 0, {0xA0}, {}, {}}, IT_Grayscale8, {255, 0, 255}},
       {"4-bit grey", {2, 1, 4, PNG_COLOR_TYPE_GRAY, 0, {0x3F}, {}, {}}, IT_Grayscale8, {0x33, 0xFF}},
-      {"grey with alpha", {1, 1, 8, PNG_COLOR_TYPE_GRAY_ALPHA, 0, {9, 200}, {}, {}}, IT_RGBA8, {9, 9, 9, 200}},
+      {"grey with alpha",
+       {1, 1, 8, PNG_COLOR_TYPE_GRAY_ALPHA, 0, {9, 200}, {}, {}},
+       IT_RGBA8,
+       {9, 9, 9, 200}},
       {"16-bit grey with alpha",
        {1, 1, 16, PNG_COLOR_TYPE_GRAY_ALPHA, 0, {1, 2, 3, 4}, {}, {}},
        IT_RGBA16,
@@ -245,7 +252,9 @@ TEST(PngReader, ExpandsEveryLayoutIntoTheFormatThatHoldsIt) {
        {2, 1, 8, PNG_COLOR_TYPE_GRAY, 0, {7, 8}, {}, {0, 8}},
        IT_RGBA8,
        {7, 7, 7, 255, 8, 8, 8, 0}},
-      {"palette", {2, 1, 8, PNG_COLOR_TYPE_PALETTE, 0, {1, 0}, {10, 20, 30, 40, 50, 60}, {}}, IT_RGB8,
+      {"palette",
+       {2, 1, 8, PNG_COLOR_TYPE_PALETTE, 0, {1, 0}, {10, 20, 30, 40, 50, 60}, {}},
+       IT_RGB8,
        {60, 50, 40, 30, 20, 10}},
       {"2-bit palette with alphas",
        {2, 1, 2, PNG_COLOR_TYPE_PALETTE, 0, {0x40}, {10, 20, 30, 40, 50, 60}, {128}},
@@ -279,8 +288,8 @@ TEST(PngReader, HonoursTheFilesGammaOtherwiseTheInputGamma) {
     int gammaFixed;
     bool srgb;
     float expected;
-  } kCases[] = {{0, true, -2.0f}, {45455, true, -2.0f}, {45455, false, 2.2f}, {100000, false, 1.0f},
-                {0, false, 1.7f}};
+  } kCases[] = {
+      {0, true, -2.0f}, {45455, true, -2.0f}, {45455, false, 2.2f}, {100000, false, 1.0f}, {0, false, 1.7f}};
   for (const auto& entry : kCases) {
     PngSpec spec{1, 1, 8, PNG_COLOR_TYPE_GRAY, 0, {100}, {}, {}};
     spec.gammaFixed = entry.gammaFixed;
@@ -417,7 +426,8 @@ TEST(JpegFiles, KeepSmoothPicturesCloseAndQualityTradesSize) {
           plane.PixelAddress(x, y)[c] = static_cast<unsigned char>(x * 2 + y + c * 20);
     std::uintmax_t sizes[2];
     for (int quality : {30, 95}) {
-      const auto file = folder.path / ("q" + std::to_string(quality) + "-" + std::to_string(channels) + ".jpg");
+      const auto file =
+          folder.path / ("q" + std::to_string(quality) + "-" + std::to_string(channels) + ".jpg");
       WriteOptions options;
       options.jpegQuality = quality;
       ASSERT_TRUE(WritePicture(image, PathOf(file), options).IsOk());
@@ -496,8 +506,9 @@ Bytes TiffPromising(std::uint32_t width, std::uint32_t height) {
     for (int i = 0; i < size; ++i)
       bytes.push_back(static_cast<unsigned char>(value >> (8 * i)));
   };
-  const std::uint32_t entries[][3] = {{256, 4, width}, {257, 4, height}, {258, 3, 8},  {259, 3, 1},  {262, 3, 1},
-                                      {273, 4, 0},     {277, 3, 1},      {278, 4, height}, {279, 4, 16}};
+  const std::uint32_t entries[][3] = {{256, 4, width}, {257, 4, height}, {258, 3, 8},
+                                      {259, 3, 1},     {262, 3, 1},      {273, 4, 0},
+                                      {277, 3, 1},     {278, 4, height}, {279, 4, 16}};
   const std::uint32_t count = sizeof entries / sizeof entries[0];
   const std::uint32_t dataAt = 8 + 2 + count * 12 + 4;
   put(count, 2);
@@ -557,9 +568,10 @@ TEST(BadFiles, FailWithTheFileAndTheCauseAndLeaveTheImageAlone) {
     }
   cases.push_back({"corrupt-header.jpg", corrupt, ""});
   for (const auto& [extension, bytes] : written)
-    for (const std::size_t cut : {std::size_t(8), bytes.size() * 2 / 5, bytes.size() * 9 / 10, bytes.size() - 1})
-      cases.push_back({"cut-" + std::to_string(cut) + "." + extension, Bytes(bytes.begin(), bytes.begin() + cut),
-                       ""});
+    for (const std::size_t cut :
+         {std::size_t(8), bytes.size() * 2 / 5, bytes.size() * 9 / 10, bytes.size() - 1})
+      cases.push_back(
+          {"cut-" + std::to_string(cut) + "." + extension, Bytes(bytes.begin(), bytes.begin() + cut), ""});
 
   Image image = RandomImage(IT_RGBA16, 3, 2, GammaValue(2.2f), 1);
   const ImageImpl* before = image.GetImpl();
@@ -569,10 +581,10 @@ TEST(BadFiles, FailWithTheFileAndTheCauseAndLeaveTheImageAlone) {
     const auto file = folder.path / entry.name;
     Save(file, entry.bytes);
     for (const bool fromMemory : {false, true}) {
-      const zel::ErrorCode result =
-          fromMemory ? ReadPictureFromMemory(entry.bytes.data(), entry.bytes.size(), image, IT_UNDEFINED,
-                                             entry.name.c_str())
-                     : ReadPicture(PathOf(file), image);
+      const zel::ErrorCode result = fromMemory
+                                        ? ReadPictureFromMemory(entry.bytes.data(), entry.bytes.size(), image,
+                                                                IT_UNDEFINED, entry.name.c_str())
+                                        : ReadPicture(PathOf(file), image);
       ASSERT_TRUE(result.IsBad());
       EXPECT_EQ(result.GetKind(), zel::ErrorCode::Kind::IoError);
       EXPECT_NE(result.Message().find(entry.name), std::string::npos) << result.Message();
@@ -615,7 +627,8 @@ TEST(AtomicWrite, NeverLeavesPartFilesNorDamagesTheExistingOne) {
     const auto target = folder.path / (std::string("kept.") + extension);
     if (std::string(extension) != "png")
       std::filesystem::copy_file(file, target);
-    failures.push_back(WritePicture(large, PathOf(target), WriteOptions{FileFormat::Unknown, 100, 0, 0, true}));
+    failures.push_back(
+        WritePicture(large, PathOf(target), WriteOptions{FileFormat::Unknown, 100, 0, 0, true}));
   }
   setrlimit(RLIMIT_FSIZE, &saved);
   std::signal(SIGXFSZ, previousHandler);
@@ -699,7 +712,8 @@ TEST(ChannelFiles, SiblingsAreFoundOnDiskForEveryExtension) {
     ASSERT_TRUE(WritePicture(colour, PathOf(folder.path / (stem + "_Roughness." + extension))).IsOk());
     const ZELPath source = PathOf(folder.path / (stem + "_Color." + extension));
     EXPECT_EQ(FindChannelPath(source, PT_NormalMap), PathOf(folder.path / (stem + "_NRM." + extension)));
-    EXPECT_EQ(FindChannelPath(source, PT_Roughness), PathOf(folder.path / (stem + "_Roughness." + extension)));
+    EXPECT_EQ(FindChannelPath(source, PT_Roughness),
+              PathOf(folder.path / (stem + "_Roughness." + extension)));
     EXPECT_TRUE(FindChannelPath(source, PT_Metallic).empty());
     Image normal;
     ASSERT_TRUE(ReadPicture(FindChannelPath(source, PT_NormalMap), normal).IsOk());

@@ -21,8 +21,9 @@ int main() {
   imagery::io::WriteOptions options;
   options.overwrite = true;
   imagery::Image read;
-  if (imagery::io::WritePicture(image, path, options).IsBad() || imagery::io::ReadPicture(path, read).IsBad() ||
-      read.Width() != 3 || read.ImageType() != imagery::IT_RGBA8)
+  if (imagery::io::WritePicture(image, path, options).IsBad() ||
+      imagery::io::ReadPicture(path, read).IsBad() || read.Width() != 3 ||
+      read.ImageType() != imagery::IT_RGBA8)
     return 2;
   std::remove("consumer.png");
 #endif

@@ -46,8 +46,8 @@ struct PictureInfo {
   FileFormat format = FileFormat::Unknown;
   int width = 0;
   int height = 0;
-  int channels = 0;         // colour and alpha channels in the file (a palette counts as 3, or 4 with alpha)
-  int bitsPerChannel = 0;   // 1, 2, 4, 8, 16 for integer files; 16 (half) or 32 for float files
+  int channels = 0;        // colour and alpha channels in the file (a palette counts as 3, or 4 with alpha)
+  int bitsPerChannel = 0;  // 1, 2, 4, 8, 16 for integer files; 16 (half) or 32 for float files
   bool floatingPoint = false;
   bool hasAlpha = false;
   bool palette = false;
@@ -122,8 +122,8 @@ IMAGERY_IO_API zel::ErrorCode WritePicture(const Image& image, const ZELPath& pa
 // (set by the library on reloads), it first asks the image list for a version of the file it already
 // holds, in `type` or converted from another format; otherwise it reads the file with ReadPicture and
 // converts to `type` (IT_UNDEFINED keeps the file's format). `extra` is left alone.
-IMAGERY_IO_API zel::ErrorCode ReadPictureSource(Image* image, const ZELPath& path, EImageType type, int* extra,
-                                                const ReadOptions& options);
+IMAGERY_IO_API zel::ErrorCode ReadPictureSource(Image* image, const ZELPath& path, EImageType type,
+                                                int* extra, const ReadOptions& options);
 
 // Installs ReadPictureSource as the process-wide factory's source reader.
 IMAGERY_IO_API void InstallPictureReader();
