@@ -510,20 +510,32 @@ zel::ErrorCode WritePicture(const Image& image, const ZELPath& path, const Write
 
 zel::ErrorCode ReadPictureSource(Image* image, const ZELPath& path, EImageType type, int*,
                                  const ReadOptions& options) {
+  const std::string name = DisplayName(path);
   if (image == nullptr)
-    return Failure(DisplayName(path), "no image to read into");
-  if (!options.bypassReaderCache) {
-    EImageType wanted = type;
-    // The list is searched by format: for the file's own format, find out what that is first.
-    if (wanted >= IT_UNDEFINED) {
-      PictureInfo info;
-      if (ReadPictureInfo(path, info).IsOk())
-        wanted = info.naturalType;
+    return Failure(name, "no image to read into");
+  if (!options.bypassReaderCache && type < IT_UNDEFINED &&
+      ImageList::Instance().Load(image, path, type, AutoScaleGrayScale(false)))
+    return zel::ErrorCode();
+  std::vector<unsigned char> bytes;
+  const std::string failure = ReadWholeFile(name, bytes);
+  if (!failure.empty())
+    return Failure(name, failure);
+  detail::Source source;
+  source.data = bytes.data();
+  source.size = bytes.size();
+  source.name = name.c_str();
+  // The list is searched by format: for the file's own format, its header says which that is.
+  if (!options.bypassReaderCache && type >= IT_UNDEFINED) {
+    PictureInfo info;
+    bool known = false;
+    try {
+      known = ReadInfo(source, info).empty();
+    } catch (const std::exception&) {
     }
-    if (wanted < IT_UNDEFINED && ImageList::Instance().Load(image, path, wanted, AutoScaleGrayScale(false)))
+    if (known && ImageList::Instance().Load(image, path, info.naturalType, AutoScaleGrayScale(false)))
       return zel::ErrorCode();
   }
-  return ReadPicture(path, *image, type);
+  return DecodeInto(source, *image, type, &path);
 }
 
 void InstallPictureReader() {

@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "imagery/gamma_settings.h"
@@ -163,7 +164,11 @@ INSTANTIATE_TEST_SUITE_P(
                       RoundTripCase{"tif", IT_RGBA16, -2.0f}, RoundTripCase{"tif", IT_Grayscale32f, 1.0f},
                       RoundTripCase{"tif", IT_RGB32f, 1.0f}, RoundTripCase{"tif", IT_RGBA32f, 1.0f},
                       RoundTripCase{"exr", IT_Grayscale32f, 1.0f}, RoundTripCase{"exr", IT_RGB32f, 1.0f},
-                      RoundTripCase{"exr", IT_RGBA32f, 1.0f}));
+                      RoundTripCase{"exr", IT_RGBA32f, 1.0f}),
+    [](const ::testing::TestParamInfo<RoundTripCase>& info) {
+      return std::string(info.param.extension) + "_format" +
+             std::to_string(static_cast<int>(info.param.type));
+    });
 
 // A PNG written by libpng itself from raw samples in file order (red first, 16-bit big-endian).
 struct PngSpec {
@@ -698,6 +703,43 @@ TEST(SourceReader, LoadsAFileOnceThroughTheImageListAndRereadsOnReload) {
   EXPECT_TRUE(failure.IsBad());
   EXPECT_NE(failure.Message().find("gone.png"), std::string::npos);
   EXPECT_EQ(missing.GetImpl(), before.GetImpl());
+}
+
+// Hosts read many files at once: every codec on several threads, through the installed reader too.
+TEST(SourceReader, ConcurrentReadsOfEveryFormatAgree) {
+  TempFolder folder;
+  const Image colour = RandomImage(IT_RGBA16, 33, 17, gamma::sRGB, 13);
+  std::vector<std::filesystem::path> files;
+  for (const char* extension : {"png", "jpg", "exr", "tif", "hdr"}) {
+    files.push_back(folder.path / (std::string("shared.") + extension));
+    ASSERT_TRUE(WritePicture(colour, PathOf(files.back())).IsOk());
+  }
+  std::vector<Bytes> expected;
+  for (const auto& file : files) {
+    Image read;
+    ASSERT_TRUE(ReadPicture(PathOf(file), read).IsOk());
+    expected.push_back(PixelBytes(read));
+  }
+  InstallPictureReader();
+  std::vector<int> mismatches(4, 0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      for (int round = 0; round < 10; ++round)
+        for (std::size_t f = 0; f < files.size(); ++f) {
+          Image image;
+          int extra = 0;
+          ReadOptions options;
+          options.bypassReaderCache = (round + t) % 2 == 0;
+          if (image.ReadFromSource(PathOf(files[f]), IT_UNDEFINED, extra, options).IsBad() ||
+              PixelBytes(image) != expected[f])
+            ++mismatches[t];
+        }
+    });
+  for (std::thread& thread : threads)
+    thread.join();
+  ImageFactory::GetInstance().SetAdditionalFeaturesFunc(nullptr);
+  EXPECT_EQ(mismatches, std::vector<int>(4, 0));
 }
 
 // The sibling channel files of a material are found in a real folder whatever their format.

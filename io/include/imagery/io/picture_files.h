@@ -66,7 +66,8 @@ struct PictureLimits {
   std::int64_t maxPixels = std::int64_t(1) << 28;
 };
 IMAGERY_IO_API PictureLimits GetPictureLimits();
-// Not synchronised with reads running at the same time; set the limits before starting them.
+// Not synchronised with reads running at the same time; set the limits before starting them. OpenEXR's
+// own header check takes the dimension limit in force at the first OpenEXR read.
 IMAGERY_IO_API void SetPictureLimits(const PictureLimits& limits);
 
 // Reads the header of the file at `path` into `info`. `info` is left as it was on failure.
