@@ -140,7 +140,7 @@ zel::ErrorCode DecodeInto(const detail::Source& source, Image& image, EImageType
       loaded.SetFilePath(*path);
       loaded.UpdateLastModif();
     }
-    if (requested != IT_UNDEFINED && requested < IT_UNDEFINED)
+    if (requested < IT_UNDEFINED)
       ToImageType(loaded, requested, false);
     image = loaded;
     return zel::ErrorCode();
