@@ -111,6 +111,8 @@ std::string ChooseChannels(const Imf::Header& header, ChannelChoice& choice) {
     choice.green = usable("G") ? "G" : nullptr;
     choice.blue = usable("B") ? "B" : nullptr;
     choice.channels = 3;
+  } else if (list.findChannel("RY") != nullptr || list.findChannel("BY") != nullptr) {
+    return "luminance-chroma OpenEXR files are not supported";
   } else if (usable("Y")) {
     choice.grey = "Y";
     choice.channels = 1;
