@@ -97,7 +97,8 @@ struct WriteOptions {
   FileFormat format = FileFormat::Unknown;
   // JPEG quality, 1..100.
   int jpegQuality = 90;
-  // PNG and TIFF sample depth: 8 or 16, or 0 for the image's own (16 for 16-bit and float images).
+  // PNG and TIFF sample depth, 8 or 16. 0 keeps the image's: 8-bit images stay 8-bit, others become
+  // 16-bit, except float images written to TIFF, which stay float.
   int bitsPerChannel = 0;
   // zlib level of PNG files, 0..9.
   int pngCompressionLevel = 6;
