@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
 # Developer entry point: installs missing Debian packages, configures, builds, then runs what was asked.
-#   ./run.sh demo     the example program
+#   ./run.sh demo [folder]   the imagery tool's demo: sample textures through every command, and a
+#                            contact sheet of the results (default folder: demo-output)
+#   ./run.sh example  the example program of the library alone
 #   ./run.sh test     the test suites (CTest), at the widest processor level and at the plain one
 #   ./run.sh bench    the benchmarks
+#   ./run.sh peers    one table of our operations beside OpenCV's (README, "Speed")
 #   ./run.sh asan     the test suites under AddressSanitizer and UndefinedBehaviorSanitizer
 #   ./run.sh tsan     the test suites under ThreadSanitizer
 #   ./run.sh fuzz [seconds]   every libFuzzer target from its checked-in corpus (clang; 60 s each)
@@ -11,8 +14,11 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 packages=(g++ cmake make zlib1g-dev libboost-dev libboost-filesystem-dev libglm-dev libmd-dev
-          libgtest-dev libgmock-dev libbenchmark-dev
-          libpng-dev libjpeg62-turbo-dev libopenexr-dev libtiff-dev libstb-dev)
+          libgtest-dev libgmock-dev libbenchmark-dev)
+# imagery::io: the codec libraries it calls.
+packages+=(libpng-dev libjpeg62-turbo-dev libopenexr-dev libtiff-dev libstb-dev)
+# The imagery tool: its command line, and the captions of the demo's contact sheet.
+packages+=(libcli11-dev libfreetype-dev fonts-dejavu-core)
 
 install_missing_packages() {
   local missing=()
@@ -75,6 +81,10 @@ install_missing_packages
 case "${1:-}" in
   demo)
     build build
+    ./build/tools/imagery demo "${2:-demo-output}"
+    ;;
+  example)
+    build build
     ./build/examples/imagery_demo
     ;;
   test)
@@ -87,24 +97,31 @@ case "${1:-}" in
     install_missing_packages
     build build-bench -DIMAGERY_BUILD_BENCHMARKS=ON -DIMAGERY_BUILD_TESTS=OFF
     ./build-bench/bench/imagery_bench "${@:2}"
+    bench/tool_jobs.sh build-bench/tools/imagery
+    ;;
+  peers)
+    packages=(libopencv-dev)
+    install_missing_packages
+    build build-bench -DIMAGERY_BUILD_BENCHMARKS=ON -DIMAGERY_BUILD_TESTS=OFF
+    ./build-bench/bench/imagery_peer_table "${@:2}"
     ;;
   asan)
-    build build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIMAGERY_SANITIZE_ADDRESS=ON
+    build build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIMAGERY_SANITIZE_ADDRESS=ON -DIMAGERY_BUILD_EXAMPLES=OFF
     run_tests build-asan
     ;;
   tsan)
-    build build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIMAGERY_SANITIZE_THREAD=ON
+    build build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIMAGERY_SANITIZE_THREAD=ON -DIMAGERY_BUILD_EXAMPLES=OFF
     run_tests build-tsan
     ;;
   fuzz)
     packages=(clang libclang-rt-dev)
     install_missing_packages
     CC=clang CXX=clang++ build build-fuzz -DIMAGERY_BUILD_FUZZERS=ON -DIMAGERY_BUILD_TESTS=OFF \
-      -DIMAGERY_BUILD_EXAMPLES=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo
+      -DIMAGERY_BUILD_EXAMPLES=OFF -DIMAGERY_BUILD_TOOLS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo
     run_fuzzers "${2:-60}"
     ;;
   *)
-    echo "usage: $0 demo|test|bench|asan|tsan|fuzz" >&2
+    echo "usage: $0 demo|example|test|bench|peers|asan|tsan|fuzz" >&2
     exit 2
     ;;
 esac

@@ -3,13 +3,15 @@
 // reflect (its default, BORDER_REFLECT_101): the same amount of work, different border values. Both
 // sides allocate their result every time, as users do, and use every thread they are given. The box
 // row of radius 50 also reports "ratio_to_radius_10": the running sums make the radius free.
-// Without OpenCV the rows are skipped.
+// "alloc_ms"/"alloc_share": the part of ours that is making its two planes (the pass between and the
+// result; allocation_share.h). Without OpenCV the rows are skipped.
 #include <chrono>
 #include <memory>
 #include <random>
 
 #include <benchmark/benchmark.h>
 
+#include "allocation_share.h"
 #include "imagery/blur.h"
 
 #ifdef IMAGERY_BENCH_HAVE_OPENCV
@@ -62,20 +64,26 @@ double TimeBlur(const SeparableBlurKernel& kernel) {
   return s;
 }
 
-void Report(benchmark::State& state, double ours, double opencv) {
+double BlurAllocationSeconds() {
+  return 2.0 * bench::NewImageSeconds(kSize, kSize, IT_RGBA32f);
+}
+
+void Report(benchmark::State& state, double ours, double opencv, double allocation) {
   const double n = static_cast<double>(state.iterations());
   state.counters["ms_ours"] = 1000.0 * ours / n;
   state.counters["ms_opencv"] = 1000.0 * opencv / n;
   state.counters["ratio_to_opencv"] = ours / opencv;
+  bench::ReportAllocationShare(state, allocation, ours);
 }
 
 void BM_BoxBlur(benchmark::State& state) {
   const int radius = static_cast<int>(state.range(0));
   const cv::Mat source = SourceMat();
   const SeparableBlurKernel kernel = BuildConstantBlurKernel(radius, radius);
-  double ours = 0.0, opencv = 0.0, radius10 = 0.0;
+  double ours = 0.0, opencv = 0.0, radius10 = 0.0, allocation = 0.0;
   for (auto _ : state) {
     ours += TimeBlur(kernel);
+    allocation += BlurAllocationSeconds();
     opencv += Seconds([&] {
       cv::Mat result;
       cv::blur(source, result, cv::Size(2 * radius + 1, 2 * radius + 1));
@@ -84,7 +92,7 @@ void BM_BoxBlur(benchmark::State& state) {
     if (radius != 10)
       radius10 += TimeBlur(BuildConstantBlurKernel(10, 10));
   }
-  Report(state, ours, opencv);
+  Report(state, ours, opencv, allocation);
   if (radius != 10)
     state.counters["ratio_to_radius_10"] = ours / radius10;
 }
@@ -94,16 +102,17 @@ BENCHMARK(BM_BoxBlur)->Name("BoxBlur_RGBA32f_4096_wraps_vs_cv_blur_reflects")->A
 void BM_GaussianBlur(benchmark::State& state) {
   const cv::Mat source = SourceMat();
   const SeparableBlurKernel kernel = BuildGaussianBlurKernel(2.0f, 2.0f, 6, 6);
-  double ours = 0.0, opencv = 0.0;
+  double ours = 0.0, opencv = 0.0, allocation = 0.0;
   for (auto _ : state) {
     ours += TimeBlur(kernel);
+    allocation += BlurAllocationSeconds();
     opencv += Seconds([&] {
       cv::Mat result;
       cv::GaussianBlur(source, result, cv::Size(13, 13), 2.0, 2.0);
       benchmark::DoNotOptimize(result.data);
     });
   }
-  Report(state, ours, opencv);
+  Report(state, ours, opencv, allocation);
 }
 BENCHMARK(BM_GaussianBlur)->Name("GaussianBlur_sigma2_r6_RGBA32f_4096_wraps_vs_cv_GaussianBlur_reflects")
     ->Unit(benchmark::kMillisecond)->Iterations(4)->UseRealTime();

@@ -6,15 +6,10 @@
 // conversion summed over its threads. Sources are sRGB where the format is gamma encoded; grey
 // conversions auto-scale where noted (a second pass over the source).
 //
-// Every conversion allocates its result (and writes every byte of it, without a zero fill first).
-// Large blocks come from the system fresh each time, and on some virtual machines the page faults of
-// touching them cost many times the conversion itself. With IMAGERY_BENCH_KEEP_HEAP=1 in the environment, the
-// process keeps freed memory for reuse instead (no mmap, no trimming), which shows the cost of the conversion
-// alone.
+// Every conversion allocates its result (and writes every byte of it, without a zero fill first), as a
+// caller's conversion does: "alloc_ms" and "alloc_share" give the allocation's part (allocation_share.h).
 #include <algorithm>
 #include <chrono>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <functional>
@@ -24,8 +19,8 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 
+#include "allocation_share.h"
 #include "imagery/colour_spaces.h"
 #include "imagery/conversions.h"
 
@@ -34,15 +29,6 @@ namespace {
 
 constexpr int kSize = 4096;
 using Clock = std::chrono::steady_clock;
-
-const bool kHeapKept = [] {
-  const char* keep = std::getenv("IMAGERY_BENCH_KEEP_HEAP");
-  if (keep == nullptr || std::strcmp(keep, "1") != 0)
-    return false;
-  mallopt(M_MMAP_MAX, 0);
-  mallopt(M_TRIM_THRESHOLD, INT_MAX);
-  return true;
-}();
 
 // The source of the last format asked for, kept while the benchmarks of that format run, so that
 // only one large source lives at a time.
@@ -94,25 +80,22 @@ void BM_Convert(benchmark::State& state, EImageType type, const Conversion& conv
   std::vector<unsigned char> copy(bytes);
   std::memcpy(copy.data(), plane.Data(), bytes);  // touch the pages once
   std::size_t resultBytes = 0;
+  EImageType resultType = type;
   {
     std::unique_ptr<Image> probe(inPlace ? source.DeepCopy() : new Image(source));
     convert(*probe);
     resultBytes = static_cast<std::size_t>(probe->GetImplRef().Plane().ByteSize());
+    resultType = probe->ImageType();
   }
   // The copy of the larger side, between two blocks of its own, both touched once.
   const std::size_t largerBytes = std::max(bytes, resultBytes);
   std::vector<unsigned char> largerFrom(largerBytes, 1);
   std::vector<unsigned char> largerTo(largerBytes, 0);
-  {
-    // One pass more once every block of the benchmark is taken, so that the result's memory is at hand
-    // when the process keeps its heap.
-    std::unique_ptr<Image> warmUp(inPlace ? source.DeepCopy() : new Image(source));
-    convert(*warmUp);
-  }
   double convertSeconds = 0.0;
   double convertCpuSeconds = 0.0;
   double copySeconds = 0.0;
   double largerCopySeconds = 0.0;
+  double allocationSeconds = 0.0;
   for (auto _ : state) {
     state.PauseTiming();
     std::unique_ptr<Image> image(inPlace ? source.DeepCopy() : new Image(source));
@@ -134,13 +117,14 @@ void BM_Convert(benchmark::State& state, EImageType type, const Conversion& conv
     std::memcpy(largerTo.data(), largerFrom.data(), largerBytes);
     benchmark::ClobberMemory();
     largerCopySeconds += std::chrono::duration<double>(Clock::now() - largerStart).count();
+    allocationSeconds += bench::NewImageSeconds(kSize, kSize, resultType);
     state.ResumeTiming();
   }
   state.counters["ratio_to_memcpy"] = convertSeconds / copySeconds;
   state.counters["ratio_to_memcpy_larger"] = convertSeconds / largerCopySeconds;
   // Processor time of every thread of the process: less disturbed than wall time on a busy machine.
   state.counters["cpu_ms"] = convertCpuSeconds * 1e3 / static_cast<double>(state.iterations());
-  state.counters["heap_kept"] = kHeapKept ? 1 : 0;
+  bench::ReportAllocationShare(state, allocationSeconds, convertSeconds);
   state.counters["ns_per_pixel"] =
       convertSeconds * 1e9 / (static_cast<double>(state.iterations()) * kSize * kSize);
 }

@@ -15,6 +15,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "allocation_share.h"
 #include "imagery/pixel_access.h"
 #include "imagery/resample.h"
 
@@ -126,6 +127,7 @@ void BM_Resample(benchmark::State& state, int from, int to, EImageType type) {
   Image plain(to, to, type, gamma::sRGB);
   double resampleSeconds = 0.0;
   double plainSeconds = 0.0;
+  double allocationSeconds = 0.0;
   bool compared = false;
   for (auto _ : state) {
     Image work = source;
@@ -134,6 +136,7 @@ void BM_Resample(benchmark::State& state, int from, int to, EImageType type) {
     resampleSeconds += std::chrono::duration<double>(Clock::now() - start).count();
 
     state.PauseTiming();
+    allocationSeconds += bench::NewImageSeconds(to, to, type);
     const auto plainStart = Clock::now();
     PixelPlane& target = plain.GetImplRef().Plane();
     if (to > from) {
@@ -158,6 +161,7 @@ void BM_Resample(benchmark::State& state, int from, int to, EImageType type) {
   state.counters["ratio_to_plain"] = resampleSeconds / plainSeconds;
   state.counters["ms_resample"] = 1000.0 * resampleSeconds / static_cast<double>(state.iterations());
   state.counters["ms_plain"] = 1000.0 * plainSeconds / static_cast<double>(state.iterations());
+  bench::ReportAllocationShare(state, allocationSeconds, resampleSeconds);
 }
 
 BENCHMARK_CAPTURE(BM_Resample, area_4096_to_1024_RGB8, 4096, 1024, IT_RGB8)

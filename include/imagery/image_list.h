@@ -78,7 +78,8 @@ class IMAGERY_API ImageList {
   // format.
   void Replace(const ZELPath& path, const Image& image);
 
-  // Drops the superseded versions (those with a next version), keeping the order of the others.
+  // Drops the superseded versions (those with a next version), keeping the order of the others, and
+  // returns the plane memory cached for reuse to the system (see plane_memory.h).
   void OnSceneClosed();
   // Forgets every implementation; they register again when given a path.
   void ForceFlushCache();

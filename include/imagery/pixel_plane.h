@@ -22,13 +22,14 @@
 #include "imagery/export.h"
 #include "imagery/gamma.h"
 #include "imagery/pixel_format.h"
+#include "imagery/plane_memory.h"
 #include "imagery_host/block_cache.h"
 
 namespace imagery {
 
 class IMAGERY_API PixelPlane {
  public:
-  using Store = ToolsBlockCache<KORByteArrayPolicy>;
+  using Store = ToolsBlockCache<PlaneMemoryPolicy>;
 
   // An unallocated plane: 0 x 0, IT_UNDEFINED, gamma "not set", no store.
   PixelPlane() = default;
@@ -43,6 +44,9 @@ class IMAGERY_API PixelPlane {
   // give an empty store. Throws std::bad_alloc when the memory cannot be had; the plane is then left
   // as it was.
   void Alloc(int width, int height, EImageType type, GammaValue gamma);
+  // As Alloc, with every byte 0; cheaper than Alloc then Zero where the memory comes fresh from the
+  // system, already zero (see plane_memory.h).
+  void AllocZeroed(int width, int height, EImageType type, GammaValue gamma);
   // Copies every byte of `source` when both planes have the same width, height and byte size; does
   // nothing otherwise. Format and gamma are never changed.
   void CopyFrom(const PixelPlane& source);
@@ -76,6 +80,8 @@ class IMAGERY_API PixelPlane {
   void Zero();
 
  private:
+  void Allocate(int width, int height, EImageType type, GammaValue gamma, bool zeroed);
+
   int width_ = 0;
   int height_ = 0;
   EImageType type_ = IT_UNDEFINED;

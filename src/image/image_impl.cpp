@@ -51,13 +51,14 @@ ImageImpl::ImageImpl(int width, int height, EImageType type, GammaValue gamma, S
     : shared_(shared), uniqueId_(zel_uid::PermUID::Generate()), list_(list) {
   shared_->IncRef();
   try {
-    plane_.Alloc(width, height, type, gamma);
+    if (pixels == NewPixels::Unset)
+      plane_.Alloc(width, height, type, gamma);
+    else
+      plane_.AllocZeroed(width, height, type, gamma);
   } catch (...) {
     shared_->DecRef();
     throw;
   }
-  if (pixels != NewPixels::Unset)
-    plane_.Zero();
   if (pixels == NewPixels::Zeroed) {
     if ((width > 1 || height > 1) && list_ != nullptr)
       list_->AddImpl(this);

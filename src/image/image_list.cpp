@@ -1,7 +1,6 @@
 #include "imagery/image_list.h"
 
 #include <array>
-
 #include <algorithm>
 #include <atomic>
 #include <memory>
@@ -10,6 +9,7 @@
 #include "imagery/conversions.h"
 #include "imagery/image.h"
 #include "imagery/image_factory.h"
+#include "imagery/plane_memory.h"
 #include "imagery/resample.h"
 #include "imagery_host/logger.h"
 
@@ -146,12 +146,15 @@ bool ImageList::Contains(const ImageImpl* impl) const {
 }
 
 void ImageList::OnSceneClosed() {
-  std::lock_guard<Mutex> lock(mutex_);
-  for (std::size_t i = impls_.size(); i-- > 0;) {
-    if (!impls_[i]->IsMostRecentVersion())
-      impls_.erase(impls_.begin() + static_cast<std::ptrdiff_t>(i));
+  {
+    std::lock_guard<Mutex> lock(mutex_);
+    for (std::size_t i = impls_.size(); i-- > 0;) {
+      if (!impls_[i]->IsMostRecentVersion())
+        impls_.erase(impls_.begin() + static_cast<std::ptrdiff_t>(i));
+    }
+    count_.store(static_cast<int>(impls_.size()), std::memory_order_relaxed);
   }
-  count_.store(static_cast<int>(impls_.size()), std::memory_order_relaxed);
+  ReleaseCachedPlaneMemory();
 }
 
 void ImageList::ForceFlushCache() {

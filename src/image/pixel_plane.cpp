@@ -51,6 +51,14 @@ PixelPlane& PixelPlane::operator=(PixelPlane&& other) noexcept {
 PixelPlane::~PixelPlane() = default;
 
 void PixelPlane::Alloc(int width, int height, EImageType type, GammaValue gamma) {
+  Allocate(width, height, type, gamma, false);
+}
+
+void PixelPlane::AllocZeroed(int width, int height, EImageType type, GammaValue gamma) {
+  Allocate(width, height, type, gamma, true);
+}
+
+void PixelPlane::Allocate(int width, int height, EImageType type, GammaValue gamma, bool zeroed) {
   // Unknown format bytes (from a damaged stream, say) still address one byte per pixel.
   const int bytesPerPixel = type > IT_UNDEFINED ? 1 : imagery::BytesPerPixel(type);
   const std::int64_t rowBytes =
@@ -63,7 +71,7 @@ void PixelPlane::Alloc(int width, int height, EImageType type, GammaValue gamma)
   if (InjectedFailure())
     throw std::bad_alloc();
   auto store = std::make_unique<Store>();
-  if (!store->Create(total, total))
+  if (!store->Create(total, total, zeroed))
     throw std::bad_alloc();
   width_ = width;
   height_ = height;

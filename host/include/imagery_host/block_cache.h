@@ -25,10 +25,13 @@ class KORBlockCacheInterface {
   virtual const unsigned char* GetBlock(std::size_t index) const = 0;
 };
 
-// Allocation policy of plain byte blocks: uninitialised memory, null when it cannot be had.
+// Allocation policy of plain byte blocks: null when the memory cannot be had; zero-filled when asked.
+// A policy is told each block's size again when it frees it, so that it may map memory itself.
 struct KORByteArrayPolicy {
-  static unsigned char* Allocate(std::size_t size) noexcept { return new (std::nothrow) unsigned char[size]; }
-  static void Free(unsigned char* block) noexcept { delete[] block; }
+  static unsigned char* Allocate(std::size_t size, bool zeroed) noexcept {
+    return zeroed ? new (std::nothrow) unsigned char[size]() : new (std::nothrow) unsigned char[size];
+  }
+  static void Free(unsigned char* block, std::size_t /*size*/) noexcept { delete[] block; }
 };
 
 template <class Policy>
@@ -41,9 +44,10 @@ class ToolsBlockCache final : public KORBlockCacheInterface {
   ToolsBlockCache& operator=(const ToolsBlockCache&) = delete;
   ~ToolsBlockCache() override { Release(); }
 
-  // Allocates `totalSize` bytes in blocks of `blockSize` (0 means the default size). The bytes are not
-  // initialised. Answers false, leaving the store empty, when the memory cannot be had.
-  bool Create(std::uint64_t totalSize, std::uint64_t blockSize) {
+  // Allocates `totalSize` bytes in blocks of `blockSize` (0 means the default size), zero-filled when
+  // `zeroed` is set and not initialised otherwise. Answers false, leaving the store empty, when the
+  // memory cannot be had.
+  bool Create(std::uint64_t totalSize, std::uint64_t blockSize, bool zeroed = false) {
     Release();
     blockSize_ = blockSize == 0 ? kDefaultBlockSize : blockSize;
     if (totalSize == 0)
@@ -52,16 +56,17 @@ class ToolsBlockCache final : public KORBlockCacheInterface {
     if (count > blocks_.max_size() || blockSize_ > SIZE_MAX)
       return false;
     blocks_.reserve(static_cast<std::size_t>(count));
+    // Set first: a failure part way frees the blocks already made with the sizes they were made with.
+    totalSize_ = totalSize;
     for (std::uint64_t i = 0; i < count; ++i) {
       const std::uint64_t size = std::min(blockSize_, totalSize - i * blockSize_);
-      unsigned char* block = Policy::Allocate(static_cast<std::size_t>(size));
+      unsigned char* block = Policy::Allocate(static_cast<std::size_t>(size), zeroed);
       if (block == nullptr) {
         Release();
         return false;
       }
       blocks_.push_back(block);
     }
-    totalSize_ = totalSize;
     return true;
   }
 
@@ -77,8 +82,8 @@ class ToolsBlockCache final : public KORBlockCacheInterface {
 
  private:
   void Release() {
-    for (unsigned char* block : blocks_)
-      Policy::Free(block);
+    for (std::size_t i = 0; i < blocks_.size(); ++i)
+      Policy::Free(blocks_[i], static_cast<std::size_t>(std::min(blockSize_, totalSize_ - i * blockSize_)));
     blocks_.clear();
     totalSize_ = 0;
   }

@@ -1,0 +1,127 @@
+#include "imagery/plane_memory.h"
+
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+#include <gtest/gtest.h>
+
+#include "imagery/image.h"
+#include "imagery/image_factory.h"
+#include "imagery/image_impl.h"
+#include "imagery/image_list.h"
+#include "imagery_host/settings.h"
+
+namespace imagery {
+namespace {
+
+constexpr std::uint64_t kMiB = 1048576;
+
+// IT_Grayscale8 planes of a whole number of MiB: 1024 bytes per row, no padding.
+Image GreyImageOfMiB(int mebibytes) {
+  return Image(1024, 1024 * mebibytes, IT_Grayscale8, gamma::sRGB);
+}
+
+class PlaneMemory : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SetLimitMiB(config::PlaneCacheMegabytes.default_value);
+    ReleaseCachedPlaneMemory();
+  }
+  void TearDown() override {
+    SetLimitMiB(config::PlaneCacheMegabytes.default_value);
+    ReleaseCachedPlaneMemory();
+  }
+  static void SetLimitMiB(float megabytes) {
+    ::config::xml::SetProperty(config::PlaneCacheMegabytes.name, megabytes,
+                               config::PlaneCacheMegabytes.project);
+  }
+  static bool Cached() {
+#if defined(__linux__)
+    return true;
+#else
+    return false;
+#endif
+  }
+};
+
+TEST_F(PlaneMemory, ZeroFilledImagesReadAsZeroAlsoOnReusedDirtyBlocks) {
+  const std::uint64_t reusedBefore = GetPlaneMemoryStatistics().reusedBlocks;
+  for (int round = 0; round < 3; ++round) {
+    Image image = GreyImageOfMiB(4);
+    PixelPlane& plane = image.GetImplRef().Plane();
+    for (std::uint64_t i = 0; i < plane.ByteSize(); ++i)
+      ASSERT_EQ(plane.Data()[i], 0) << "round " << round << " byte " << i;
+    std::memset(plane.Data(), 0xAB, static_cast<std::size_t>(plane.ByteSize()));
+  }
+  if (Cached()) {
+    EXPECT_EQ(GetPlaneMemoryStatistics().reusedBlocks - reusedBefore, 2u);
+  }
+}
+
+TEST_F(PlaneMemory, LargePlanesStartOnHugePageBoundaries) {
+  if (!Cached())
+    GTEST_SKIP() << "planes come from the heap here";
+  Image image = GreyImageOfMiB(3);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(image.GetImplRef().Plane().Data()) % (2 * kMiB), 0u);
+}
+
+TEST_F(PlaneMemory, TheCacheNeverKeepsMoreThanItsLimitAndDropsTheOldestFirst) {
+  if (!Cached())
+    GTEST_SKIP() << "planes come from the heap here";
+  SetLimitMiB(10.0f);
+  {
+    Image first = GreyImageOfMiB(4);
+    Image second = GreyImageOfMiB(3);
+    Image third = GreyImageOfMiB(5);
+    Image tooLarge = GreyImageOfMiB(12);
+  }
+  // Dropped in reverse order: 12 MiB passes the limit alone and goes back at once; 5 + 3 fit, then the
+  // 4 MiB block pushes the total to 12 and the oldest (5) leaves.
+  PlaneMemoryStatistics statistics = GetPlaneMemoryStatistics();
+  EXPECT_EQ(statistics.cachedBytes, 7 * kMiB);
+  EXPECT_EQ(statistics.cachedBlocks, 2u);
+
+  // The 4 MiB block fits a 4 MiB plane best; the 3 MiB block is left.
+  {
+    Image again = GreyImageOfMiB(4);
+    EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 3 * kMiB);
+  }
+  // A larger block serves a smaller plane and gives back its excess.
+  ReleaseCachedPlaneMemory();
+  { Image large = GreyImageOfMiB(8); }
+  {
+    Image small = GreyImageOfMiB(2);
+    EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 0u);
+  }
+  EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 2 * kMiB);
+
+  // A lowered limit holds from the next release on, for what was kept before too.
+  SetLimitMiB(0.0f);
+  { Image off = GreyImageOfMiB(4); }
+  statistics = GetPlaneMemoryStatistics();
+  EXPECT_EQ(statistics.cachedBytes, 0u);
+  EXPECT_EQ(statistics.cachedBlocks, 0u);
+}
+
+TEST_F(PlaneMemory, ClosingTheSceneReturnsTheCache) {
+  if (!Cached())
+    GTEST_SKIP() << "planes come from the heap here";
+  { Image image = GreyImageOfMiB(4); }
+  EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 4 * kMiB);
+  ImageFactory::GetInstance().GetImageList()->OnSceneClosed();
+  EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 0u);
+}
+
+TEST_F(PlaneMemory, AnUnusableLimitTurnsTheCacheOff) {
+  if (!Cached())
+    GTEST_SKIP() << "planes come from the heap here";
+  for (float limit : {-5.0f, std::numeric_limits<float>::quiet_NaN()}) {
+    SetLimitMiB(limit);
+    { Image image = GreyImageOfMiB(4); }
+    EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 0u) << limit;
+  }
+}
+
+}  // namespace
+}  // namespace imagery
