@@ -156,10 +156,11 @@ void JpegWrite(const Image& image, const std::string& path) {
   jpeg_set_quality(&info, 90, TRUE);
   jpeg_start_compress(&info, TRUE);
   const PixelPlane& plane = image.GetImplRef().Plane();
-  while (info.next_scanline < info.image_height) {
-    JSAMPROW row = const_cast<JSAMPROW>(plane.Row(static_cast<int>(info.next_scanline)));
-    jpeg_write_scanlines(&info, &row, 1);
-  }
+  std::vector<JSAMPROW> rows(kSize);
+  for (int y = 0; y < kSize; ++y)
+    rows[y] = const_cast<JSAMPROW>(plane.Row(y));
+  while (info.next_scanline < info.image_height)
+    jpeg_write_scanlines(&info, rows.data() + info.next_scanline, info.image_height - info.next_scanline);
   jpeg_finish_compress(&info);
   jpeg_destroy_compress(&info);
   std::fclose(file);
@@ -177,10 +178,11 @@ void JpegRead(const std::string& path) {
   jpeg_start_decompress(&info);
   const std::size_t rowBytes = static_cast<std::size_t>(info.output_width) * 3;
   std::unique_ptr<unsigned char[]> pixels(new unsigned char[rowBytes * info.output_height]);
-  while (info.output_scanline < info.output_height) {
-    JSAMPROW row = pixels.get() + info.output_scanline * rowBytes;
-    jpeg_read_scanlines(&info, &row, 1);
-  }
+  std::vector<JSAMPROW> rows(info.output_height);
+  for (JDIMENSION y = 0; y < info.output_height; ++y)
+    rows[y] = pixels.get() + y * rowBytes;
+  while (info.output_scanline < info.output_height)
+    jpeg_read_scanlines(&info, rows.data() + info.output_scanline, info.output_height - info.output_scanline);
   jpeg_finish_decompress(&info);
   jpeg_destroy_decompress(&info);
   std::fclose(file);

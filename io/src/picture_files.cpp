@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <new>
 #include <random>
 #include <string>
@@ -42,9 +43,16 @@ std::string SystemError(const char* what, int error) {
   return std::string(what) + ": " + std::strerror(error);
 }
 
+// A file's bytes, not zero-filled first: a large picture is read once, not written twice.
+struct FileBytes {
+  std::unique_ptr<unsigned char[]> data;
+  std::size_t size = 0;
+};
+
 // Reads a whole file. Files are read into memory before decoding so that every codec works on bytes
-// whose size is known, which is what the size checks need.
-std::string ReadWholeFile(const std::string& path, std::vector<unsigned char>& bytes) {
+// whose size is known, which is what the size checks need. (Mapping the file instead would turn a file
+// truncated by another program during the read into a crash.)
+std::string ReadWholeFile(const std::string& path, FileBytes& bytes) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0)
     return errno == ENOENT ? std::string("no such file") : SystemError("cannot open", errno);
@@ -53,28 +61,27 @@ std::string ReadWholeFile(const std::string& path, std::vector<unsigned char>& b
     ::close(fd);
     return "not a regular file";
   }
-  std::string failure;
-  try {
-    bytes.resize(static_cast<std::size_t>(status.st_size));
-  } catch (const std::bad_alloc&) {
+  const std::size_t size = static_cast<std::size_t>(status.st_size);
+  bytes.data.reset(new (std::nothrow) unsigned char[size > 0 ? size : 1]);
+  if (!bytes.data) {
     ::close(fd);
     return "out of memory";
   }
+  std::string failure;
   std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t got = ::read(fd, bytes.data() + done, bytes.size() - done);
+  while (done < size) {
+    const ssize_t got = ::read(fd, bytes.data.get() + done, size - done);
     if (got < 0 && errno == EINTR)
       continue;
     if (got < 0) {
       failure = SystemError("cannot read", errno);
       break;
     }
-    if (got == 0) {
-      bytes.resize(done);
+    if (got == 0)
       break;
-    }
     done += static_cast<std::size_t>(got);
   }
+  bytes.size = done;
   ::close(fd);
   return failure;
 }
@@ -432,13 +439,13 @@ void SetPictureLimits(const PictureLimits& limits) {
 
 zel::ErrorCode ReadPictureInfo(const ZELPath& path, PictureInfo& info) {
   const std::string name = DisplayName(path);
-  std::vector<unsigned char> bytes;
+  FileBytes bytes;
   std::string failure = ReadWholeFile(name, bytes);
   if (!failure.empty())
     return Failure(name, failure);
   detail::Source source;
-  source.data = bytes.data();
-  source.size = bytes.size();
+  source.data = bytes.data.get();
+  source.size = bytes.size;
   source.name = name.c_str();
   PictureInfo found;
   try {
@@ -454,13 +461,13 @@ zel::ErrorCode ReadPictureInfo(const ZELPath& path, PictureInfo& info) {
 
 zel::ErrorCode ReadPicture(const ZELPath& path, Image& image, EImageType requested) {
   const std::string name = DisplayName(path);
-  std::vector<unsigned char> bytes;
+  FileBytes bytes;
   const std::string failure = ReadWholeFile(name, bytes);
   if (!failure.empty())
     return Failure(name, failure);
   detail::Source source;
-  source.data = bytes.data();
-  source.size = bytes.size();
+  source.data = bytes.data.get();
+  source.size = bytes.size;
   source.name = name.c_str();
   return DecodeInto(source, image, requested, &path);
 }
@@ -516,13 +523,13 @@ zel::ErrorCode ReadPictureSource(Image* image, const ZELPath& path, EImageType t
   if (!options.bypassReaderCache && type < IT_UNDEFINED &&
       ImageList::Instance().Load(image, path, type, AutoScaleGrayScale(false)))
     return zel::ErrorCode();
-  std::vector<unsigned char> bytes;
+  FileBytes bytes;
   const std::string failure = ReadWholeFile(name, bytes);
   if (!failure.empty())
     return Failure(name, failure);
   detail::Source source;
-  source.data = bytes.data();
-  source.size = bytes.size();
+  source.data = bytes.data.get();
+  source.size = bytes.size;
   source.name = name.c_str();
   // The list is searched by format: for the file's own format, its header says which that is.
   if (!options.bypassReaderCache && type >= IT_UNDEFINED) {
