@@ -333,12 +333,13 @@ int Main(int argc, char** argv) {
         }
       }
       const Image* maskImage = maskPath.empty() ? nullptr : &mask;
-      if (writeDistance && (maskImage || HasAlpha(ctx.image.ImageType())) &&
-          (!maskImage || (mask.Width() == ctx.image.Width() && mask.Height() == ctx.image.Height())))
-        ctx.outputs.emplace_back(DistanceImage(ctx.image, maskImage), WithSuffix(ctx.target, "_distance"));
       if (!DilateImage(ctx.image, maskImage, error))
         return false;
-      ctx.outputs.emplace(ctx.outputs.begin(), ctx.image, ctx.target);
+      if (writeDistance) {
+        // Dilation keeps alpha, so the dilated picture still tells the same pixels apart.
+        ctx.outputs.emplace_back(ctx.image, ctx.target);
+        ctx.outputs.emplace_back(DistanceImage(ctx.image, maskImage), WithSuffix(ctx.target, "_distance"));
+      }
       return true;
     });
   }
