@@ -15,6 +15,8 @@ cd "$(dirname "$0")"
 
 packages=(g++ cmake make zlib1g-dev libboost-dev libboost-filesystem-dev libglm-dev libmd-dev
           libgtest-dev libgmock-dev libbenchmark-dev)
+# imagery::io: the codec libraries it calls.
+packages+=(libpng-dev libjpeg62-turbo-dev libopenexr-dev libtiff-dev libstb-dev)
 # The imagery tool: its command line, and the captions of the demo's contact sheet.
 packages+=(libcli11-dev libfreetype-dev fonts-dejavu-core)
 

@@ -1,4 +1,5 @@
 // Example program: walks through what the library offers so far and prints what it did.
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -507,6 +508,65 @@ void ShowEdgeDilation() {
               distances.GetImplRef().Plane().PixelAddress(10, 1010)[0]);
 }
 
+// Quantises a generated picture to a palette, packs it as a compressed preview into a scene stream, reads
+// it back, and evaluates a colour map along its length.
+void ShowPalettesPreviewsAndColourMaps() {
+  using namespace imagery;
+  std::cout << "Palettes, previews and colour maps\n";
+  KORDib24 preview(96, 64);
+  for (int y = 0; y < preview.Height(); ++y)
+    for (int x = 0; x < preview.Width(); ++x) {
+      const bool disc = (x - 48) * (x - 48) + (y - 32) * (y - 32) < 400;
+      preview.SetPixel(x, y,
+                       CLRA(static_cast<unsigned char>(x * 255 / 95), static_cast<unsigned char>(y * 4),
+                            disc ? 230 : 40, disc ? 255 : 128));
+    }
+  preview.SetMeaningfulAlpha(true);
+
+  std::vector<int> colourUse(256, 0);
+  QuantizeFrame(
+      true, false, CM_RGBA8, preview.GetBits(), preview.Width(), preview.Height(),
+      [](const unsigned char*, unsigned) {},
+      [&](int, const unsigned char* indices, int) {
+        for (int x = 0; x < 96; ++x)
+          ++colourUse[indices[x]];
+        return true;
+      },
+      [](float) {});
+  const long used = std::count_if(colourUse.begin(), colourUse.end(), [](int n) { return n > 0; });
+  std::printf("  96 x 64 picture quantised with dithering: %ld palette entries in use\n", used);
+
+  ZELMemoryStream stream;
+  preview.Write(&stream, true);
+  const std::size_t quantisedBytes = stream.Bytes().size();
+  preview.Write(&stream, false);
+  std::printf("  preview chunks: %zu bytes quantised, %zu bytes raw (pixels: %zu bytes)\n", quantisedBytes,
+              stream.Bytes().size() - quantisedBytes, preview.GetImageSize());
+  stream.Rewind();
+  KORDib24 quantised, raw;
+  const bool read = quantised.Read(&stream, false) && raw.Read(&stream, false);
+  int largestError = 0;
+  for (std::size_t i = 0; i < preview.GetImageSize(); ++i)
+    largestError = std::max(largestError, std::abs(quantised.GetBits()[i] - preview.GetBits()[i]));
+  std::printf("  read back: %s; raw form identical: %s; largest channel error of the palette form: %d\n",
+              read ? "yes" : "no",
+              std::memcmp(raw.GetBits(), preview.GetBits(), preview.GetImageSize()) == 0 ? "yes" : "no",
+              largestError);
+
+  ColorMap map(ColorMap::Clamp, ColorMap::Mirror);
+  map.SetKey(0, LinearRGB_T<float>(0.02f, 0.05f, 0.3f));
+  map.SetKey(4000, LinearRGB_T<float>(0.1f, 0.6f, 0.1f));
+  map.SetKey(10000, LinearRGB_T<float>(1.0f, 1.0f, 1.0f));
+  std::cout << "  colour map (blue, green, white; mirrored above the end):";
+  for (const double v : {-1.0, -0.5, 0.0, 0.5, 1.0, 1.5}) {
+    CLR colour;
+    ExtraireCouleur(v, &map, colour);
+    std::printf(" %.1f:#%02X%02X%02X", v, colour.Red(), colour.Green(), colour.Blue());
+  }
+  const LinearRGB_T<float> mean = map.GetAverageColor(100);
+  std::printf("\n  mean colour (%.3f, %.3f, %.3f)\n\n", mean.r, mean.g, mean.b);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -522,5 +582,6 @@ int main(int argc, char** argv) {
   UseSettingsAndLogger();
   ShowBlurAndMipMaps();
   ShowEdgeDilation();
+  ShowPalettesPreviewsAndColourMaps();
   return 0;
 }

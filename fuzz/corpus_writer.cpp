@@ -1,7 +1,7 @@
 // Writes the starting corpus of the fuzzers: valid image chunks of every format, incorporated and referenced,
 // with transformations, picture type, title and attributes; gamma settings and colour chunks; a saved
-// settings file. Stream inputs are prefixed by the fuzzers' option byte (little-endian, current
-// version). Run from the repository root:
+// settings file; preview chunks in both payload forms and palette forms of preview bitmaps. Stream inputs are
+// prefixed by the fuzzers' option byte (little-endian, current version). Run from the repository root:
 //   ./build-fuzz/fuzz/imagery_fuzz_corpus fuzz/corpus
 #include <filesystem>
 #include <fstream>
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "imagery/colour_spaces.h"
+#include "imagery/dib24.h"
 #include "imagery/gamma_settings.h"
 #include "imagery/image.h"
 #include "imagery_host/settings.h"
@@ -17,10 +18,10 @@
 namespace {
 
 void Save(const std::filesystem::path& folder, const std::string& name,
-          const std::vector<unsigned char>& bytes) {
+          const std::vector<unsigned char>& bytes, char option = 0) {
   std::filesystem::create_directories(folder);
   std::ofstream out(folder / name, std::ios::binary);
-  out.put(0);
+  out.put(option);
   out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
@@ -65,6 +66,33 @@ int main(int argc, char** argv) {
   Save(root / "chunk_readers", "colour", colour.Bytes());
   Save(root / "chunk_readers", "hls", hls.Bytes());
   Save(root / "stream", "gamma_v1", v1.Bytes());
+
+  // Previews: quantised with and without alpha, raw, and the palette form, small enough for -max_len.
+  for (int form = 0; form < 3; ++form) {
+    KORDib24 preview(form == 2 ? 9 : 6, 5);
+    for (int y = 0; y < preview.Height(); ++y)
+      for (int x = 0; x < preview.Width(); ++x)
+        preview.SetPixel(
+            x, y,
+            CLRA(static_cast<unsigned char>(x * 40), static_cast<unsigned char>(y * 50),
+                 static_cast<unsigned char>(200 - x * y * 5), static_cast<unsigned char>(x * y * 9)));
+    preview.SetFlags(form == 1 ? 0 : KORDib24::kAlphaMeaningful);
+    ZELMemoryStream chunk, palette;
+    preview.Write(&chunk, form < 2);
+    Save(root / "preview", "preview_" + std::to_string(form), chunk.Bytes());
+    // The same data handed to the harness undeflated (option bit 3): flags, width - 1, height - 1, form
+    // and block size, then the data.
+    std::vector<unsigned char> data = {1, 5, 4, static_cast<unsigned char>(form == 2 ? 3 + 40 : 40)};
+    if (form == 2) {
+      data.insert(data.end(), preview.GetBits(), preview.GetBits() + 6 * 5 * 4);
+    } else {
+      for (int i = 0; i < 1024 + 30 * (2 - form); ++i)
+        data.push_back(static_cast<unsigned char>(i < 1024 ? i * 7 : i % 256 < 200 ? i % 13 : 255));
+    }
+    Save(root / "preview", "undeflated_" + std::to_string(form), data, 8);
+    preview.QuantizedWrite(&palette);
+    Save(root / "palette_form", "palette_" + std::to_string(form), palette.Bytes());
+  }
 
   // The settings loader reads whole files, without the option byte.
   namespace xml = ::config::xml;

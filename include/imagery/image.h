@@ -27,6 +27,8 @@
 #include "imagery_host/zel_path.h"
 #include "imagery_host/zel_string.h"
 
+class KORDib24;
+class ZELInterruptor;
 class ZELStream;
 
 namespace imagery {
@@ -255,6 +257,20 @@ class IMAGERY_API Image {
   bool IsConstantColor(LinearRGB_T<float>& colour) const;
   bool IsConstantGrayscale(float& grey) const;
   bool IsConstantAlpha(float& alpha) const;
+
+  // --- Preview bitmaps ---------------------------------------------------------------------------------
+  // Draws this image into `bitmap` at the bitmap's own size (resampled, keeping the aspect ratio with
+  // margins when keepAspectRatio is set), composited over `background` in linear light; pixels are read
+  // through the transformations selected by `options`. The bitmap's alpha bytes become 0 and its flags
+  // stay. The interruptor, if any, is asked before each row; rows not reached keep their content.
+  void ToDib24(KORDib24& bitmap, bool keepAspectRatio, const CLR& background, ApplyTransformOpts options,
+               ZELInterruptor* interruptor) const;
+  // A new RGB image (RGBA when the bitmap's alpha is meaningful) of the bitmap's size holding its pixels.
+  static Image MakeFromDib24(const KORDib24& bitmap);
+  // Writes the bitmap's pixels into level 0 of `image` through its mirror and rotation (as pixel writes
+  // with ATO_Geometry), and its alpha too when the bitmap's alpha is meaningful. The image's pixels are
+  // written where they are, shared or not; bitmap pixels beyond the image's size are skipped.
+  static void FillFromDib24(Image& image, const KORDib24& bitmap);
 
   // --- Comparison ---------------------------------------------------------------------------------------
   // Same implementation, equal transformations and equal attributes (identical pixels elsewhere do not

@@ -1,0 +1,326 @@
+// Preview payloads: round trips of every form, and readers given truncated, lying, corrupt and
+// over-inflating data.
+#include <gtest/gtest.h>
+
+#include <zlib.h>
+
+#include <cstring>
+#include <random>
+#include <set>
+
+#include "imagery/dib24.h"
+#include "imagery/preview_packing.h"
+#include "imagery/quantizer.h"
+#include "imagery_host/stream.h"
+#include "palette/allocation_tracker.h"
+#include "palette/palette_support.h"
+
+namespace imagery {
+namespace {
+
+using namespace palette_testing;
+
+Bytes PixelsOf(const KORDib24& bitmap) {
+  return Bytes(bitmap.GetBits(), bitmap.GetBits() + bitmap.GetImageSize());
+}
+
+KORDib24 RandomBitmap(int width, int height, unsigned seed, unsigned char flags) {
+  std::mt19937 random(seed);
+  KORDib24 bitmap(width, height);
+  for (std::size_t i = 0; i < bitmap.GetImageSize(); ++i)
+    bitmap.GetBits()[i] = static_cast<unsigned char>(random());
+  bitmap.SetFlags(flags);
+  return bitmap;
+}
+
+// A bitmap of at most 256 colours, each the centre of its histogram cell (blue, green, red being
+// channels 0, 1, 2): the quantiser reproduces such colours exactly, dithered or not.
+KORDib24 CellCentredBitmap(int width, int height, int colours, unsigned char flags) {
+  std::mt19937 random(5);
+  std::vector<CLRA> palette;
+  for (int i = 0; i < colours; ++i)
+    palette.emplace_back(static_cast<unsigned char>(CellCentre(2, static_cast<int>(random() % 256))),
+                         static_cast<unsigned char>(CellCentre(1, static_cast<int>(random() % 256))),
+                         static_cast<unsigned char>(CellCentre(0, static_cast<int>(random() % 256))), 0);
+  KORDib24 bitmap(width, height);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) {
+      CLRA pixel = palette[static_cast<std::size_t>(random() % colours)];
+      pixel.SetAlpha(static_cast<unsigned char>(x * 7 + y));
+      bitmap.SetPixel(x, y, pixel);
+    }
+  bitmap.SetFlags(flags);
+  return bitmap;
+}
+
+// A bitmap that no reader's failure may change.
+const KORDib24& Sentinel() {
+  static const KORDib24 sentinel = RandomBitmap(3, 2, 99, 0x6);
+  return sentinel;
+}
+
+::testing::AssertionResult IsSentinel(const KORDib24& bitmap) {
+  if (bitmap.Width() == 3 && bitmap.Height() == 2 && bitmap.GetFlags() == 0x6 &&
+      PixelsOf(bitmap) == PixelsOf(Sentinel()))
+    return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "the bitmap changed";
+}
+
+const std::set<std::string> kPreviewTags = {kPreviewTruncated, kPreviewBadBlock, kPreviewCorrupt,
+                                            kPreviewOverflow, kPreviewTooLarge};
+
+// --- Round trips -----------------------------------------------------------------------------------------
+
+TEST(PreviewPacking, RawFormKeepsEveryByteAndTheAlphaFlagInBothByteOrders) {
+  for (ZELByteOrder order : {ZELByteOrder::LittleEndian, ZELByteOrder::BigEndian})
+    for (unsigned char flags : {0x00, 0x01, 0x05})
+      for (const auto& [w, h] : {std::pair{1, 1}, std::pair{37, 23}, std::pair{64, 128}}) {
+        const KORDib24 bitmap = RandomBitmap(w, h, static_cast<unsigned>(w + flags), flags);
+        ZELMemoryStream stream(order);
+        ASSERT_TRUE(bitmap.Write(&stream, false));
+        stream.Rewind();
+        KORDib24 read = Sentinel();
+        read.SetFlags(0x80);
+        ASSERT_TRUE(read.Read(&stream, false));
+        EXPECT_EQ(PixelsOf(read), PixelsOf(bitmap));
+        EXPECT_EQ(read.GetFlags(), flags) << "stored flags replace the reader's";
+      }
+}
+
+TEST(PreviewPacking, QuantisedFormReproducesFewColoursAndCarriesAlphaOnlyWhenMeaningful) {
+  for (unsigned char flags : {0x00, 0x01}) {
+    const KORDib24 bitmap = CellCentredBitmap(45, 31, 200, flags);
+    ZELMemoryStream stream;
+    ASSERT_TRUE(bitmap.Write(&stream, true));
+    stream.Rewind();
+    KORDib24 read;
+    ASSERT_TRUE(read.Read(&stream, false));
+    EXPECT_EQ(read.GetFlags(), flags);
+    ASSERT_EQ(read.GetImageSize(), bitmap.GetImageSize());
+    std::size_t wrong = 0;
+    for (int y = 0; y < 31; ++y)
+      for (int x = 0; x < 45; ++x) {
+        wrong += read.GetPixel(x, y).ToCLR() != bitmap.GetPixel(x, y).ToCLR();
+        wrong += read.GetPixel(x, y).Alpha() != (flags ? bitmap.GetPixel(x, y).Alpha() : 0);
+      }
+    EXPECT_EQ(wrong, 0u) << int{flags};
+  }
+  // A single pixel: a palette of one colour, the centre of the pixel's cell.
+  KORDib24 one(1, 1);
+  one.SetPixel(0, 0, CLRA(201, 33, 90, 17));
+  ZELMemoryStream stream;
+  ASSERT_TRUE(PackAndWritePreview(1, 1, &one, &stream, true));
+  stream.Rewind();
+  KORDib24 read;
+  ASSERT_TRUE(ReadAndUnpackPreview(1, 1, &read, &stream));
+  EXPECT_EQ(read.GetPixel(0, 0), CLRA(static_cast<unsigned char>(CellCentre(2, 201)),
+                                      static_cast<unsigned char>(CellCentre(1, 33)),
+                                      static_cast<unsigned char>(CellCentre(0, 90)), 0));
+}
+
+TEST(PreviewPacking, PaletteFormIsMapThenIndexRowsAndReadsBackWithoutAlphaOrFlags) {
+  for (const auto& [w, h] : {std::pair{1, 1}, std::pair{13, 7}, std::pair{100, 3}}) {
+    const KORDib24 bitmap = CellCentredBitmap(w, h, 50, 0x1);
+    ZELMemoryStream stream(ZELByteOrder::BigEndian);
+    ASSERT_TRUE(bitmap.QuantizedWrite(&stream));
+    EXPECT_EQ(stream.Bytes().size(), 2u * 6 + 1024 + static_cast<std::size_t>(w) * h);
+    stream.Rewind();
+    KORDib24 read = Sentinel();
+    ASSERT_TRUE(read.QuantizedRead(&stream));
+    EXPECT_EQ(read.GetFlags(), 0);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x)
+        ASSERT_EQ(read.GetPixel(x, y), CLRA(bitmap.GetPixel(x, y).ToCLR(), 0)) << x << "," << y;
+  }
+  ZELMemoryStream empty;
+  empty.WriteTyped(0);
+  empty.WriteTyped(4);
+  empty.Rewind();
+  KORDib24 read = Sentinel();
+  EXPECT_TRUE(read.QuantizedRead(&empty));
+  EXPECT_EQ(PixelsOf(read), Bytes(4, 0));
+}
+
+// --- Damaged payloads ------------------------------------------------------------------------------------
+
+Bytes Deflate(const Bytes& data, int level = Z_DEFAULT_COMPRESSION) {
+  uLongf size = compressBound(static_cast<uLong>(data.size()));
+  Bytes out(size);
+  EXPECT_EQ(compress2(out.data(), &size, data.data(), static_cast<uLong>(data.size()), level), Z_OK);
+  out.resize(size);
+  return out;
+}
+
+// A payload: the raw-form header when `raw`, then `zlib` in blocks of `block` bytes, with `lengths`
+// (when given) replacing the first block lengths.
+Bytes Payload(bool raw, bool alpha, const Bytes& zlib, std::size_t block, std::vector<int> lengths = {}) {
+  ZELMemoryStream stream;
+  if (raw) {
+    stream.WriteTyped<unsigned char>(0);
+    stream.WriteTyped<unsigned char>(alpha ? 1 : 0);
+  }
+  for (std::size_t offset = 0, i = 0; offset < zlib.size(); offset += block, ++i) {
+    const std::size_t size = std::min(block, zlib.size() - offset);
+    stream.WriteTyped(i < lengths.size() ? lengths[i] : static_cast<int>(size));
+    stream.Write(zlib.data() + offset, size);
+  }
+  return stream.Bytes();
+}
+
+struct Damage {
+  const char* what;
+  bool raw;
+  int width, height;
+  Bytes payload;
+  const char* tag;
+};
+
+TEST(PreviewPacking, LyingLengthsCorruptDataOversizedHeadersAndZipBombsFailWithTheirTagWithoutAllocating) {
+  const Bytes rawPixels(8 * 8 * 4, 0x5A);
+  const Bytes rawZlib = Deflate(rawPixels);
+  Bytes corrupt = rawZlib;
+  corrupt[5] ^= 0xFF;
+  corrupt[6] ^= 0x55;
+  const Damage cases[] = {
+      {"block longer than 4096", true, 8, 8, Payload(true, false, rawZlib, 64, {4097}), kPreviewBadBlock},
+      {"negative block", true, 8, 8, Payload(true, false, rawZlib, 64, {-1}), kPreviewBadBlock},
+      {"block longer than what follows", true, 8, 8, Payload(true, false, rawZlib, 64, {4000}),
+       kPreviewTruncated},
+      {"not a zlib stream", true, 8, 8, Payload(true, false, Bytes(40, 0x33), 64), kPreviewCorrupt},
+      {"damaged deflate data", true, 8, 8, Payload(true, false, corrupt, 4096), kPreviewCorrupt},
+      {"raw pixels short of the size", true, 8, 9, Payload(true, false, rawZlib, 4096), kPreviewTruncated},
+      {"raw pixels beyond the size", true, 8, 7, Payload(true, false, rawZlib, 4096), kPreviewOverflow},
+      {"index plane short of the size", false, 8, 8, Payload(false, false, Deflate(Bytes(1024 + 63)), 4096),
+       kPreviewTruncated},
+      {"quantised data beyond both planes", false, 8, 8,
+       Payload(false, false, Deflate(Bytes(1024 + 129)), 4096), kPreviewOverflow},
+      // 64 MiB of zeros promised to fill a 16 x 16 preview.
+      {"zip bomb, quantised", false, 16, 16, Payload(false, false, Deflate(Bytes(64 << 20), 9), 4096),
+       kPreviewOverflow},
+      {"zip bomb, raw", true, 16, 16, Payload(true, true, Deflate(Bytes(64 << 20), 9), 4096),
+       kPreviewOverflow},
+      // A valid 8 x 8 payload under a size of 40000 x 40000 (6.4 GB of pixels).
+      {"size beyond the payload, raw", true, 40000, 40000, Payload(true, false, rawZlib, 4096),
+       kPreviewTooLarge},
+      {"size beyond the payload, quantised", false, 40000, 40000,
+       Payload(false, false, Deflate(Bytes(1024 + 64)), 4096), kPreviewTooLarge},
+  };
+  for (const Damage& damage : cases) {
+    ZELMemoryStream stream(damage.payload);
+    KORDib24 bitmap = Sentinel();
+    bool ok;
+    std::size_t total;
+    {
+      const AllocationTracker tracker;
+      ok = ReadAndUnpackPreview(damage.width, damage.height, &bitmap, &stream);
+      total = tracker.Total();
+    }
+    EXPECT_FALSE(ok) << damage.what;
+    EXPECT_EQ(stream.GetError().Tag(), damage.tag) << damage.what;
+    EXPECT_TRUE(IsSentinel(bitmap)) << damage.what;
+    // The only large allocation allowed is the bitmap of the promised size, and only when the payload
+    // could hold it.
+    const std::size_t promised = static_cast<std::size_t>(damage.width) * damage.height * 4;
+    EXPECT_LE(total, std::min<std::size_t>(promised, 1 << 20) + 4096) << damage.what;
+  }
+}
+
+TEST(PreviewPacking, EmptyBlocksAnywhereAndAPartialAlphaPlaneAreAccepted) {
+  const KORDib24 bitmap = RandomBitmap(6, 5, 3, 0x1);
+  const Bytes zlib = Deflate(Bytes(bitmap.GetBits(), bitmap.GetBits() + bitmap.GetImageSize()));
+  ZELMemoryStream stream;
+  stream.WriteTyped<unsigned char>(0);
+  stream.WriteTyped<unsigned char>(1);
+  stream.WriteTyped(0);
+  stream.WriteTyped(static_cast<int>(zlib.size() - 3));
+  stream.Write(zlib.data(), zlib.size() - 3);
+  stream.WriteTyped(0);
+  stream.WriteTyped(3);
+  stream.Write(zlib.data() + zlib.size() - 3, 3);
+  stream.WriteTyped(0);
+  stream.Rewind();
+  KORDib24 read;
+  ASSERT_TRUE(ReadAndUnpackPreview(6, 5, &read, &stream));
+  EXPECT_EQ(PixelsOf(read), PixelsOf(bitmap));
+  EXPECT_TRUE(read.HasMeaningfulAlpha());
+
+  // Colour map, complete index plane, half an alpha plane: read, without meaningful alpha.
+  Bytes data(1024 + 30 + 15, 0);
+  data[2] = 0x11, data[256 + 2] = 0x22, data[512 + 2] = 0x33;  // entry 2
+  std::fill(data.begin() + 1024, data.begin() + 1054, 2);
+  std::fill(data.begin() + 1054, data.end(), 0x99);
+  ZELMemoryStream partial(Payload(false, false, Deflate(data), 4096));
+  KORDib24 target = Sentinel();
+  ASSERT_TRUE(ReadAndUnpackPreview(6, 5, &target, &partial));
+  EXPECT_EQ(target.GetFlags(), 0x6) << "the other flag bits stay";
+  EXPECT_EQ(target.GetPixel(0, 0), CLRA(0x33, 0x22, 0x11, 0x99));
+  EXPECT_EQ(target.GetPixel(5, 4), CLRA(0x33, 0x22, 0x11, 0x00));
+}
+
+// The bytes of one preview chunk's data cut at `cut`, framed again as a complete chunk, so that the
+// payload reader (not the chunk reader) meets the end.
+Bytes Reframed(const Bytes& chunk, std::size_t cut) {
+  ZELMemoryStream stream;
+  {
+    ZELWriteChunk frame(&stream, KORDib24::kChunkID);
+    stream.Write(chunk.data() + ZELStream::kChunkHeaderSize, cut);
+  }
+  return stream.Bytes();
+}
+
+TEST(PreviewPacking, EveryTruncationOfEveryFormFailsWithItsTagAndLeavesTheBitmap) {
+  for (const auto& [quantise, flags] : {std::pair{true, 0x1}, std::pair{true, 0x0}, std::pair{false, 0x1}}) {
+    const KORDib24 bitmap = RandomBitmap(19, 11, 8, static_cast<unsigned char>(flags));
+    ZELMemoryStream whole;
+    ASSERT_TRUE(bitmap.Write(&whole, quantise));
+    const std::size_t data = whole.Bytes().size() - ZELStream::kChunkHeaderSize;
+    for (std::size_t cut = 0; cut < data; ++cut) {
+      ZELMemoryStream stream(Reframed(whole.Bytes(), cut));
+      KORDib24 read = Sentinel();
+      ASSERT_FALSE(read.Read(&stream, false)) << cut;
+      ASSERT_TRUE(IsSentinel(read)) << cut;
+      ASSERT_EQ(kPreviewTags.count(stream.GetError().Tag()), 1u) << cut << " " << stream.GetError().Tag();
+      // The stream cut inside the chunk itself: the chunk reader refuses it.
+      ZELMemoryStream cutChunk(
+          Bytes(whole.Bytes().begin(), whole.Bytes().begin() + ZELStream::kChunkHeaderSize + cut));
+      ASSERT_FALSE(read.Read(&cutChunk, false) || read.Read(&cutChunk, true));
+      ASSERT_TRUE(IsSentinel(read) && !read.HasRawChunk()) << cut;
+    }
+  }
+  const KORDib24 bitmap = RandomBitmap(9, 7, 4, 0);
+  ZELMemoryStream whole;
+  ASSERT_TRUE(bitmap.QuantizedWrite(&whole));
+  for (std::size_t cut = 0; cut < whole.Bytes().size(); ++cut) {
+    ZELMemoryStream stream(Bytes(whole.Bytes().begin(), whole.Bytes().begin() + cut));
+    KORDib24 read = Sentinel();
+    ASSERT_FALSE(read.QuantizedRead(&stream)) << cut;
+    ASSERT_TRUE(IsSentinel(read)) << cut;
+    ASSERT_EQ(kPreviewTags.count(stream.GetError().Tag()), 1u) << cut;
+  }
+}
+
+TEST(PreviewPacking, APaletteFormPromisingMoreRowsThanItHoldsAllocatesNothing) {
+  ZELMemoryStream stream;
+  stream.WriteTyped(30000);
+  stream.WriteTyped(30000);
+  stream.Write(Bytes(1024 + 500).data(), 1024 + 500);
+  stream.Rewind();
+  KORDib24 read = Sentinel();
+  const AllocationTracker tracker;
+  EXPECT_FALSE(read.QuantizedRead(&stream));
+  EXPECT_EQ(stream.GetError().Tag(), kPreviewTooLarge);
+  EXPECT_LT(tracker.Total(), 4096u);
+  EXPECT_TRUE(IsSentinel(read));
+}
+
+TEST(PreviewPacking, WritersRefuseSizesTheBitmapDoesNotHave) {
+  const KORDib24 bitmap(4, 4);
+  ZELMemoryStream stream;
+  EXPECT_FALSE(PackAndWritePreview(0, 4, &bitmap, &stream, true));
+  EXPECT_FALSE(PackAndWritePreview(5, 4, &bitmap, &stream, false));
+  EXPECT_FALSE(WriteQuantizedPreview(4, 8, &bitmap, &stream));
+  EXPECT_TRUE(stream.Bytes().empty());
+}
+
+}  // namespace
+}  // namespace imagery

@@ -1,0 +1,294 @@
+// The palette quantiser: against the JPEG library's two-pass quantiser as a black box, against a
+// brute-force nearest-colour reference, its process-wide settings, and its use from several threads.
+#include <gtest/gtest.h>
+
+// jpeglib.h uses FILE without declaring it.
+#include <cstdio>
+
+#include <jpeglib.h>
+
+#include <algorithm>
+#include <set>
+#include <thread>
+#include <tuple>
+
+#include "imagery/dib24.h"
+#include "imagery/quantizer.h"
+#include "imagery_host/stream.h"
+#include "palette/palette_support.h"
+
+namespace imagery {
+namespace {
+
+using namespace palette_testing;
+
+// --- The JPEG library, through its public interface only -------------------------------------------------
+
+Bytes CompressJpeg(const Bytes& rgb, int width, int height) {
+  jpeg_compress_struct cinfo;
+  jpeg_error_mgr error;
+  cinfo.err = jpeg_std_error(&error);
+  jpeg_create_compress(&cinfo);
+  unsigned char* buffer = nullptr;
+  unsigned long size = 0;
+  jpeg_mem_dest(&cinfo, &buffer, &size);
+  cinfo.image_width = static_cast<JDIMENSION>(width);
+  cinfo.image_height = static_cast<JDIMENSION>(height);
+  cinfo.input_components = 3;
+  cinfo.in_color_space = JCS_RGB;
+  jpeg_set_defaults(&cinfo);
+  jpeg_set_quality(&cinfo, 92, TRUE);
+  jpeg_start_compress(&cinfo, TRUE);
+  while (cinfo.next_scanline < cinfo.image_height) {
+    JSAMPROW row = const_cast<JSAMPROW>(&rgb[static_cast<std::size_t>(cinfo.next_scanline) * width * 3]);
+    jpeg_write_scanlines(&cinfo, &row, 1);
+  }
+  jpeg_finish_compress(&cinfo);
+  jpeg_destroy_compress(&cinfo);
+  Bytes jpeg(buffer, buffer + size);
+  std::free(buffer);
+  return jpeg;
+}
+
+// Decodes `jpeg` plainly (desired = 0) or through the library's two-pass quantiser.
+Quantised DecompressJpeg(const Bytes& jpeg, int desired, bool dither, Bytes* plainPixels) {
+  jpeg_decompress_struct cinfo;
+  jpeg_error_mgr error;
+  cinfo.err = jpeg_std_error(&error);
+  jpeg_create_decompress(&cinfo);
+  jpeg_mem_src(&cinfo, jpeg.data(), static_cast<unsigned long>(jpeg.size()));
+  jpeg_read_header(&cinfo, TRUE);
+  cinfo.out_color_space = JCS_RGB;
+  if (desired > 0) {
+    cinfo.quantize_colors = TRUE;
+    cinfo.two_pass_quantize = TRUE;
+    cinfo.desired_number_of_colors = desired;
+    cinfo.dither_mode = dither ? JDITHER_FS : JDITHER_NONE;
+  }
+  jpeg_start_decompress(&cinfo);
+  const std::size_t rowBytes = static_cast<std::size_t>(cinfo.output_width) * cinfo.output_components;
+  Bytes rows(rowBytes * cinfo.output_height);
+  while (cinfo.output_scanline < cinfo.output_height) {
+    JSAMPROW row = &rows[cinfo.output_scanline * rowBytes];
+    jpeg_read_scanlines(&cinfo, &row, 1);
+  }
+  Quantised result;
+  if (desired > 0) {
+    result.colours = cinfo.actual_number_of_colors;
+    for (int c = 0; c < 3; ++c)
+      result.palette[c].assign(cinfo.colormap[c], cinfo.colormap[c] + result.colours);
+    result.indices = rows;
+  } else {
+    *plainPixels = rows;
+  }
+  jpeg_finish_decompress(&cinfo);
+  jpeg_destroy_decompress(&cinfo);
+  return result;
+}
+
+std::size_t CountDifferences(const Bytes& a, const Bytes& b) {
+  std::size_t count = a.size() == b.size() ? 0 : std::max(a.size(), b.size());
+  for (std::size_t i = 0; i < std::min(a.size(), b.size()); ++i)
+    count += a[i] != b[i];
+  return count;
+}
+
+class AgainstJpegLibrary : public ::testing::TestWithParam<std::tuple<int, bool>> {};
+
+// The JPEG library quantises red, green, blue with red as channel 0, exactly the weighting and cell
+// layout ours uses; fed the pixels the library decodes plainly, ours must choose the same palette in the
+// same order and map every pixel to the same index, dithered or not. The picture fills one histogram
+// cell beyond 65535 pixels, so saturated counts are compared too. No difference is expected: the
+// two-pass algorithm, its constants, its tie rules and its error limiting are the same.
+TEST_P(AgainstJpegLibrary, SamePaletteAndSameIndicesOnTheDecodedPixels) {
+  const auto [desired, dither] = GetParam();
+  const int width = 403, height = 301;
+  const Bytes jpeg = CompressJpeg(TestPicture(width, height, 7), width, height);
+  Bytes decoded;
+  DecompressJpeg(jpeg, 0, false, &decoded);
+  const Quantised reference = DecompressJpeg(jpeg, desired, dither, nullptr);
+  const Quantised ours = QuantiseWithHelper(decoded, width, height, desired, dither);
+
+  ASSERT_EQ(reference.colours, desired) << "the picture has more colours than any palette asked for";
+  ASSERT_EQ(reference.indices.size(), static_cast<std::size_t>(width) * height);
+  ASSERT_EQ(ours.colours, reference.colours);
+  for (int c = 0; c < 3; ++c)
+    EXPECT_EQ(ours.palette[c], reference.palette[c]) << "channel " << c;
+  EXPECT_EQ(CountDifferences(ours.indices, reference.indices), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(ColoursAndDithering, AgainstJpegLibrary,
+                         ::testing::Combine(::testing::Values(256, 64, 8), ::testing::Bool()));
+
+// --- Properties checked by brute force ---------------------------------------------------------------------
+
+int WeightedDistance(const Quantised& q, int index, int c0, int c1, int c2) {
+  const int d0 = 2 * (c0 - q.palette[0][index]);
+  const int d1 = 3 * (c1 - q.palette[1][index]);
+  const int d2 = c2 - q.palette[2][index];
+  return d0 * d0 + d1 * d1 + d2 * d2;
+}
+
+TEST(Quantizer, PlainMappingPicksTheNearestEntryToEachCellCentreWithTiesToTheLowerIndex) {
+  for (const auto& [width, height, desired] :
+       {std::tuple{97, 61, 256}, std::tuple{33, 17, 8}, std::tuple{1, 1, 8}}) {
+    const Bytes pixels = TestPicture(width, height, 11);
+    const Quantised q = QuantiseWithHelper(pixels, width, height, desired, false);
+    ASSERT_GE(q.colours, 1);
+    ASSERT_LE(q.colours, desired);
+    std::size_t wrong = 0;
+    for (std::size_t i = 0; i < q.indices.size(); ++i) {
+      const int c0 = CellCentre(0, pixels[i * 3]), c1 = CellCentre(1, pixels[i * 3 + 1]),
+                c2 = CellCentre(2, pixels[i * 3 + 2]);
+      int best = 0;
+      for (int k = 1; k < q.colours; ++k)
+        if (WeightedDistance(q, k, c0, c1, c2) < WeightedDistance(q, best, c0, c1, c2))
+          best = k;
+      wrong += q.indices[i] != best;
+    }
+    EXPECT_EQ(wrong, 0u) << width << " x " << height;
+  }
+}
+
+TEST(Quantizer, FewerCellsThanColoursGiveOneEntryPerCellAtItsWeightedCentre) {
+  // A uniform picture: one entry, the centre of its cell, every index 0 (with or without dithering, as
+  // the error against that centre never leaves the cell).
+  for (bool dither : {false, true}) {
+    const Bytes uniform = [] {
+      Bytes p;
+      for (int i = 0; i < 5 * 3; ++i)
+        p.insert(p.end(), {201, 33, 90});
+      return p;
+    }();
+    const Quantised q = QuantiseWithHelper(uniform, 5, 3, 256, dither);
+    ASSERT_EQ(q.colours, 1);
+    EXPECT_EQ(q.palette[0][0], CellCentre(0, 201));
+    EXPECT_EQ(q.palette[1][0], CellCentre(1, 33));
+    EXPECT_EQ(q.palette[2][0], CellCentre(2, 90));
+    EXPECT_EQ(q.indices, Bytes(15, 0));
+  }
+  // Twelve pixels in twelve distinct cells: twelve entries, each the centre of one cell, and every pixel
+  // mapped to its own cell's entry.
+  Bytes pixels;
+  std::set<std::tuple<int, int, int>> centres;
+  for (int i = 0; i < 12; ++i) {
+    const int c0 = i * 20, c1 = 255 - i * 21, c2 = (i * 77) % 256;
+    pixels.insert(pixels.end(), {static_cast<unsigned char>(c0), static_cast<unsigned char>(c1),
+                                 static_cast<unsigned char>(c2)});
+    centres.insert({CellCentre(0, c0), CellCentre(1, c1), CellCentre(2, c2)});
+  }
+  const Quantised q = QuantiseWithHelper(pixels, 12, 1, 256, false);
+  ASSERT_EQ(q.colours, 12);
+  std::set<std::tuple<int, int, int>> palette;
+  for (int i = 0; i < q.colours; ++i)
+    palette.insert({q.palette[0][i], q.palette[1][i], q.palette[2][i]});
+  EXPECT_EQ(palette, centres);
+  for (int i = 0; i < 12; ++i)
+    EXPECT_EQ(std::make_tuple(int{q.palette[0][q.indices[i]]}, int{q.palette[1][q.indices[i]]},
+                              int{q.palette[2][q.indices[i]]}),
+              std::make_tuple(CellCentre(0, pixels[i * 3]), CellCentre(1, pixels[i * 3 + 1]),
+                              CellCentre(2, pixels[i * 3 + 2])));
+}
+
+// --- Settings and buffers
+// -----------------------------------------------------------------------------------
+
+TEST(Quantizer, AHelperPutsBackTheSettingsItFoundAndClampsSizesBelowOne) {
+  int width, height, desired, actual;
+  bool dither;
+  {
+    QuantizationHelper before;
+    width = before.GetImageWidth(), height = before.GetImageHeight();
+    desired = before.GetDesiredNumberOfColors(), actual = before.GetActualNumberOfColors();
+    dither = before.GetDitherColors();
+  }
+  {
+    QuantizationHelper q;
+    q.SetDesiredNumberOfColors(100);
+    q.init(0, -5, !dither, 77);
+    EXPECT_EQ(q.GetImageWidth(), 1);
+    EXPECT_EQ(q.GetImageHeight(), 1);
+    EXPECT_EQ(q.GetActualNumberOfColors(), 77);
+    EXPECT_TRUE(q.IsPrepared());
+  }
+  QuantizationHelper after;
+  EXPECT_EQ(after.GetImageWidth(), width);
+  EXPECT_EQ(after.GetImageHeight(), height);
+  EXPECT_EQ(after.GetDesiredNumberOfColors(), desired);
+  EXPECT_EQ(after.GetActualNumberOfColors(), actual);
+  EXPECT_EQ(after.GetDitherColors(), dither);
+  EXPECT_FALSE(after.IsPrepared());
+}
+
+TEST(Quantizer, ADesiredCountOutsideEightTo256PreparesNothingAndRowsAreIgnored) {
+  for (unsigned desired : {0u, 7u, 257u, 100000u}) {
+    QuantizationHelper q;
+    q.SetDesiredNumberOfColors(desired);
+    q.init(4, 1, true, desired);
+    EXPECT_FALSE(q.IsPrepared()) << desired;
+    const unsigned char row[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+    unsigned char out[4] = {9, 9, 9, 9};
+    q.start_pass_2_quant(true);
+    q.post_process_data(row, out);
+    q.finish_pass();
+    q.start_pass_2_quant(false);
+    q.post_process_data(row, out);
+    q.finish_pass();
+    EXPECT_EQ(Bytes(out, out + 4), Bytes(4, 9));
+  }
+}
+
+// --- Threads
+// -------------------------------------------------------------------------------------------------
+
+TEST(Quantizer, ThreadsQuantisingAtOnceGetWhatEachGetsAloneDirectlyOrThroughPreviews) {
+  constexpr int kThreads = 4, kRounds = 3;
+  struct Job {
+    Bytes pixels;
+    int width, height, desired;
+    bool dither;
+    Quantised alone;
+  };
+  std::vector<Job> jobs;
+  for (int i = 0; i < kThreads; ++i) {
+    Job job{TestPicture(40 + 13 * i, 30 + 7 * i, 100 + i),
+            40 + 13 * i,
+            30 + 7 * i,
+            i % 2 ? 64 : 256,
+            i % 2 == 0,
+            {}};
+    job.alone = QuantiseWithHelper(job.pixels, job.width, job.height, job.desired, job.dither);
+    jobs.push_back(std::move(job));
+  }
+  // Quantised preview writers take the same quantiser: their chunks must not depend on who else runs.
+  KORDib24 preview(37, 21);
+  const Bytes previewPixels = TestPicture(37, 21 * 4 / 3 + 1, 9);
+  std::copy_n(previewPixels.begin(), preview.GetImageSize(), preview.GetBits());
+  ZELMemoryStream alone;
+  ASSERT_TRUE(preview.Write(&alone, true));
+
+  std::vector<int> mismatches(kThreads + 2, 0);
+  std::vector<std::thread> threads;
+  for (int i = kThreads; i < kThreads + 2; ++i)
+    threads.emplace_back([&, i] {
+      for (int round = 0; round < kRounds; ++round) {
+        ZELMemoryStream stream;
+        mismatches[i] += !preview.Write(&stream, true) || stream.Bytes() != alone.Bytes();
+      }
+    });
+  for (int i = 0; i < kThreads; ++i)
+    threads.emplace_back([&, i] {
+      const Job& job = jobs[i];
+      for (int round = 0; round < kRounds; ++round) {
+        const Quantised q = QuantiseWithHelper(job.pixels, job.width, job.height, job.desired, job.dither);
+        mismatches[i] += q.colours != job.alone.colours || q.indices != job.alone.indices ||
+                         q.palette[0] != job.alone.palette[0] || q.palette[2] != job.alone.palette[2];
+      }
+    });
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(mismatches, std::vector<int>(kThreads + 2, 0));
+}
+
+}  // namespace
+}  // namespace imagery
