@@ -17,6 +17,7 @@
 #include "imagery_host/logger.h"
 #include "operations.h"
 #include "pack.h"
+#include "palette.h"
 
 namespace imagery::cli {
 namespace {
@@ -207,6 +208,31 @@ int Main(int argc, char** argv) {
                      "Picture whose alpha (or grey) above one half marks the defined pixels");
   dilate->add_flag("--distance", writeDistance, "Also write the distance field as NAME_distance.EXT");
 
+  int colors = 256;
+  bool dither = false;
+  CLI::App* quantize = app.add_subcommand("quantize", "Reduce to a palette and write an indexed-colour PNG");
+  AddBatchOptions(quantize, common);
+  quantize->add_option("-c,--colors", colors, "Palette size")->check(CLI::Range(8, 256));
+  quantize->add_flag("--dither", dither, "Diffuse the error (Floyd-Steinberg) instead of mapping plainly");
+
+  int previewSize = 128;
+  std::string backgroundText = "000000";
+  bool previewQuantized = false;
+  CLI::App* preview = app.add_subcommand(
+      "preview", "The scene's preview bitmap of each picture, stored as a preview chunk and read back");
+  AddBatchOptions(preview, common);
+  preview->add_option("--size", previewSize, "Longer side of the preview")->check(CLI::Range(1, 4096));
+  preview->add_option("--background", backgroundText, "Colour under transparent pixels, RRGGBB")
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            return text.size() == 6 && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos
+                       ? std::string()
+                       : "expected a colour RRGGBB, got " + text;
+          },
+          "RRGGBB"));
+  preview->add_flag("--quantized", previewQuantized,
+                    "Store the preview palette-quantised, as small scenes do");
+
   DemoOptions demo;
   CLI::App* demoCommand =
       app.add_subcommand("demo", "Run every command on generated sample textures and write a contact sheet");
@@ -342,6 +368,35 @@ int Main(int argc, char** argv) {
       }
       return true;
     });
+  }
+  if (quantize->parsed()) {
+    return RunBatch("quantize", batch, true, [colors, dither](JobContext& ctx, std::string& error) {
+      std::string extension = fs::path(ctx.target).extension().string();
+      std::transform(extension.begin(), extension.end(), extension.begin(), ::tolower);
+      if (extension != ".png") {
+        error = "quantize writes indexed-colour PNG files, not " + ctx.target;
+        return false;
+      }
+      if (!WritePalettePng(QuantizeImage(ctx.image, colors, dither), ctx.target, error))
+        return false;
+      ctx.written = true;
+      return true;
+    });
+  }
+  if (preview->parsed()) {
+    const CLR background(static_cast<std::uint32_t>(std::stoul(backgroundText, nullptr, 16)));
+    const bool quiet = batch.quiet;
+    return RunBatch("preview", batch, true,
+                    [previewSize, background, previewQuantized, quiet](JobContext& ctx, std::string&) {
+                      const PreviewResult result =
+                          MakePreview(ctx.image, previewSize, background, previewQuantized);
+                      if (!quiet)
+                        ctx.report = ctx.input + ": preview " + std::to_string(result.image.Width()) + " x " +
+                                     std::to_string(result.image.Height()) + ", chunk of " +
+                                     std::to_string(result.chunkBytes) + " bytes\n";
+                      ctx.image = result.image;
+                      return true;
+                    });
   }
   if (pack->parsed()) {
     if (!batch.overwrite && fs::exists(batch.output)) {
