@@ -37,7 +37,8 @@ struct Common {
 void AddRunOptions(CLI::App* command, Common& common) {
   command->add_option("-j,--jobs", common.batch.jobs, "Files processed at once (default: one per processor)")
       ->check(CLI::Range(1, 256));
-  command->add_flag("-q,--quiet", common.batch.quiet, "No progress bar and no messages but errors");
+  command->add_flag("-q,--quiet", common.batch.quiet,
+                    "No progress bar and no informational lines (results and errors still print)");
   command->add_flag("-v,--verbose", common.verbose, "Log what the library does (every logger channel)");
 }
 
@@ -95,6 +96,99 @@ int RunInfo(const Common& common) {
     }
     return true;
   });
+}
+
+// Prints every error of a list of per-file results; the tool's exit code for them.
+int ReportErrors(const std::vector<std::string>& errors) {
+  int status = kExitOk;
+  for (const std::string& error : errors) {
+    if (!error.empty()) {
+      PrintError(error);
+      status = kExitFailed;
+    }
+  }
+  return status;
+}
+
+// Reads every input (concurrently), then writes them all into one pack; nothing is written when an input
+// cannot be read.
+int RunPack(const BatchOptions& batch, bool reference) {
+  if (!batch.overwrite && fs::exists(batch.output)) {
+    PrintError(batch.output + ": already exists (use --overwrite to replace it)");
+    return kExitFailed;
+  }
+  std::vector<Image> images(batch.inputs.size());
+  std::vector<std::string> errors(batch.inputs.size());
+  JobLimit limit(batch.jobs);
+  ForEachConcurrently(
+      batch.inputs.size(), batch.jobs, ProgressWanted(batch.quiet), "pack", [&](std::size_t i) {
+        if (errors[i] = CheckInput(batch.inputs[i]); !errors[i].empty())
+          return;
+        // Absolute paths, so that a referencing pack still finds its files from another folder.
+        std::error_code ignored;
+        const std::string absolute = fs::absolute(batch.inputs[i], ignored).lexically_normal().string();
+        const zel::ErrorCode read = io::ReadPicture(ToZelPath(absolute), images[i]);
+        if (read.IsBad())
+          errors[i] = read.Message();
+      });
+  if (const int status = ReportErrors(errors); status != kExitOk)
+    return status;
+  std::string error;
+  if (!WritePack(images, !reference, batch.output, error)) {
+    PrintError(error);
+    return kExitFailed;
+  }
+  return kExitOk;
+}
+
+// Writes every image of the pack into the output folder, named after the file each came from.
+int RunUnpack(const std::string& packFile, const BatchOptions& batch) {
+  if (const std::string error = CheckInput(packFile); !error.empty()) {
+    PrintError(error);
+    return kExitFailed;
+  }
+  std::vector<Image> images;
+  std::string error;
+  if (!ReadPack(packFile, images, error)) {
+    PrintError(error);
+    return kExitFailed;
+  }
+  std::error_code fsError;
+  fs::create_directories(batch.output, fsError);
+  if (fsError || !fs::is_directory(batch.output)) {
+    PrintError(batch.output + ": cannot create the output folder (" +
+               (fsError ? fsError.message() : std::string("not a folder")) + ")");
+    return kExitFailed;
+  }
+  std::map<std::string, int> used;
+  std::vector<std::string> targets;
+  for (std::size_t i = 0; i < images.size(); ++i) {
+    const fs::path original(images[i].FilePath().local_string());
+    std::string stem = original.stem().string();
+    if (stem.empty())
+      stem = "image" + std::to_string(i + 1);
+    if (const int seen = used[stem]++; seen > 0)
+      stem += "_" + std::to_string(seen + 1);
+    std::string extension = batch.extension.empty() ? original.extension().string() : batch.extension;
+    if (extension.empty())
+      extension = ".png";
+    if (extension.front() != '.')
+      extension.insert(0, ".");
+    targets.push_back((fs::path(batch.output) / (stem + extension)).string());
+  }
+  const io::WriteOptions write = WriteOptionsFor(batch);
+  std::vector<std::string> errors(images.size());
+  JobLimit limit(batch.jobs);
+  ForEachConcurrently(images.size(), batch.jobs, ProgressWanted(batch.quiet), "unpack", [&](std::size_t i) {
+    if (!batch.overwrite && fs::exists(targets[i])) {
+      errors[i] = targets[i] + ": already exists (use --overwrite to replace it)";
+      return;
+    }
+    const zel::ErrorCode written = io::WritePicture(images[i], ToZelPath(targets[i]), write);
+    if (written.IsBad())
+      errors[i] = written.Message();
+  });
+  return ReportErrors(errors);
 }
 
 }  // namespace
@@ -398,96 +492,10 @@ int Main(int argc, char** argv) {
                       return true;
                     });
   }
-  if (pack->parsed()) {
-    if (!batch.overwrite && fs::exists(batch.output)) {
-      PrintError(batch.output + ": already exists (use --overwrite to replace it)");
-      return kExitFailed;
-    }
-    std::vector<Image> images(batch.inputs.size());
-    std::vector<std::string> errors(batch.inputs.size());
-    JobLimit limit(batch.jobs);
-    ForEachConcurrently(
-        batch.inputs.size(), batch.jobs, ProgressWanted(batch.quiet), "pack", [&](std::size_t i) {
-          if (errors[i] = CheckInput(batch.inputs[i]); !errors[i].empty())
-            return;
-          // Absolute paths, so that a referencing pack still finds its files from another folder.
-          std::error_code ignored;
-          const std::string absolute = fs::absolute(batch.inputs[i], ignored).lexically_normal().string();
-          const zel::ErrorCode read = io::ReadPicture(ToZelPath(absolute), images[i]);
-          if (read.IsBad())
-            errors[i] = read.Message();
-        });
-    int status = kExitOk;
-    for (const std::string& error : errors) {
-      if (!error.empty()) {
-        PrintError(error);
-        status = kExitFailed;
-      }
-    }
-    if (status != kExitOk)
-      return status;
-    std::string error;
-    if (!WritePack(images, !reference, batch.output, error)) {
-      PrintError(error);
-      return kExitFailed;
-    }
-    return kExitOk;
-  }
-  if (unpack->parsed()) {
-    if (const std::string error = CheckInput(packFile); !error.empty()) {
-      PrintError(error);
-      return kExitFailed;
-    }
-    std::vector<Image> images;
-    std::string error;
-    if (!ReadPack(packFile, images, error)) {
-      PrintError(error);
-      return kExitFailed;
-    }
-    std::error_code fsError;
-    fs::create_directories(batch.output, fsError);
-    if (fsError || !fs::is_directory(batch.output)) {
-      PrintError(batch.output + ": cannot create the output folder (" +
-                 (fsError ? fsError.message() : std::string("not a folder")) + ")");
-      return kExitFailed;
-    }
-    std::map<std::string, int> used;
-    std::vector<std::string> targets;
-    for (std::size_t i = 0; i < images.size(); ++i) {
-      const fs::path original(images[i].FilePath().local_string());
-      std::string stem = original.stem().string();
-      if (stem.empty())
-        stem = "image" + std::to_string(i + 1);
-      if (const int seen = used[stem]++; seen > 0)
-        stem += "_" + std::to_string(seen + 1);
-      std::string extension = batch.extension.empty() ? original.extension().string() : batch.extension;
-      if (extension.empty())
-        extension = ".png";
-      if (extension.front() != '.')
-        extension.insert(0, ".");
-      targets.push_back((fs::path(batch.output) / (stem + extension)).string());
-    }
-    const io::WriteOptions write = WriteOptionsFor(batch);
-    std::vector<std::string> errors(images.size());
-    JobLimit limit(batch.jobs);
-    ForEachConcurrently(images.size(), batch.jobs, ProgressWanted(batch.quiet), "unpack", [&](std::size_t i) {
-      if (!batch.overwrite && fs::exists(targets[i])) {
-        errors[i] = targets[i] + ": already exists (use --overwrite to replace it)";
-        return;
-      }
-      const zel::ErrorCode written = io::WritePicture(images[i], ToZelPath(targets[i]), write);
-      if (written.IsBad())
-        errors[i] = written.Message();
-    });
-    int status = kExitOk;
-    for (const std::string& message : errors) {
-      if (!message.empty()) {
-        PrintError(message);
-        status = kExitFailed;
-      }
-    }
-    return status;
-  }
+  if (pack->parsed())
+    return RunPack(batch, reference);
+  if (unpack->parsed())
+    return RunUnpack(packFile, batch);
   if (demoCommand->parsed()) {
     demo.quiet = batch.quiet;
     JobLimit limit(batch.jobs);
