@@ -178,6 +178,11 @@ int Demo::Run() {
         shortInfo += " " + sibling.substr(sibling.find_first_not_of(' ')) + "\n";
       continue;
     }
+    // The file line one fact per line.
+    if (compact.rfind("file ", 0) == 0) {
+      for (std::size_t comma; (comma = compact.find(", ")) != std::string::npos;)
+        compact.replace(comma, 2, "\n ");
+    }
     shortInfo += compact + "\n";
   }
   tiles_.push_back({TextTile(mono, shortInfo, 200), "info atlas_Color.png\nsize, format, gamma, tags"});

@@ -86,14 +86,6 @@ CLI::Validator SizeValidator() {
 int RunInfo(const Common& common) {
   return RunBatch("info", common.batch, false, [](JobContext& ctx, std::string&) {
     ctx.report = DescribeImage(ctx.input, ctx.image);
-    io::PictureInfo info;
-    if (io::ReadPictureInfo(ToZelPath(ctx.input), info).IsOk()) {
-      ctx.report += "  file       " + std::string(io::FormatName(info.format)) + ", " +
-                    std::to_string(info.channels) + " channel" + (info.channels == 1 ? "" : "s") + " of " +
-                    std::to_string(info.bitsPerChannel) + (info.floatingPoint ? "-bit float" : " bits") +
-                    (info.palette ? ", palette" : "") +
-                    (info.gammaFromFile ? ", gamma from the file" : ", gamma from the settings") + "\n";
-    }
     return true;
   });
 }
