@@ -26,12 +26,16 @@ namespace {
 
 namespace settings = ::config::xml;
 
-[[maybe_unused]] const bool kRegistered = [] {
+// The initialiser reads the record when it runs, so a host's changed default is the one stored.
+void StoreDefault() {
   const config::PlaneCacheKey& key = config::PlaneCacheMegabytes;
-  ::config::xml2::Register(key.project, key.name, [&key] {
-    if (!settings::PropertyExists(key.name, key.project))
-      settings::SetProperty(key.name, key.default_value, key.project);
-  });
+  if (!settings::PropertyExists(key.name, key.project))
+    settings::SetProperty(key.name, key.default_value, key.project);
+}
+
+[[maybe_unused]] const bool kRegistered = [] {
+  ::config::xml2::Register(config::PlaneCacheMegabytes.project, config::PlaneCacheMegabytes.name,
+                           StoreDefault);
   return true;
 }();
 
