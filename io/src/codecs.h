@@ -62,7 +62,8 @@ std::string CheckPromise(std::int64_t width, std::int64_t height, std::uint64_t 
 // The gamma integer pixels of `type` get when the file does not say.
 GammaValue DefaultInputGamma(EImageType type);
 
-// A new image of the given size and format whose pixels the decoder writes entirely.
+// A new image of the given size and format whose pixels the decoder writes entirely; it joins the image
+// list when the front end calls PixelsWritten after a successful decode.
 Image NewPicture(int width, int height, EImageType type, GammaValue gamma);
 
 // Sends a codec warning to the logger's channel "io".

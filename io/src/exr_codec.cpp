@@ -1,13 +1,13 @@
 // OpenEXR through the OpenEXR library. Its slices point straight into our planes (blue, green, red,
 // alpha floats), so half and float channels are converted to 32-bit floats by the library as it reads.
 // Its exceptions are caught here and never leave this file.
+#include <Iex.h>
 #include <ImfChannelList.h>
 #include <ImfFrameBuffer.h>
 #include <ImfHeader.h>
 #include <ImfIO.h>
 #include <ImfInputFile.h>
 #include <ImfOutputFile.h>
-#include <Iex.h>
 
 #include <cstdio>
 #include <cstring>
@@ -36,9 +36,7 @@ class MemoryInput : public Imf::IStream {
     return offset_ < source_.size;
   }
 
-  char* readMemoryMapped(int n) override {
-    return const_cast<char*>(reinterpret_cast<const char*>(Take(n)));
-  }
+  char* readMemoryMapped(int n) override { return const_cast<char*>(reinterpret_cast<const char*>(Take(n))); }
 
   uint64_t tellg() override { return offset_; }
 
@@ -113,6 +111,8 @@ std::string ChooseChannels(const Imf::Header& header, ChannelChoice& choice) {
     choice.green = usable("G") ? "G" : nullptr;
     choice.blue = usable("B") ? "B" : nullptr;
     choice.channels = 3;
+  } else if (list.findChannel("RY") != nullptr || list.findChannel("BY") != nullptr) {
+    return "luminance-chroma OpenEXR files are not supported";
   } else if (usable("Y")) {
     choice.grey = "Y";
     choice.channels = 1;
@@ -150,9 +150,10 @@ std::string CheckHeader(const Imf::Header& header, const Source& source, Channel
       header.compression() == Imf::DWAA_COMPRESSION || header.compression() == Imf::DWAB_COMPRESSION ? 65536
                                                                                                      : 4096;
   // Half samples are the smallest a file can decode to.
-  const std::uint64_t raw = width > 0 && height > 0 ? static_cast<std::uint64_t>(width) *
-                                                          static_cast<std::uint64_t>(height) * choice.channels * 2
-                                                    : 0;
+  const std::uint64_t raw =
+      width > 0 && height > 0
+          ? static_cast<std::uint64_t>(width) * static_cast<std::uint64_t>(height) * choice.channels * 2
+          : 0;
   return CheckPromise(width, height, raw, source.size, ratio);
 }
 

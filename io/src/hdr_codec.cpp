@@ -38,11 +38,17 @@ struct HdrInput {
   std::size_t size;
   std::size_t offset;
   bool truncated;
+  bool fillAfterEnd;
 };
 
 // stb_image never says that it ran out of data: it reads zeros. It refills its 128-byte buffer only when
 // it needs another byte, and asks for fewer bytes only when it needs exactly those, so a call that finds
 // nothing left, or less than an exact request, means the file ended too soon.
+//
+// Its run-length decoder also loops forever on a run of length zero, which is what an exhausted input
+// reads as. Once the header has been read whole (stbi_info succeeded), the pixels are decoded with 0xFF
+// bytes standing for the missing data: every run then moves on, the decoder ends within the size the
+// header promised, and the file is reported as truncated.
 int HdrRead(void* user, char* out, int size) {
   auto* input = static_cast<HdrInput*>(user);
   const std::size_t left = input->size - input->offset;
@@ -53,6 +59,10 @@ int HdrRead(void* user, char* out, int size) {
   const std::size_t count = std::min(left, static_cast<std::size_t>(size));
   std::memcpy(out, input->data + input->offset, count);
   input->offset += count;
+  if (count == 0 && input->fillAfterEnd) {
+    std::memset(out, 0xFF, static_cast<std::size_t>(size));
+    return size;
+  }
   return static_cast<int>(count);
 }
 
@@ -75,7 +85,7 @@ int HdrEof(void* user) {
 const stbi_io_callbacks kCallbacks = {&HdrRead, &HdrSkip, &HdrEof};
 
 std::string ReadHeader(const Source& source, int& width, int& height) {
-  HdrInput input{source.data, source.size, 0, false};
+  HdrInput input{source.data, source.size, 0, false, false};
   int components = 0;
   if (!stbi_info_from_callbacks(&kCallbacks, &input, &width, &height, &components)) {
     const char* reason = stbi_failure_reason();
@@ -113,7 +123,7 @@ std::string DecodeHdr(const Source& source, Image& image) {
   const std::string failure = ReadHeader(source, width, height);
   if (!failure.empty())
     return failure;
-  HdrInput input{source.data, source.size, 0, false};
+  HdrInput input{source.data, source.size, 0, false, true};
   int components = 0, decodedWidth = 0, decodedHeight = 0;
   std::unique_ptr<float, StbFree> pixels(
       stbi_loadf_from_callbacks(&kCallbacks, &input, &decodedWidth, &decodedHeight, &components, 3));
@@ -153,8 +163,8 @@ struct HdrOutput {
 
 void HdrWrite(void* user, void* data, int size) {
   auto* output = static_cast<HdrOutput*>(user);
-  if (!output->failed && std::fwrite(data, 1, static_cast<std::size_t>(size), output->file) !=
-                             static_cast<std::size_t>(size))
+  if (!output->failed &&
+      std::fwrite(data, 1, static_cast<std::size_t>(size), output->file) != static_cast<std::size_t>(size))
     output->failed = true;
 }
 

@@ -58,6 +58,21 @@ void JpegOutputMessage(j_common_ptr info) {
   LogCodecWarning("libjpeg", error->name, text);
 }
 
+// Every scan of a progressive file passes over the whole picture, so a small file of thousands of scans
+// would take minutes; real files have a dozen.
+constexpr int kMaxScans = 256;
+
+void JpegProgress(j_common_ptr info) {
+  if (!info->is_decompressor)
+    return;
+  auto* decompress = reinterpret_cast<j_decompress_ptr>(info);
+  if (decompress->input_scan_number > kMaxScans) {
+    auto* error = reinterpret_cast<JpegError*>(info->err);
+    std::snprintf(error->message, sizeof error->message, "more than %d scans", kMaxScans);
+    std::longjmp(error->jump, 1);
+  }
+}
+
 void InstallErrorManager(JpegError& error, const char* name) {
   jpeg_std_error(&error.manager);
   error.manager.error_exit = &JpegErrorExit;
@@ -70,6 +85,7 @@ void InstallErrorManager(JpegError& error, const char* name) {
 
 struct Decompressor {
   jpeg_decompress_struct info{};
+  jpeg_progress_mgr progress{};
   bool created = false;
   ~Decompressor() {
     if (created)
@@ -120,6 +136,8 @@ std::string StartReading(Decompressor& decompressor, JpegError& error, const Sou
   decompressor.created = true;
   if (!ReadJpegHeader(&decompressor.info, &error, source.data, source.size))
     return error.message;
+  decompressor.progress.progress_monitor = &JpegProgress;
+  decompressor.info.progress = &decompressor.progress;
   const jpeg_decompress_struct& info = decompressor.info;
   if (info.jpeg_color_space == JCS_CMYK || info.jpeg_color_space == JCS_YCCK)
     return "CMYK JPEG files are not supported";
@@ -206,8 +224,8 @@ std::string EncodeJpeg(const Image& image, const Target& target, const WriteOpti
   InstallErrorManager(error, target.name);
   compressor.info.err = &error.manager;
   compressor.created = true;
-  if (!WriteJpegRows(&compressor.info, &error, target.file, width, height,
-                     image.ImageType() == IT_Grayscale8, options.jpegQuality, rows.data()))
+  if (!WriteJpegRows(&compressor.info, &error, target.file, width, height, image.ImageType() == IT_Grayscale8,
+                     options.jpegQuality, rows.data()))
     return error.message;
   return std::string();
 }

@@ -134,11 +134,13 @@ zel::ErrorCode DecodeInto(const detail::Source& source, Image& image, EImageType
     const std::string failure = Decode(source, loaded);
     if (!failure.empty())
       return Failure(source.name, failure);
+    // Only now may the image list hand these pixels to other readers.
+    loaded.GetImplRef().PixelsWritten();
     if (path != nullptr) {
       loaded.SetFilePath(*path);
       loaded.UpdateLastModif();
     }
-    if (requested != IT_UNDEFINED && requested < IT_UNDEFINED)
+    if (requested < IT_UNDEFINED)
       ToImageType(loaded, requested, false);
     image = loaded;
     return zel::ErrorCode();
@@ -154,8 +156,8 @@ std::string TemporaryName(const std::string& folder, const std::string& leaf) {
   static std::atomic<unsigned> counter{0};
   thread_local std::minstd_rand random(std::random_device{}());
   char suffix[64];
-  std::snprintf(suffix, sizeof suffix, ".%ld.%u.%08x.tmp", static_cast<long>(::getpid()), counter.fetch_add(1),
-                static_cast<unsigned>(random()));
+  std::snprintf(suffix, sizeof suffix, ".%ld.%u.%08x.tmp", static_cast<long>(::getpid()),
+                counter.fetch_add(1), static_cast<unsigned>(random()));
   return folder + "/." + leaf + suffix;
 }
 
@@ -276,8 +278,8 @@ bool StartsWith(const unsigned char* bytes, std::size_t size, const char* signat
 
 namespace detail {
 
-std::string CheckPromise(std::int64_t width, std::int64_t height, std::uint64_t rawBytes, std::size_t fileSize,
-                         std::uint64_t maxRatio) {
+std::string CheckPromise(std::int64_t width, std::int64_t height, std::uint64_t rawBytes,
+                         std::size_t fileSize, std::uint64_t maxRatio) {
   const PictureLimits limits = GetPictureLimits();
   char text[160];
   if (width < 1 || height < 1) {
@@ -285,17 +287,17 @@ std::string CheckPromise(std::int64_t width, std::int64_t height, std::uint64_t 
                   static_cast<long long>(height));
     return text;
   }
-  if (width > limits.maxDimension || height > limits.maxDimension ||
-      width * height > limits.maxPixels) {
-    std::snprintf(text, sizeof text, "image too large (%lld x %lld)", static_cast<long long>(width),
-                  static_cast<long long>(height));
-    return text;
-  }
-  // Small pictures are never refused: headers and tables dominate them.
+  // What the bytes cannot hold is the more telling cause, so it comes first. Small pictures are never
+  // refused: headers and tables dominate them.
   if (rawBytes > 65536 && rawBytes / maxRatio > fileSize) {
     std::snprintf(text, sizeof text, "truncated file: %lld x %lld pixels cannot fit in %llu bytes",
                   static_cast<long long>(width), static_cast<long long>(height),
                   static_cast<unsigned long long>(fileSize));
+    return text;
+  }
+  if (width > limits.maxDimension || height > limits.maxDimension || width * height > limits.maxPixels) {
+    std::snprintf(text, sizeof text, "image too large (%lld x %lld)", static_cast<long long>(width),
+                  static_cast<long long>(height));
     return text;
   }
   return std::string();
@@ -474,7 +476,8 @@ zel::ErrorCode ReadPictureFromMemory(const void* bytes, std::size_t size, Image&
 
 zel::ErrorCode WritePicture(const Image& image, const ZELPath& path, const WriteOptions& options) {
   const std::string name = DisplayName(path);
-  const FileFormat format = options.format != FileFormat::Unknown ? options.format : FormatFromExtension(path);
+  const FileFormat format =
+      options.format != FileFormat::Unknown ? options.format : FormatFromExtension(path);
   if (format == FileFormat::Unknown)
     return Failure(name, "no picture format for the extension '" + path.extension().ToUTF8() + "'");
   if (options.jpegQuality < 1 || options.jpegQuality > 100)
@@ -507,20 +510,32 @@ zel::ErrorCode WritePicture(const Image& image, const ZELPath& path, const Write
 
 zel::ErrorCode ReadPictureSource(Image* image, const ZELPath& path, EImageType type, int*,
                                  const ReadOptions& options) {
+  const std::string name = DisplayName(path);
   if (image == nullptr)
-    return Failure(DisplayName(path), "no image to read into");
-  if (!options.bypassReaderCache) {
-    EImageType wanted = type;
-    // The list is searched by format: for the file's own format, find out what that is first.
-    if (wanted >= IT_UNDEFINED) {
-      PictureInfo info;
-      if (ReadPictureInfo(path, info).IsOk())
-        wanted = info.naturalType;
+    return Failure(name, "no image to read into");
+  if (!options.bypassReaderCache && type < IT_UNDEFINED &&
+      ImageList::Instance().Load(image, path, type, AutoScaleGrayScale(false)))
+    return zel::ErrorCode();
+  std::vector<unsigned char> bytes;
+  const std::string failure = ReadWholeFile(name, bytes);
+  if (!failure.empty())
+    return Failure(name, failure);
+  detail::Source source;
+  source.data = bytes.data();
+  source.size = bytes.size();
+  source.name = name.c_str();
+  // The list is searched by format: for the file's own format, its header says which that is.
+  if (!options.bypassReaderCache && type >= IT_UNDEFINED) {
+    PictureInfo info;
+    bool known = false;
+    try {
+      known = ReadInfo(source, info).empty();
+    } catch (const std::exception&) {
     }
-    if (wanted < IT_UNDEFINED && ImageList::Instance().Load(image, path, wanted, AutoScaleGrayScale(false)))
+    if (known && ImageList::Instance().Load(image, path, info.naturalType, AutoScaleGrayScale(false)))
       return zel::ErrorCode();
   }
-  return ReadPicture(path, *image, type);
+  return DecodeInto(source, *image, type, &path);
 }
 
 void InstallPictureReader() {

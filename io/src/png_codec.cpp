@@ -155,7 +155,8 @@ bool FileGamma(const PngHeader& header, GammaValue& gamma) {
   return false;
 }
 
-std::string StartReading(PngContext& context, PngReadStructs& structs, PngHeader& header, const Source& source) {
+std::string StartReading(PngContext& context, PngReadStructs& structs, PngHeader& header,
+                         const Source& source) {
   context.data = source.data;
   context.size = source.size;
   context.offset = 0;

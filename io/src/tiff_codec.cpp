@@ -67,7 +67,8 @@ tmsize_t TiffRead(thandle_t handle, void* buffer, tmsize_t size) {
   auto* context = static_cast<TiffContext*>(handle);
   if (size <= 0)
     return 0;
-  const std::size_t count = std::min<std::size_t>(static_cast<std::size_t>(size), context->size - context->offset);
+  const std::size_t count =
+      std::min<std::size_t>(static_cast<std::size_t>(size), context->size - context->offset);
   std::memcpy(buffer, context->data + context->offset, count);
   context->offset += count;
   return static_cast<tmsize_t>(count);
@@ -264,8 +265,8 @@ bool ReadStrips(TIFF* tiff, const TiffLayout& layout, PixelPlane& plane) {
 
 bool ReadTiles(TIFF* tiff, const TiffLayout& layout, PixelPlane& plane) {
   std::uint32_t tileWidth = 0, tileHeight = 0;
-  if (!TIFFGetField(tiff, TIFFTAG_TILEWIDTH, &tileWidth) || !TIFFGetField(tiff, TIFFTAG_TILELENGTH, &tileHeight) ||
-      tileWidth == 0 || tileHeight == 0)
+  if (!TIFFGetField(tiff, TIFFTAG_TILEWIDTH, &tileWidth) ||
+      !TIFFGetField(tiff, TIFFTAG_TILELENGTH, &tileHeight) || tileWidth == 0 || tileHeight == 0)
     return false;
   const std::uint64_t tileBytes = static_cast<std::uint64_t>(TIFFTileSize64(tiff));
   const std::uint64_t rowBytes = static_cast<std::uint64_t>(tileWidth) * layout.samples * layout.bits / 8;

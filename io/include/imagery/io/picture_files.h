@@ -46,8 +46,8 @@ struct PictureInfo {
   FileFormat format = FileFormat::Unknown;
   int width = 0;
   int height = 0;
-  int channels = 0;         // colour and alpha channels in the file (a palette counts as 3, or 4 with alpha)
-  int bitsPerChannel = 0;   // 1, 2, 4, 8, 16 for integer files; 16 (half) or 32 for float files
+  int channels = 0;        // colour and alpha channels in the file (a palette counts as 3, or 4 with alpha)
+  int bitsPerChannel = 0;  // 1, 2, 4, 8, 16 for integer files; 16 (half) or 32 for float files
   bool floatingPoint = false;
   bool hasAlpha = false;
   bool palette = false;
@@ -66,7 +66,8 @@ struct PictureLimits {
   std::int64_t maxPixels = std::int64_t(1) << 28;
 };
 IMAGERY_IO_API PictureLimits GetPictureLimits();
-// Not synchronised with reads running at the same time; set the limits before starting them.
+// Not synchronised with reads running at the same time; set the limits before starting them. OpenEXR's
+// own header check takes the dimension limit in force at the first OpenEXR read.
 IMAGERY_IO_API void SetPictureLimits(const PictureLimits& limits);
 
 // Reads the header of the file at `path` into `info`. `info` is left as it was on failure.
@@ -96,7 +97,8 @@ struct WriteOptions {
   FileFormat format = FileFormat::Unknown;
   // JPEG quality, 1..100.
   int jpegQuality = 90;
-  // PNG and TIFF sample depth: 8 or 16, or 0 for the image's own (16 for 16-bit and float images).
+  // PNG and TIFF sample depth, 8 or 16. 0 keeps the image's: 8-bit images stay 8-bit, others become
+  // 16-bit, except float images written to TIFF, which stay float.
   int bitsPerChannel = 0;
   // zlib level of PNG files, 0..9.
   int pngCompressionLevel = 6;
@@ -122,8 +124,8 @@ IMAGERY_IO_API zel::ErrorCode WritePicture(const Image& image, const ZELPath& pa
 // (set by the library on reloads), it first asks the image list for a version of the file it already
 // holds, in `type` or converted from another format; otherwise it reads the file with ReadPicture and
 // converts to `type` (IT_UNDEFINED keeps the file's format). `extra` is left alone.
-IMAGERY_IO_API zel::ErrorCode ReadPictureSource(Image* image, const ZELPath& path, EImageType type, int* extra,
-                                                const ReadOptions& options);
+IMAGERY_IO_API zel::ErrorCode ReadPictureSource(Image* image, const ZELPath& path, EImageType type,
+                                                int* extra, const ReadOptions& options);
 
 // Installs ReadPictureSource as the process-wide factory's source reader.
 IMAGERY_IO_API void InstallPictureReader();
