@@ -215,8 +215,8 @@ int Demo::Run() {
   CropImage(grass, {size / 2, size / 2},
             {static_cast<unsigned long>(size / 2), static_cast<unsigned long>(size / 2)});
   if (!Show(grass, "crop_grass.png",
-            "crop --origin " + std::to_string(size / 2) + "," + std::to_string(size / 2) + " -s " +
-                std::to_string(size / 2) + "x" + std::to_string(size / 2) + "\nthe grass island"))
+            "crop --origin " + std::to_string(size / 2) + "," + std::to_string(size / 2) + "\n-s " +
+                std::to_string(size / 2) + "x" + std::to_string(size / 2) + ", the grass island"))
     return kExitFailed;
 
   // transform
