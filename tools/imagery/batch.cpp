@@ -246,7 +246,7 @@ int RunBatch(const std::string& command, const BatchOptions& options, bool write
             return;
           }
           reports[i] = std::move(ctx.report);
-          if (!writes)
+          if (!writes || ctx.written)
             return;
           if (ctx.outputs.empty())
             ctx.outputs.emplace_back(ctx.image, ctx.target);

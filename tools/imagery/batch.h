@@ -33,6 +33,8 @@ struct JobContext {
   std::vector<std::pair<Image, std::string>> outputs;
   // Text printed on standard output once every job is done, in input order.
   std::string report;
+  // Set by a job that wrote `target` itself (in a form imagery::io does not write).
+  bool written = false;
 };
 
 // Transforms ctx.image (or fills ctx.outputs); false with `error` (the cause, without the file name) on

@@ -15,6 +15,7 @@
 #include "imagery/pixel_access.h"
 #include "operations.h"
 #include "pack.h"
+#include "palette.h"
 #include "samples.h"
 #include "text.h"
 
@@ -177,6 +178,11 @@ int Demo::Run() {
         shortInfo += " " + sibling.substr(sibling.find_first_not_of(' ')) + "\n";
       continue;
     }
+    // The file line one fact per line.
+    if (compact.rfind("file ", 0) == 0) {
+      for (std::size_t comma; (comma = compact.find(", ")) != std::string::npos;)
+        compact.replace(comma, 2, "\n ");
+    }
     shortInfo += compact + "\n";
   }
   tiles_.push_back({TextTile(mono, shortInfo, 200), "info atlas_Color.png\nsize, format, gamma, tags"});
@@ -209,8 +215,8 @@ int Demo::Run() {
   CropImage(grass, {size / 2, size / 2},
             {static_cast<unsigned long>(size / 2), static_cast<unsigned long>(size / 2)});
   if (!Show(grass, "crop_grass.png",
-            "crop --origin " + std::to_string(size / 2) + "," + std::to_string(size / 2) + " -s " +
-                std::to_string(size / 2) + "x" + std::to_string(size / 2) + "\nthe grass island"))
+            "crop --origin " + std::to_string(size / 2) + "," + std::to_string(size / 2) + "\n-s " +
+                std::to_string(size / 2) + "x" + std::to_string(size / 2) + ", the grass island"))
     return kExitFailed;
 
   // transform
@@ -268,6 +274,28 @@ int Demo::Run() {
   if (!Show(boxed, "blur_box8.png", "blur --radius 8\nbox, roughness map"))
     return kExitFailed;
 
+  // quantize and preview
+  for (const bool dither : {false, true}) {
+    const std::string name = dither ? "quantize_8_dither.png" : "quantize_8.png";
+    std::string quantizeError;
+    if (!WritePalettePng(QuantizeImage(color, 8, dither), (folder_ / name).string(), quantizeError)) {
+      PrintError(quantizeError);
+      return kExitFailed;
+    }
+    written_.push_back(name);
+    Image back;
+    if (!Load(name, back))
+      return kExitFailed;
+    tiles_.push_back(
+        {back, std::string("quantize -c 8") + (dither ? " --dither" : "") + "\nindexed PNG, alpha off"});
+  }
+  const PreviewResult preview = MakePreview(color, 96, CLR(0x80, 0x80, 0x80), true);
+  if (!Show(
+          preview.image, "preview_96.png",
+          "preview --size 96 --quantized\n--background 808080, " + std::to_string(preview.chunkBytes) + " B",
+          true))
+    return kExitFailed;
+
   // mipmap: the grass island, whose thin alpha-tested blades are what the sharp methods keep
   const int level = 3;
   std::vector<std::vector<MipMapCoverage>> coverages;
@@ -299,7 +327,8 @@ int Demo::Run() {
   std::string coverageText = "grass: % of alpha > 0.5\nlevel size    std   thr  dith\n";
   for (std::size_t l = 0; !coverages.empty() && l < coverages[0].size(); ++l) {
     char row[64];
-    const std::string dims = std::to_string(coverages[0][l].width) + "x" + std::to_string(coverages[0][l].height);
+    const std::string dims =
+        std::to_string(coverages[0][l].width) + "x" + std::to_string(coverages[0][l].height);
     std::snprintf(row, sizeof row, "%3zu  %-7s", l, dims.c_str());
     coverageText += row;
     for (const auto& table : coverages) {
@@ -308,8 +337,7 @@ int Demo::Run() {
     }
     coverageText += "\n";
   }
-  tiles_.push_back(
-      {TextTile(mono, coverageText, 200), "mipmap coverage table\nstandard loses thin blades"});
+  tiles_.push_back({TextTile(mono, coverageText, 200), "mipmap coverage table\nstandard loses thin blades"});
 
   // dilate
   tiles_.push_back({WithoutAlpha(color), "atlas_Color.png, alpha off\nundefined colour is black"});
@@ -336,6 +364,7 @@ int Demo::Run() {
     return kExitFailed;
 
   SheetLayout layout;
+  layout.columns = 6;
   layout.title = "imagery demo: sample atlas (" + sizeText + ") through every command";
   const Image sheet = BuildContactSheet(tiles_, layout, title, caption);
   if (!Save(sheet, "contact_sheet.png"))

@@ -17,6 +17,7 @@
 #include "imagery_host/logger.h"
 #include "operations.h"
 #include "pack.h"
+#include "palette.h"
 
 namespace imagery::cli {
 namespace {
@@ -36,7 +37,8 @@ struct Common {
 void AddRunOptions(CLI::App* command, Common& common) {
   command->add_option("-j,--jobs", common.batch.jobs, "Files processed at once (default: one per processor)")
       ->check(CLI::Range(1, 256));
-  command->add_flag("-q,--quiet", common.batch.quiet, "No progress bar and no messages but errors");
+  command->add_flag("-q,--quiet", common.batch.quiet,
+                    "No progress bar and no informational lines (results and errors still print)");
   command->add_flag("-v,--verbose", common.verbose, "Log what the library does (every logger channel)");
 }
 
@@ -84,16 +86,101 @@ CLI::Validator SizeValidator() {
 int RunInfo(const Common& common) {
   return RunBatch("info", common.batch, false, [](JobContext& ctx, std::string&) {
     ctx.report = DescribeImage(ctx.input, ctx.image);
-    io::PictureInfo info;
-    if (io::ReadPictureInfo(ToZelPath(ctx.input), info).IsOk()) {
-      ctx.report += "  file       " + std::string(io::FormatName(info.format)) + ", " +
-                    std::to_string(info.channels) + " channel" + (info.channels == 1 ? "" : "s") + " of " +
-                    std::to_string(info.bitsPerChannel) + (info.floatingPoint ? "-bit float" : " bits") +
-                    (info.palette ? ", palette" : "") +
-                    (info.gammaFromFile ? ", gamma from the file" : ", gamma from the settings") + "\n";
-    }
     return true;
   });
+}
+
+// Prints every error of a list of per-file results; the tool's exit code for them.
+int ReportErrors(const std::vector<std::string>& errors) {
+  int status = kExitOk;
+  for (const std::string& error : errors) {
+    if (!error.empty()) {
+      PrintError(error);
+      status = kExitFailed;
+    }
+  }
+  return status;
+}
+
+// Reads every input (concurrently), then writes them all into one pack; nothing is written when an input
+// cannot be read.
+int RunPack(const BatchOptions& batch, bool reference) {
+  if (!batch.overwrite && fs::exists(batch.output)) {
+    PrintError(batch.output + ": already exists (use --overwrite to replace it)");
+    return kExitFailed;
+  }
+  std::vector<Image> images(batch.inputs.size());
+  std::vector<std::string> errors(batch.inputs.size());
+  JobLimit limit(batch.jobs);
+  ForEachConcurrently(
+      batch.inputs.size(), batch.jobs, ProgressWanted(batch.quiet), "pack", [&](std::size_t i) {
+        if (errors[i] = CheckInput(batch.inputs[i]); !errors[i].empty())
+          return;
+        // Absolute paths, so that a referencing pack still finds its files from another folder.
+        std::error_code ignored;
+        const std::string absolute = fs::absolute(batch.inputs[i], ignored).lexically_normal().string();
+        const zel::ErrorCode read = io::ReadPicture(ToZelPath(absolute), images[i]);
+        if (read.IsBad())
+          errors[i] = read.Message();
+      });
+  if (const int status = ReportErrors(errors); status != kExitOk)
+    return status;
+  std::string error;
+  if (!WritePack(images, !reference, batch.output, error)) {
+    PrintError(error);
+    return kExitFailed;
+  }
+  return kExitOk;
+}
+
+// Writes every image of the pack into the output folder, named after the file each came from.
+int RunUnpack(const std::string& packFile, const BatchOptions& batch) {
+  if (const std::string error = CheckInput(packFile); !error.empty()) {
+    PrintError(error);
+    return kExitFailed;
+  }
+  std::vector<Image> images;
+  std::string error;
+  if (!ReadPack(packFile, images, error)) {
+    PrintError(error);
+    return kExitFailed;
+  }
+  std::error_code fsError;
+  fs::create_directories(batch.output, fsError);
+  if (fsError || !fs::is_directory(batch.output)) {
+    PrintError(batch.output + ": cannot create the output folder (" +
+               (fsError ? fsError.message() : std::string("not a folder")) + ")");
+    return kExitFailed;
+  }
+  std::map<std::string, int> used;
+  std::vector<std::string> targets;
+  for (std::size_t i = 0; i < images.size(); ++i) {
+    const fs::path original(images[i].FilePath().local_string());
+    std::string stem = original.stem().string();
+    if (stem.empty())
+      stem = "image" + std::to_string(i + 1);
+    if (const int seen = used[stem]++; seen > 0)
+      stem += "_" + std::to_string(seen + 1);
+    std::string extension = batch.extension.empty() ? original.extension().string() : batch.extension;
+    if (extension.empty())
+      extension = ".png";
+    if (extension.front() != '.')
+      extension.insert(0, ".");
+    targets.push_back((fs::path(batch.output) / (stem + extension)).string());
+  }
+  const io::WriteOptions write = WriteOptionsFor(batch);
+  std::vector<std::string> errors(images.size());
+  JobLimit limit(batch.jobs);
+  ForEachConcurrently(images.size(), batch.jobs, ProgressWanted(batch.quiet), "unpack", [&](std::size_t i) {
+    if (!batch.overwrite && fs::exists(targets[i])) {
+      errors[i] = targets[i] + ": already exists (use --overwrite to replace it)";
+      return;
+    }
+    const zel::ErrorCode written = io::WritePicture(images[i], ToZelPath(targets[i]), write);
+    if (written.IsBad())
+      errors[i] = written.Message();
+  });
+  return ReportErrors(errors);
 }
 
 }  // namespace
@@ -206,6 +293,31 @@ int Main(int argc, char** argv) {
   dilate->add_option("--mask", maskPath,
                      "Picture whose alpha (or grey) above one half marks the defined pixels");
   dilate->add_flag("--distance", writeDistance, "Also write the distance field as NAME_distance.EXT");
+
+  int colors = 256;
+  bool dither = false;
+  CLI::App* quantize = app.add_subcommand("quantize", "Reduce to a palette and write an indexed-colour PNG");
+  AddBatchOptions(quantize, common);
+  quantize->add_option("-c,--colors", colors, "Palette size")->check(CLI::Range(8, 256));
+  quantize->add_flag("--dither", dither, "Diffuse the error (Floyd-Steinberg) instead of mapping plainly");
+
+  int previewSize = 128;
+  std::string backgroundText = "000000";
+  bool previewQuantized = false;
+  CLI::App* preview = app.add_subcommand(
+      "preview", "The scene's preview bitmap of each picture, stored as a preview chunk and read back");
+  AddBatchOptions(preview, common);
+  preview->add_option("--size", previewSize, "Longer side of the preview")->check(CLI::Range(1, 4096));
+  preview->add_option("--background", backgroundText, "Colour under transparent pixels, RRGGBB")
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            return text.size() == 6 && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos
+                       ? std::string()
+                       : "expected a colour RRGGBB, got " + text;
+          },
+          "RRGGBB"));
+  preview->add_flag("--quantized", previewQuantized,
+                    "Store the preview palette-quantised, as small scenes do");
 
   DemoOptions demo;
   CLI::App* demoCommand =
@@ -333,105 +445,49 @@ int Main(int argc, char** argv) {
         }
       }
       const Image* maskImage = maskPath.empty() ? nullptr : &mask;
-      if (writeDistance && (maskImage || HasAlpha(ctx.image.ImageType())) &&
-          (!maskImage || (mask.Width() == ctx.image.Width() && mask.Height() == ctx.image.Height())))
-        ctx.outputs.emplace_back(DistanceImage(ctx.image, maskImage), WithSuffix(ctx.target, "_distance"));
       if (!DilateImage(ctx.image, maskImage, error))
         return false;
-      ctx.outputs.emplace(ctx.outputs.begin(), ctx.image, ctx.target);
+      if (writeDistance) {
+        // Dilation keeps alpha, so the dilated picture still tells the same pixels apart.
+        ctx.outputs.emplace_back(ctx.image, ctx.target);
+        ctx.outputs.emplace_back(DistanceImage(ctx.image, maskImage), WithSuffix(ctx.target, "_distance"));
+      }
       return true;
     });
   }
-  if (pack->parsed()) {
-    if (!batch.overwrite && fs::exists(batch.output)) {
-      PrintError(batch.output + ": already exists (use --overwrite to replace it)");
-      return kExitFailed;
-    }
-    std::vector<Image> images(batch.inputs.size());
-    std::vector<std::string> errors(batch.inputs.size());
-    JobLimit limit(batch.jobs);
-    ForEachConcurrently(
-        batch.inputs.size(), batch.jobs, ProgressWanted(batch.quiet), "pack", [&](std::size_t i) {
-          if (errors[i] = CheckInput(batch.inputs[i]); !errors[i].empty())
-            return;
-          // Absolute paths, so that a referencing pack still finds its files from another folder.
-          std::error_code ignored;
-          const std::string absolute = fs::absolute(batch.inputs[i], ignored).lexically_normal().string();
-          const zel::ErrorCode read = io::ReadPicture(ToZelPath(absolute), images[i]);
-          if (read.IsBad())
-            errors[i] = read.Message();
-        });
-    int status = kExitOk;
-    for (const std::string& error : errors) {
-      if (!error.empty()) {
-        PrintError(error);
-        status = kExitFailed;
+  if (quantize->parsed()) {
+    return RunBatch("quantize", batch, true, [colors, dither](JobContext& ctx, std::string& error) {
+      std::string extension = fs::path(ctx.target).extension().string();
+      std::transform(extension.begin(), extension.end(), extension.begin(), ::tolower);
+      if (extension != ".png") {
+        error = "quantize writes indexed-colour PNG files, not " + ctx.target;
+        return false;
       }
-    }
-    if (status != kExitOk)
-      return status;
-    std::string error;
-    if (!WritePack(images, !reference, batch.output, error)) {
-      PrintError(error);
-      return kExitFailed;
-    }
-    return kExitOk;
-  }
-  if (unpack->parsed()) {
-    if (const std::string error = CheckInput(packFile); !error.empty()) {
-      PrintError(error);
-      return kExitFailed;
-    }
-    std::vector<Image> images;
-    std::string error;
-    if (!ReadPack(packFile, images, error)) {
-      PrintError(error);
-      return kExitFailed;
-    }
-    std::error_code fsError;
-    fs::create_directories(batch.output, fsError);
-    if (fsError || !fs::is_directory(batch.output)) {
-      PrintError(batch.output + ": cannot create the output folder (" +
-                 (fsError ? fsError.message() : std::string("not a folder")) + ")");
-      return kExitFailed;
-    }
-    std::map<std::string, int> used;
-    std::vector<std::string> targets;
-    for (std::size_t i = 0; i < images.size(); ++i) {
-      const fs::path original(images[i].FilePath().local_string());
-      std::string stem = original.stem().string();
-      if (stem.empty())
-        stem = "image" + std::to_string(i + 1);
-      if (const int seen = used[stem]++; seen > 0)
-        stem += "_" + std::to_string(seen + 1);
-      std::string extension = batch.extension.empty() ? original.extension().string() : batch.extension;
-      if (extension.empty())
-        extension = ".png";
-      if (extension.front() != '.')
-        extension.insert(0, ".");
-      targets.push_back((fs::path(batch.output) / (stem + extension)).string());
-    }
-    const io::WriteOptions write = WriteOptionsFor(batch);
-    std::vector<std::string> errors(images.size());
-    JobLimit limit(batch.jobs);
-    ForEachConcurrently(images.size(), batch.jobs, ProgressWanted(batch.quiet), "unpack", [&](std::size_t i) {
-      if (!batch.overwrite && fs::exists(targets[i])) {
-        errors[i] = targets[i] + ": already exists (use --overwrite to replace it)";
-        return;
-      }
-      const zel::ErrorCode written = io::WritePicture(images[i], ToZelPath(targets[i]), write);
-      if (written.IsBad())
-        errors[i] = written.Message();
+      if (!WritePalettePng(QuantizeImage(ctx.image, colors, dither), ctx.target, error))
+        return false;
+      ctx.written = true;
+      return true;
     });
-    int status = kExitOk;
-    for (const std::string& message : errors) {
-      if (!message.empty()) {
-        PrintError(message);
-        status = kExitFailed;
-      }
-    }
-    return status;
   }
+  if (preview->parsed()) {
+    const CLR background(static_cast<std::uint32_t>(std::stoul(backgroundText, nullptr, 16)));
+    const bool quiet = batch.quiet;
+    return RunBatch("preview", batch, true,
+                    [previewSize, background, previewQuantized, quiet](JobContext& ctx, std::string&) {
+                      const PreviewResult result =
+                          MakePreview(ctx.image, previewSize, background, previewQuantized);
+                      if (!quiet)
+                        ctx.report = ctx.input + ": preview " + std::to_string(result.image.Width()) + " x " +
+                                     std::to_string(result.image.Height()) + ", chunk of " +
+                                     std::to_string(result.chunkBytes) + " bytes\n";
+                      ctx.image = result.image;
+                      return true;
+                    });
+  }
+  if (pack->parsed())
+    return RunPack(batch, reference);
+  if (unpack->parsed())
+    return RunUnpack(packFile, batch);
   if (demoCommand->parsed()) {
     demo.quiet = batch.quiet;
     JobLimit limit(batch.jobs);

@@ -14,6 +14,7 @@
 #include "imagery/edge_dilation.h"
 #include "imagery/gamma_settings.h"
 #include "imagery/image_factory.h"
+#include "imagery/io/picture_files.h"
 #include "imagery/picture_type.h"
 #include "imagery/pixel_access.h"
 #include "imagery/resample.h"
@@ -325,6 +326,13 @@ std::string DescribeImage(const std::string& path, const Image& image) {
   for (std::size_t i = 0; i < siblings.size(); ++i)
     out << (i ? ", " : "") << siblings[i];
   out << '\n';
+  io::PictureInfo info;
+  if (io::ReadPictureInfo(zelPath, info).IsOk()) {
+    out << "  file       " << io::FormatName(info.format) << ", " << info.channels << " x "
+        << info.bitsPerChannel << (info.floatingPoint ? "-bit float" : "-bit")
+        << (info.channels == 1 ? " channel" : " channels") << (info.palette ? ", palette" : "")
+        << (info.gammaFromFile ? ", gamma from the file" : "") << '\n';
+  }
   return out.str();
 }
 

@@ -83,7 +83,7 @@ Image DistanceImage(const Image& image, const Image* mask);
 // renormalised after dilation, for instance).
 void TagPictureType(Image& image, const std::string& path);
 
-// The lines of `imagery info` for one loaded picture.
+// The lines of `imagery info` for one loaded picture (and what its file's header says).
 std::string DescribeImage(const std::string& path, const Image& image);
 
 }  // namespace imagery::cli
