@@ -563,6 +563,13 @@ TEST(BadFiles, FailWithTheFileAndTheCauseAndLeaveTheImageAlone) {
                              {"wide.png", PngPromising(70000, 1), "IHDR"},
                              {"huge.tif", TiffPromising(60000, 60000), "cannot fit"},
                              {"huge.jpg", JpegPromising(written[1].second, 60000, 60000), "cannot fit"}};
+  {
+    // An OpenEXR header of 60000 x 60000 whose file holds the offset table and no pixels.
+    Imf::Header header(60000, 60000);
+    header.channels().insert("Y", Imf::Channel(Imf::HALF));
+    Imf::OutputFile unfinished((folder.path / "huge.exr").c_str(), header);
+  }
+  cases.push_back({"huge.exr", Load(folder.path / "huge.exr"), "cannot fit"});
   const std::string hdr = "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 60000 +X 60000\n\x02\x02";
   cases.push_back({"huge.hdr", Bytes(hdr.begin(), hdr.end()), "cannot fit"});
   Bytes corrupt = written[1].second;
