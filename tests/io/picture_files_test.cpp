@@ -8,6 +8,9 @@
 #include <ImfHeader.h>
 #include <ImfOutputFile.h>
 #include <png.h>
+#include <cstdio>
+// jpeglib.h needs size_t and FILE declared first.
+#include <jpeglib.h>
 #include <sys/resource.h>
 #include <tiffio.h>
 #include <zlib.h>
@@ -450,6 +453,62 @@ TEST(JpegFiles, KeepSmoothPicturesCloseAndQualityTradesSize) {
   }
 }
 
+// A progressive grey JPEG written by libjpeg, with its usual scans or with every coefficient refined bit
+// by bit (317 scans, each a pass over the whole picture).
+Bytes ProgressiveJpeg(bool manyScans) {
+  std::vector<jpeg_scan_info> scans;
+  if (manyScans) {
+    scans.push_back({1, {0}, 0, 0, 0, 1});
+    scans.push_back({1, {0}, 0, 0, 1, 0});
+    for (int k = 1; k < 64; ++k) {
+      scans.push_back({1, {0}, k, k, 0, 4});
+      for (int bit = 4; bit > 0; --bit)
+        scans.push_back({1, {0}, k, k, bit, bit - 1});
+    }
+  }
+  jpeg_compress_struct info{};
+  jpeg_error_mgr error{};
+  info.err = jpeg_std_error(&error);
+  jpeg_create_compress(&info);
+  unsigned char* buffer = nullptr;
+  unsigned long size = 0;
+  jpeg_mem_dest(&info, &buffer, &size);
+  info.image_width = 64;
+  info.image_height = 64;
+  info.input_components = 1;
+  info.in_color_space = JCS_GRAYSCALE;
+  jpeg_set_defaults(&info);
+  jpeg_simple_progression(&info);
+  if (manyScans) {
+    info.scan_info = scans.data();
+    info.num_scans = static_cast<int>(scans.size());
+  }
+  jpeg_start_compress(&info, TRUE);
+  std::vector<unsigned char> row(64);
+  while (info.next_scanline < info.image_height) {
+    for (int x = 0; x < 64; ++x)
+      row[x] = static_cast<unsigned char>(x * 3 + info.next_scanline);
+    JSAMPROW rows[1] = {row.data()};
+    jpeg_write_scanlines(&info, rows, 1);
+  }
+  jpeg_finish_compress(&info);
+  jpeg_destroy_compress(&info);
+  Bytes bytes(buffer, buffer + size);
+  std::free(buffer);
+  return bytes;
+}
+
+TEST(JpegFiles, ProgressiveFilesReadUnlessTheirScansWouldTakeForever) {
+  Image image;
+  const Bytes usual = ProgressiveJpeg(false);
+  ASSERT_TRUE(ReadPictureFromMemory(usual.data(), usual.size(), image).IsOk());
+  EXPECT_EQ(image.ImageType(), IT_Grayscale8);
+  const Bytes many = ProgressiveJpeg(true);
+  const zel::ErrorCode result =
+      ReadPictureFromMemory(many.data(), many.size(), image, IT_UNDEFINED, "many.jpg");
+  EXPECT_NE(result.Message().find("many.jpg: more than 256 scans"), std::string::npos) << result.Message();
+}
+
 TEST(HdrFiles, KeepValuesToTheSharedExponentsPrecision) {
   TempFolder folder;
   for (const EImageType type : {IT_RGBEA, IT_RGB32f}) {
@@ -563,6 +622,13 @@ TEST(BadFiles, FailWithTheFileAndTheCauseAndLeaveTheImageAlone) {
                              {"wide.png", PngPromising(70000, 1), "IHDR"},
                              {"huge.tif", TiffPromising(60000, 60000), "cannot fit"},
                              {"huge.jpg", JpegPromising(written[1].second, 60000, 60000), "cannot fit"}};
+  {
+    // An OpenEXR header of 60000 x 60000 whose file holds the offset table and no pixels.
+    Imf::Header header(60000, 60000);
+    header.channels().insert("Y", Imf::Channel(Imf::HALF));
+    Imf::OutputFile unfinished((folder.path / "huge.exr").c_str(), header);
+  }
+  cases.push_back({"huge.exr", Load(folder.path / "huge.exr"), "cannot fit"});
   const std::string hdr = "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 60000 +X 60000\n\x02\x02";
   cases.push_back({"huge.hdr", Bytes(hdr.begin(), hdr.end()), "cannot fit"});
   Bytes corrupt = written[1].second;
