@@ -174,7 +174,7 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 // A PNG written by libpng itself from raw samples in file order (red first, 16-bit big-endian).
-struct PngSpec {
+struct PngFileLayout {
   int width, height, bitDepth, colorType, interlace;
   Bytes samples;  // rows packed as PNG stores them
   Bytes palette;  // RGB triples
@@ -184,7 +184,7 @@ struct PngSpec {
   bool text = false;
 };
 
-int WritePngFile(std::FILE* file, const PngSpec* spec, png_bytepp rows) {
+int WritePngFile(std::FILE* file, const PngFileLayout* pngLayout, png_bytepp rows) {
   png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
   png_infop info = png_create_info_struct(png);
   if (setjmp(png_jmpbuf(png))) {
@@ -192,32 +192,32 @@ int WritePngFile(std::FILE* file, const PngSpec* spec, png_bytepp rows) {
     return 0;
   }
   png_init_io(png, file);
-  png_set_IHDR(png, info, spec->width, spec->height, spec->bitDepth, spec->colorType, spec->interlace,
-               PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-  if (!spec->palette.empty())
-    png_set_PLTE(png, info, reinterpret_cast<png_const_colorp>(spec->palette.data()),
-                 static_cast<int>(spec->palette.size() / 3));
-  if (!spec->trns.empty()) {
+  png_set_IHDR(png, info, pngLayout->width, pngLayout->height, pngLayout->bitDepth, pngLayout->colorType,
+               pngLayout->interlace, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+  if (!pngLayout->palette.empty())
+    png_set_PLTE(png, info, reinterpret_cast<png_const_colorp>(pngLayout->palette.data()),
+                 static_cast<int>(pngLayout->palette.size() / 3));
+  if (!pngLayout->trns.empty()) {
     png_color_16 colour{};
-    if (spec->colorType == PNG_COLOR_TYPE_GRAY)
-      colour.gray = static_cast<png_uint_16>(spec->trns[0] << 8 | spec->trns[1]);
-    if (spec->colorType == PNG_COLOR_TYPE_RGB) {
-      colour.red = static_cast<png_uint_16>(spec->trns[0] << 8 | spec->trns[1]);
-      colour.green = static_cast<png_uint_16>(spec->trns[2] << 8 | spec->trns[3]);
-      colour.blue = static_cast<png_uint_16>(spec->trns[4] << 8 | spec->trns[5]);
+    if (pngLayout->colorType == PNG_COLOR_TYPE_GRAY)
+      colour.gray = static_cast<png_uint_16>(pngLayout->trns[0] << 8 | pngLayout->trns[1]);
+    if (pngLayout->colorType == PNG_COLOR_TYPE_RGB) {
+      colour.red = static_cast<png_uint_16>(pngLayout->trns[0] << 8 | pngLayout->trns[1]);
+      colour.green = static_cast<png_uint_16>(pngLayout->trns[2] << 8 | pngLayout->trns[3]);
+      colour.blue = static_cast<png_uint_16>(pngLayout->trns[4] << 8 | pngLayout->trns[5]);
     }
-    png_set_tRNS(png, info, spec->trns.data(), static_cast<int>(spec->trns.size()), &colour);
+    png_set_tRNS(png, info, pngLayout->trns.data(), static_cast<int>(pngLayout->trns.size()), &colour);
   }
-  if (spec->srgb)
+  if (pngLayout->srgb)
     png_set_sRGB(png, info, PNG_sRGB_INTENT_PERCEPTUAL);
-  if (spec->gammaFixed != 0)
-    png_set_gAMA_fixed(png, info, spec->gammaFixed);
+  if (pngLayout->gammaFixed != 0)
+    png_set_gAMA_fixed(png, info, pngLayout->gammaFixed);
   png_text text{};
   char key[] = "Comment", value[] = "a comment long enough to damage";
   text.compression = PNG_TEXT_COMPRESSION_NONE;
   text.key = key;
   text.text = value;
-  if (spec->text)
+  if (pngLayout->text)
     png_set_text(png, info, &text, 1);
   png_write_info(png, info);
   png_write_image(png, rows);
@@ -226,14 +226,14 @@ int WritePngFile(std::FILE* file, const PngSpec* spec, png_bytepp rows) {
   return 1;
 }
 
-void WritePng(const std::filesystem::path& path, PngSpec spec) {
-  const std::size_t rowBytes = spec.samples.size() / static_cast<std::size_t>(spec.height);
+void WritePng(const std::filesystem::path& path, PngFileLayout pngLayout) {
+  const std::size_t rowBytes = pngLayout.samples.size() / static_cast<std::size_t>(pngLayout.height);
   std::vector<png_bytep> rows;
-  for (int y = 0; y < spec.height; ++y)
-    rows.push_back(spec.samples.data() + y * rowBytes);
+  for (int y = 0; y < pngLayout.height; ++y)
+    rows.push_back(pngLayout.samples.data() + y * rowBytes);
   std::FILE* file = std::fopen(path.c_str(), "wb");
   ASSERT_NE(file, nullptr);
-  const int written = WritePngFile(file, &spec, rows.data());
+  const int written = WritePngFile(file, &pngLayout, rows.data());
   std::fclose(file);
   ASSERT_TRUE(written);
 }
@@ -242,7 +242,7 @@ TEST(PngReader, ExpandsEveryLayoutIntoTheFormatThatHoldsIt) {
   TempFolder folder;
   const struct {
     const char* what;
-    PngSpec spec;
+    PngFileLayout pngLayout;
     EImageType type;
     Bytes expected;  // stored bytes, blue first
   } kCases[] = {
@@ -280,7 +280,7 @@ TEST(PngReader, ExpandsEveryLayoutIntoTheFormatThatHoldsIt) {
   for (const auto& entry : kCases) {
     SCOPED_TRACE(entry.what);
     const auto file = folder.path / "layout.png";
-    WritePng(file, entry.spec);
+    WritePng(file, entry.pngLayout);
     Image read;
     const zel::ErrorCode result = ReadPicture(PathOf(file), read);
     ASSERT_TRUE(result.IsOk()) << result.ToString();
@@ -299,10 +299,10 @@ TEST(PngReader, HonoursTheFilesGammaOtherwiseTheInputGamma) {
   } kCases[] = {
       {0, true, -2.0f}, {45455, true, -2.0f}, {45455, false, 2.2f}, {100000, false, 1.0f}, {0, false, 1.7f}};
   for (const auto& entry : kCases) {
-    PngSpec spec{1, 1, 8, PNG_COLOR_TYPE_GRAY, 0, {100}, {}, {}};
-    spec.gammaFixed = entry.gammaFixed;
-    spec.srgb = entry.srgb;
-    WritePng(folder.path / "gamma.png", spec);
+    PngFileLayout pngLayout{1, 1, 8, PNG_COLOR_TYPE_GRAY, 0, {100}, {}, {}};
+    pngLayout.gammaFixed = entry.gammaFixed;
+    pngLayout.srgb = entry.srgb;
+    WritePng(folder.path / "gamma.png", pngLayout);
     Image read;
     ASSERT_TRUE(ReadPicture(PathOf(folder.path / "gamma.png"), read).IsOk());
     EXPECT_EQ(read.GetGamma().Value(), entry.expected) << entry.gammaFixed << " " << entry.srgb;
@@ -311,10 +311,10 @@ TEST(PngReader, HonoursTheFilesGammaOtherwiseTheInputGamma) {
 
 TEST(PngReader, WarningsGoToTheLogger) {
   TempFolder folder;
-  PngSpec spec{1, 1, 8, PNG_COLOR_TYPE_GRAY, 0, {100}, {}, {}};
-  spec.text = true;
+  PngFileLayout pngLayout{1, 1, 8, PNG_COLOR_TYPE_GRAY, 0, {100}, {}, {}};
+  pngLayout.text = true;
   const auto file = folder.path / "text.png";
-  WritePng(file, spec);
+  WritePng(file, pngLayout);
   Bytes bytes = Load(file);
   const auto at = std::search(bytes.begin(), bytes.end(), std::begin("enough"), std::end("enough") - 1);
   ASSERT_NE(at, bytes.end());
