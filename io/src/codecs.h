@@ -49,6 +49,9 @@ std::string EncodeJpeg(const Image& image, const Target& target, const WriteOpti
 std::string EncodeExr(const Image& image, const Target& target, const WriteOptions& options);
 std::string EncodeTiff(const Image& image, const Target& target, const WriteOptions& options);
 std::string EncodeHdr(const Image& image, const Target& target, const WriteOptions& options);
+// A checked indexed picture (sizes agree, every index within the palette).
+std::string EncodeIndexedPng(const IndexedPicture& picture, const Target& target,
+                             const WriteOptions& options);
 
 // The pixel format a file in `format` is written from, for an image of format `type`.
 EImageType WritableType(FileFormat format, EImageType type, int bitsPerChannel);

@@ -215,8 +215,10 @@ void SyncFolder(const std::string& folder) {
   }
 }
 
-std::string WriteAtomically(FileFormat format, const Image& image, const std::string& path,
-                            const WriteOptions& options) {
+// Runs `encode` on a temporary file beside `path`, then flushes, syncs and renames it into place; on
+// any failure the temporary is removed and an existing file at `path` is left as it was.
+template <class Encoder>
+std::string WriteAtomically(const std::string& path, const WriteOptions& options, const Encoder& encode) {
   const std::size_t slash = path.find_last_of('/');
   const std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
   const std::string leaf = slash == std::string::npos ? path : path.substr(slash + 1);
@@ -254,7 +256,7 @@ std::string WriteAtomically(FileFormat format, const Image& image, const std::st
   target.name = path.c_str();
   std::string failure;
   try {
-    failure = Encode(format, image, target, options);
+    failure = encode(target);
   } catch (const std::bad_alloc&) {
     failure = "out of memory";
   } catch (const std::exception& error) {
@@ -500,17 +502,47 @@ zel::ErrorCode WritePicture(const Image& image, const ZELPath& path, const Write
   std::string failure;
   try {
     const EImageType writable = detail::WritableType(format, type, options.bitsPerChannel);
+    const auto write = [&](const Image& pixels) {
+      return WriteAtomically(name, options, [&](const detail::Target& target) {
+        return Encode(format, pixels, target, options);
+      });
+    };
     if (writable == type) {
-      failure = WriteAtomically(format, image, name, options);
+      failure = write(image);
     } else {
       Image converted(image);
       ToImageType(converted, writable, false);
-      failure = WriteAtomically(format, converted, name, options);
+      failure = write(converted);
     }
   } catch (const std::bad_alloc&) {
     failure = "out of memory";
   } catch (const std::exception& error) {
     failure = error.what();
+  }
+  return failure.empty() ? zel::ErrorCode() : Failure(name, failure);
+}
+
+zel::ErrorCode WriteIndexedPng(const IndexedPicture& picture, const ZELPath& path,
+                               const WriteOptions& options) {
+  const std::string name = DisplayName(path);
+  if (picture.width < 1 || picture.height < 1 || picture.palette.empty() || picture.palette.size() > 256 ||
+      picture.indices.size() !=
+          static_cast<std::size_t>(picture.width) * static_cast<std::size_t>(picture.height))
+    return Failure(name, "the indexed picture is empty or its sizes disagree");
+  if (options.pngCompressionLevel < 0 || options.pngCompressionLevel > 9)
+    return Failure(name, "PNG compression level must be between 0 and 9");
+  // libpng refuses an index past the palette only when the file is read again: check here.
+  const std::size_t colours = picture.palette.size();
+  if (std::any_of(picture.indices.begin(), picture.indices.end(),
+                  [colours](unsigned char index) { return index >= colours; }))
+    return Failure(name, "an index lies past the palette");
+  std::string failure;
+  try {
+    failure = WriteAtomically(name, options, [&](const detail::Target& target) {
+      return detail::EncodeIndexedPng(picture, target, options);
+    });
+  } catch (const std::bad_alloc&) {
+    failure = "out of memory";
   }
   return failure.empty() ? zel::ErrorCode() : Failure(name, failure);
 }

@@ -309,6 +309,51 @@ TEST(PngReader, HonoursTheFilesGammaOtherwiseTheInputGamma) {
   }
 }
 
+TEST(IndexedPng, ReadsBackAsItsPaletteColoursAndRefusesWhatItCannotHold) {
+  TempFolder folder;
+  IndexedPicture picture;
+  picture.width = 5;
+  picture.height = 3;
+  picture.palette = {{{255, 0, 0}}, {{0, 128, 0}}, {{10, 20, 250}}};
+  for (int i = 0; i < picture.width * picture.height; ++i)
+    picture.indices.push_back(static_cast<unsigned char>((i * 7) % 3));
+  const auto file = folder.path / "indexed.png";
+  ASSERT_TRUE(WriteIndexedPng(picture, PathOf(file)).IsOk());
+
+  PictureInfo info;
+  ASSERT_TRUE(ReadPictureInfo(PathOf(file), info).IsOk());
+  EXPECT_TRUE(info.palette);
+  Image read;
+  ASSERT_TRUE(ReadPicture(PathOf(file), read).IsOk());
+  ASSERT_EQ(read.ImageType(), IT_RGB8);
+  EXPECT_EQ(read.GetGamma().Value(), gamma::sRGB.Value());
+  const PixelPlane& plane = read.GetImplRef().Plane();
+  for (int y = 0; y < picture.height; ++y) {
+    for (int x = 0; x < picture.width; ++x) {
+      const auto& colour = picture.palette[picture.indices[static_cast<std::size_t>(y * picture.width + x)]];
+      const unsigned char* pixel = plane.PixelAddress(x, y);  // blue, green, red
+      EXPECT_EQ(pixel[2], colour[0]);
+      EXPECT_EQ(pixel[1], colour[1]);
+      EXPECT_EQ(pixel[0], colour[2]);
+    }
+  }
+
+  // Without overwriting the file stays; a bad picture writes nothing.
+  EXPECT_TRUE(WriteIndexedPng(picture, PathOf(file)).IsBad());
+  IndexedPicture outOfPalette = picture;
+  outOfPalette.indices[4] = 3;
+  IndexedPicture wrongSize = picture;
+  wrongSize.indices.pop_back();
+  for (const IndexedPicture* bad : {&outOfPalette, &wrongSize}) {
+    const auto other = folder.path / "bad.png";
+    const zel::ErrorCode error = WriteIndexedPng(*bad, PathOf(other));
+    EXPECT_TRUE(error.IsBad());
+    EXPECT_NE(error.Message().find("bad.png"), std::string::npos) << error.Message();
+    EXPECT_FALSE(std::filesystem::exists(other));
+  }
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path), {}), 1);
+}
+
 TEST(PngReader, WarningsGoToTheLogger) {
   TempFolder folder;
   PngFileLayout pngLayout{1, 1, 8, PNG_COLOR_TYPE_GRAY, 0, {100}, {}, {}};

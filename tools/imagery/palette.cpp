@@ -1,70 +1,17 @@
-// Quantised pictures written as indexed PNG through libpng, and previews through the preview chunk.
-// libpng reports errors by longjmp: the only setjmp sits in a function whose frame holds no object with a
-// destructor, so nothing of ours is skipped when it fires.
+// Quantised pictures written as indexed PNG through imagery::io, and previews through the preview chunk.
 #include "palette.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <csetjmp>
-#include <cstdio>
-#include <cstring>
-#include <filesystem>
 #include <stdexcept>
 
-#include <png.h>
-
 #include "imagery/dib24.h"
+#include "imagery/io/picture_files.h"
 #include "imagery/pixel_access.h"
 #include "imagery/quantizer.h"
 #include "imagery_host/stream.h"
 #include "operations.h"
 
 namespace imagery::cli {
-namespace fs = std::filesystem;
-
-namespace {
-
-struct PngFailure {
-  char message[200];
-};
-
-void OnPngError(png_structp png, png_const_charp message) {
-  auto* failure = static_cast<PngFailure*>(png_get_error_ptr(png));
-  std::snprintf(failure->message, sizeof failure->message, "%s", message);
-  png_longjmp(png, 1);
-}
-
-void OnPngWarning(png_structp, png_const_charp) {}
-
-// Plain data in, a message out: safe to leave by longjmp.
-bool EncodePalettePng(std::FILE* file, const PalettePicture& picture, const png_color* colours, int count,
-                      PngFailure& failure) {
-  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &failure, &OnPngError, &OnPngWarning);
-  if (!png) {
-    std::snprintf(failure.message, sizeof failure.message, "out of memory");
-    return false;
-  }
-  png_infop info = png_create_info_struct(png);
-  if (!info || setjmp(png_jmpbuf(png))) {
-    png_destroy_write_struct(&png, &info);
-    return false;
-  }
-  png_init_io(png, file);
-  png_set_IHDR(png, info, static_cast<png_uint_32>(picture.width), static_cast<png_uint_32>(picture.height),
-               8, PNG_COLOR_TYPE_PALETTE, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
-               PNG_FILTER_TYPE_DEFAULT);
-  png_set_PLTE(png, info, colours, count);
-  png_set_sRGB(png, info, PNG_sRGB_INTENT_PERCEPTUAL);
-  png_write_info(png, info);
-  for (int y = 0; y < picture.height; ++y)
-    png_write_row(png, picture.indices.data() + static_cast<std::size_t>(y) * picture.width);
-  png_write_end(png, info);
-  png_destroy_write_struct(&png, &info);
-  return true;
-}
-
-}  // namespace
 
 PalettePicture QuantizeImage(const Image& image, int colors, bool dither) {
   Image rgb(image);
@@ -116,34 +63,18 @@ Image PaletteToImage(const PalettePicture& picture) {
 }
 
 bool WritePalettePng(const PalettePicture& picture, const std::string& path, std::string& error) {
-  if (picture.palette.empty() || picture.width < 1 || picture.height < 1) {
-    error = path + ": nothing to write";
-    return false;
-  }
-  std::vector<png_color> colours;
+  io::IndexedPicture indexed;
+  indexed.width = picture.width;
+  indexed.height = picture.height;
+  indexed.indices = picture.indices;
   for (const CLR& c : picture.palette)
-    colours.push_back({c.Red(), c.Green(), c.Blue()});
-  const fs::path target(path);
-  const fs::path temporary =
-      target.parent_path() / ("." + target.filename().string() + ".partial-" + std::to_string(getpid()));
-  std::FILE* file = std::fopen(temporary.c_str(), "wb");
-  if (!file) {
-    error = path + ": cannot be written (" + std::strerror(errno) + ")";
-    return false;
-  }
-  PngFailure failure{};
-  bool ok = EncodePalettePng(file, picture, colours.data(), static_cast<int>(colours.size()), failure);
-  ok = std::fflush(file) == 0 && fsync(fileno(file)) == 0 && ok;
-  ok = std::fclose(file) == 0 && ok;
-  std::error_code fsError;
-  if (ok)
-    fs::rename(temporary, target, fsError);
-  if (!ok || fsError) {
-    fs::remove(temporary, fsError);
-    error = path + ": cannot be written (" + (failure.message[0] ? failure.message : "disk full?") + ")";
-    return false;
-  }
-  return true;
+    indexed.palette.push_back({c.Red(), c.Green(), c.Blue()});
+  io::WriteOptions options;
+  options.overwrite = true;
+  const zel::ErrorCode written = io::WriteIndexedPng(indexed, ZELPath(ZELString::FromUTF8(path)), options);
+  if (written.IsBad())
+    error = written.Message().empty() ? path + ": " + written.ToString() : written.Message();
+  return written.IsOk();
 }
 
 PreviewResult MakePreview(const Image& image, int size, const CLR& background, bool quantize) {

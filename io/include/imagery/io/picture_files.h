@@ -12,8 +12,10 @@
 // - All functions may be called from several threads at once, on different images and files.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "imagery/gamma.h"
 #include "imagery/io/export.h"
@@ -119,6 +121,21 @@ struct WriteOptions {
 // so that a failed or interrupted write never leaves a partial file and never damages an existing one.
 IMAGERY_IO_API zel::ErrorCode WritePicture(const Image& image, const ZELPath& path,
                                            const WriteOptions& options = WriteOptions());
+
+// A picture of palette indices: width x height indices, row by row from the top, into up to 256 sRGB
+// colours (red, green, blue), as the palette quantiser makes them.
+struct IndexedPicture {
+  int width = 0;
+  int height = 0;
+  std::vector<std::array<unsigned char, 3>> palette;
+  std::vector<unsigned char> indices;
+};
+
+// Writes an indexed-colour PNG (8-bit indices, sRGB chunk) the way WritePicture writes, through a
+// temporary file renamed into place; `options.overwrite` and `options.pngCompressionLevel` apply. Sizes
+// that disagree, an empty or oversized palette and indices past the palette are refused.
+IMAGERY_IO_API zel::ErrorCode WriteIndexedPng(const IndexedPicture& picture, const ZELPath& path,
+                                              const WriteOptions& options = WriteOptions());
 
 // The source reader for ImageFactory::SetAdditionalFeaturesFunc. Unless `options.bypassReaderCache`
 // (set by the library on reloads), it first asks the image list for a version of the file it already
