@@ -12,6 +12,14 @@
 #include "imagery/image_list.h"
 #include "imagery_host/settings.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#define IMAGERY_TEST_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define IMAGERY_TEST_ASAN 1
+#endif
+#endif
+
 namespace imagery {
 namespace {
 
@@ -122,6 +130,32 @@ TEST_F(PlaneMemory, AnUnusableLimitTurnsTheCacheOff) {
     EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 0u) << limit;
   }
 }
+
+#if IMAGERY_TEST_ASAN
+// Mapped blocks are not the heap's, so AddressSanitizer sees overruns only where the cache poisons.
+TEST_F(PlaneMemory, AddressSanitizerSeesWritesPastAPlaneAndIntoCachedBlocks) {
+  if (!Cached())
+    GTEST_SKIP() << "planes come from the heap here";
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(
+      {
+        Image image(1000, 3000, IT_Grayscale8, gamma::sRGB);  // 3,000,000 bytes, ending inside a page
+        volatile unsigned char* past = image.GetImplRef().Plane().Data() + 3000000;
+        *past = 1;
+      },
+      "use-after-poison");
+  EXPECT_DEATH(
+      {
+        unsigned char* data = nullptr;
+        {
+          Image image = GreyImageOfMiB(4);
+          data = image.GetImplRef().Plane().Data();
+        }
+        *static_cast<volatile unsigned char*>(data) = 1;
+      },
+      "use-after-poison");
+}
+#endif
 
 }  // namespace
 }  // namespace imagery
