@@ -64,9 +64,9 @@ run_fuzzers() {
     mkdir -p "$scratch/$name" "$scratch/artifacts"
     echo "Fuzzing $name for ${seconds}s"
     # A target without a checked-in corpus yet starts from nothing rather than failing.
-    local seeds=()
-    [ -d "fuzz/corpus/$name" ] && seeds=("fuzz/corpus/$name")
-    if "$target" "$scratch/$name" "${seeds[@]}" -max_total_time="$seconds" -max_len=4096 \
+    local inputs=()
+    [ -d "fuzz/corpus/$name" ] && inputs=("fuzz/corpus/$name")
+    if "$target" "$scratch/$name" "${inputs[@]}" -max_total_time="$seconds" -max_len=4096 \
          -rss_limit_mb=2048 -timeout=10 -close_fd_mask=2 -print_final_stats=1 \
          -artifact_prefix="$scratch/artifacts/" >"$scratch/$name.log" 2>&1; then
       grep -E "^(Done|stat::number_of_executed_units)" "$scratch/$name.log" || true

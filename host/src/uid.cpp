@@ -15,12 +15,12 @@
 namespace zel_uid {
 namespace {
 
-std::uint64_t EntropySeed() {
+std::uint64_t EntropyValue() {
   try {
     std::random_device device;
     return (static_cast<std::uint64_t>(device()) << 32) ^ device();
   } catch (...) {
-    // Without an entropy source, the clock and the thread still make seeds differ between runs and
+    // Without an entropy source, the clock and the thread still make starting values differ between runs and
     // threads; uniqueness inside the process rests on the counter anyway.
     const auto now = std::chrono::high_resolution_clock::now().time_since_epoch().count();
     return static_cast<std::uint64_t>(now) ^ std::hash<std::thread::id>()(std::this_thread::get_id());
@@ -29,13 +29,13 @@ std::uint64_t EntropySeed() {
 
 // Each thread draws its random half from its own generator, so that making ids takes no lock.
 std::uint64_t RandomHalf() {
-  thread_local std::mt19937_64 generator(EntropySeed());
+  thread_local std::mt19937_64 generator(EntropyValue());
   return generator();
 }
 
 // The counter half: a random process-wide offset plus a counter that never repeats within the process.
 std::uint64_t CounterHalf() {
-  static const std::uint64_t offset = EntropySeed();
+  static const std::uint64_t offset = EntropyValue();
   static std::atomic<std::uint64_t> counter{0};
   return offset + counter.fetch_add(1, std::memory_order_relaxed);
 }

@@ -187,15 +187,15 @@ struct Shape {
 
 TEST(MipMapTest, EveryFormatMethodAndChainMatchesThePlainChain) {
   const Shape shapes[] = {{7, 5}, {1, 8}, {8, 1}, {5, 3}, {16, 9}};
-  unsigned seed = 100;
+  unsigned draw = 100;
   for (const EImageType type : kAllFormats) {
     for (const M method : kMethods) {
       for (const bool gammaCorrect : {false, true}) {
         for (const Shape& shape : shapes) {
           const GammaValue gamma = !IsGammaEncoded(type) ? gamma::Linear
-                                   : seed % 2            ? gamma::sRGB
+                                   : draw % 2            ? gamma::sRGB
                                                          : GammaValue(2.2f);
-          Image image = RandomImage(type, shape.width, shape.height, gamma, seed++);
+          Image image = RandomImage(type, shape.width, shape.height, gamma, draw++);
           ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(gammaCorrect), method);
           const bool gammaPath = UsesGammaMipMaps(image, GammaCorrectFlag(gammaCorrect));
           ExpectChain(
@@ -210,13 +210,13 @@ TEST(MipMapTest, EveryFormatMethodAndChainMatchesThePlainChain) {
 }
 
 TEST(MipMapTest, OpacityMapsOfTheSameAndOfAnotherSize) {
-  unsigned seed = 500;
+  unsigned draw = 500;
   for (const M method : kMethods) {
     for (const EImageType type : {IT_RGB8, IT_RGBA16, IT_Grayscale8, IT_RGBA32f}) {
       for (const Shape alphaShape : {Shape{12, 10}, Shape{5, 7}}) {
         for (const EImageType alphaType : {IT_Grayscale8, IT_RGB16}) {
-          Image image = RandomImage(type, 12, 10, IsGammaEncoded(type) ? gamma::sRGB : gamma::Linear, seed++);
-          Image opacity = RandomImage(alphaType, alphaShape.width, alphaShape.height, gamma::sRGB, seed++);
+          Image image = RandomImage(type, 12, 10, IsGammaEncoded(type) ? gamma::sRGB : gamma::Linear, draw++);
+          Image opacity = RandomImage(alphaType, alphaShape.width, alphaShape.height, gamma::sRGB, draw++);
           const std::unique_ptr<Image> expectedOpacity(opacity.DeepCopy());
           const bool resized = alphaShape.width != 12;
           if (resized) {
@@ -349,9 +349,9 @@ TEST(MipMapTest, WhichChainIsFilledAndWhen) {
 
 // Leaves on a transparent background: elongated blobs with hard (0 or 1) alpha and wavy outlines,
 // overlapping into clumps, over a noisy green.
-Image Foliage(int size, unsigned seed) {
+Image Foliage(int size, unsigned draw) {
   Image image(size, size, IT_RGBA8, gamma::sRGB);
-  std::mt19937 random(seed);
+  std::mt19937 random(draw);
   std::uniform_real_distribution<float> unit(0.0f, 1.0f);
   std::vector<float> cover(static_cast<std::size_t>(size * size), 0.0f);
   for (int leaf = 0; leaf < 70; ++leaf) {

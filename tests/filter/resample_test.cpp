@@ -105,13 +105,13 @@ TEST(Resample, EveryFormatFollowsTheDocumentedArithmetic) {
       {7, 1, 3, 1, false, true},       {3, 5, 7, 9, false, false},        {9, 4, 4, 4, true, false},
       {3, 2, 11, 5, true, true},       {6, 9, 10, 4, true, false},        {150, 20, 131, 9, false, false},
       {40, 10, 133, 30, true, false},  {61, 47, 23, 19, false, true},     {23, 19, 61, 47, true, true}};
-  unsigned seed = 1;
+  unsigned draw = 1;
   for (EImageType type : kAllFormats) {
     const GammaValue gamma =
         IsGammaEncoded(type) ? (type % 2 ? gamma::sRGB : GammaValue(1.8f)) : gamma::Linear;
     for (const auto& c : cases) {
       SCOPED_TRACE(::testing::Message() << "format " << type << ", case " << &c - cases);
-      const Image image = RandomImage(type, c.w, c.h, gamma, seed++);
+      const Image image = RandomImage(type, c.w, c.h, gamma, draw++);
       const bool crossed = !c.keep && (c.targetW - c.w) * (c.targetH - c.h) < 0;
       const Image first = crossed ? Reference(image, c.targetW, c.h, false, c.white) : image;
       ResampleOpts options;

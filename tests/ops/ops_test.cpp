@@ -21,9 +21,9 @@ using Operation = std::function<void(Image&)>;
 using RGBA = LinearRGBA_T<float>;
 constexpr unsigned long kKeep = std::numeric_limits<unsigned long>::max();
 
-Image Random(EImageType type, int width, int height, unsigned seed) {
+Image Random(EImageType type, int width, int height, unsigned draw) {
   const GammaValue gamma = IsGammaEncoded(type) ? GammaValue(type == IT_RGB16 ? 2.2f : -2.0f) : gamma::Linear;
-  return RandomImage(type, width, height, gamma, seed);
+  return RandomImage(type, width, height, gamma, draw);
 }
 
 // `operation` on a deep copy of `source` gives `expected`; large images give the same on one thread.

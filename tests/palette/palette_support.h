@@ -14,8 +14,8 @@ using Bytes = std::vector<unsigned char>;
 
 // A picture of 3-byte pixels, row after row without padding: smooth gradients, noise, hard edges and a
 // flat area large enough to fill one histogram cell past its 16-bit count.
-inline Bytes TestPicture(int width, int height, unsigned seed) {
-  std::mt19937 random(seed);
+inline Bytes TestPicture(int width, int height, unsigned draw) {
+  std::mt19937 random(draw);
   std::uniform_int_distribution<int> noise(-12, 12);
   Bytes pixels(static_cast<std::size_t>(width) * height * 3);
   for (int y = 0; y < height; ++y)

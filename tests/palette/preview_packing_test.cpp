@@ -24,8 +24,8 @@ Bytes PixelsOf(const KORDib24& bitmap) {
   return Bytes(bitmap.GetBits(), bitmap.GetBits() + bitmap.GetImageSize());
 }
 
-KORDib24 RandomBitmap(int width, int height, unsigned seed, unsigned char flags) {
-  std::mt19937 random(seed);
+KORDib24 RandomBitmap(int width, int height, unsigned draw, unsigned char flags) {
+  std::mt19937 random(draw);
   KORDib24 bitmap(width, height);
   for (std::size_t i = 0; i < bitmap.GetImageSize(); ++i)
     bitmap.GetBits()[i] = static_cast<unsigned char>(random());

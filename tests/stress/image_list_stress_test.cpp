@@ -123,8 +123,8 @@ TEST(ImageListStress, ConcurrentLoadsConversionsReloadsAndRewritesOnlyEverShowWh
       if (!problem.empty() && problems.fetch_add(1) < 5)
         ADD_FAILURE() << "after " << after << ": " << problem;
     };
-    const auto work = [&](unsigned seed) {
-      std::mt19937 random(seed);
+    const auto work = [&](unsigned draw) {
+      std::mt19937 random(draw);
       std::vector<Image> held(6);
       const EImageType types[] = {IT_RGB8, IT_RGBA8, IT_Grayscale8, IT_RGB16, IT_RGBA32f};
       while (!stop.load()) {
@@ -177,8 +177,8 @@ TEST(ImageListStress, ConcurrentLoadsConversionsReloadsAndRewritesOnlyEverShowWh
       }
     };
     std::vector<std::thread> workers;
-    for (unsigned seed = 1; seed <= 3; ++seed)
-      workers.emplace_back(work, seed);
+    for (unsigned draw = 1; draw <= 3; ++draw)
+      workers.emplace_back(work, draw);
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(StressSeconds());
     for (int version = 1; std::chrono::steady_clock::now() < end; ++version) {
       files.Rewrite(version % kFiles, version);

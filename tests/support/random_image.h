@@ -35,11 +35,11 @@ inline constexpr EImageType kAllFormats[] = {IT_RGB8,    IT_Grayscale8,   IT_RGB
 // An image whose pixels hold random stored bytes (the row padding stays as the image came). Float
 // formats get values in [-0.25, 1.75]; with `extremes`, one in six is instead a zero of either sign, an
 // exact half code (0.5), 1, an infinity, NaN, a huge value or one below the shared-exponent range.
-inline Image RandomImage(EImageType type, int width, int height, GammaValue gamma, unsigned seed,
+inline Image RandomImage(EImageType type, int width, int height, GammaValue gamma, unsigned draw,
                          bool extremes = false) {
   Image image(width, height, type, gamma);
   PixelPlane& plane = image.GetImplRef().Plane();
-  std::mt19937 random(seed);
+  std::mt19937 random(draw);
   std::uniform_real_distribution<float> value(-0.25f, 1.75f);
   const float inf = std::numeric_limits<float>::infinity();
   const float kExtremes[] = {0.0f, -0.0f, 0.5f, 1.0f, inf, -inf, std::nanf(""), 3e38f, 1e-13f};

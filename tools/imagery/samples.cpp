@@ -14,29 +14,29 @@ namespace {
 
 constexpr float kPi = 3.14159265f;
 
-float Hash(int x, int y, unsigned seed) {
+float Hash(int x, int y, unsigned draw) {
   std::uint32_t h = static_cast<std::uint32_t>(x) * 0x8da6b343u ^
-                    static_cast<std::uint32_t>(y) * 0xd8163841u ^ seed * 0xcb1ab31fu;
+                    static_cast<std::uint32_t>(y) * 0xd8163841u ^ draw * 0xcb1ab31fu;
   h ^= h >> 13;
   h *= 0x5bd1e995u;
   h ^= h >> 15;
   return static_cast<float>(h & 0xFFFFFF) / static_cast<float>(0xFFFFFF);
 }
 
-float SmoothNoise(float x, float y, unsigned seed) {
+float SmoothNoise(float x, float y, unsigned draw) {
   const int ix = static_cast<int>(std::floor(x)), iy = static_cast<int>(std::floor(y));
   float fx = x - static_cast<float>(ix), fy = y - static_cast<float>(iy);
   fx = fx * fx * (3 - 2 * fx);
   fy = fy * fy * (3 - 2 * fy);
-  const float top = Hash(ix, iy, seed) * (1 - fx) + Hash(ix + 1, iy, seed) * fx;
-  const float bottom = Hash(ix, iy + 1, seed) * (1 - fx) + Hash(ix + 1, iy + 1, seed) * fx;
+  const float top = Hash(ix, iy, draw) * (1 - fx) + Hash(ix + 1, iy, draw) * fx;
+  const float bottom = Hash(ix, iy + 1, draw) * (1 - fx) + Hash(ix + 1, iy + 1, draw) * fx;
   return top * (1 - fy) + bottom * fy;
 }
 
 // Three octaves of value noise, in [0, 1].
-float Fractal(float x, float y, unsigned seed) {
-  return (SmoothNoise(x, y, seed) * 4 + SmoothNoise(x * 2, y * 2, seed + 1) * 2 +
-          SmoothNoise(x * 4, y * 4, seed + 2)) /
+float Fractal(float x, float y, unsigned draw) {
+  return (SmoothNoise(x, y, draw) * 4 + SmoothNoise(x * 2, y * 2, draw + 1) * 2 +
+          SmoothNoise(x * 4, y * 4, draw + 2)) /
          7.0f;
 }
 
@@ -61,14 +61,14 @@ float JointDistance(float u, float v, float columns, float rows, float& cellX, f
   return std::min(std::min(fx, 1 - fx) / columns, std::min(fy, 1 - fy) / rows);
 }
 
-Surface Bricks(float u, float v, unsigned seed) {
+Surface Bricks(float u, float v, unsigned draw) {
   const float rows = 8;
   const float row = std::floor(v * rows);
   const float shifted = u + (static_cast<int>(row) % 2 ? 0.125f : 0.0f);
   float cx, cy;
   const float joint = JointDistance(shifted - std::floor(shifted), v, 4, rows, cx, cy);
-  const float brickNoise = Hash(static_cast<int>(cx), static_cast<int>(cy), seed);
-  const float grain = Fractal(u * 24, v * 24, seed);
+  const float brickNoise = Hash(static_cast<int>(cx), static_cast<int>(cy), draw);
+  const float grain = Fractal(u * 24, v * 24, draw);
   Surface s;
   if (joint < 0.012f) {
     s.height = 0.1f + 0.1f * grain;
@@ -84,18 +84,18 @@ Surface Bricks(float u, float v, unsigned seed) {
   return s;
 }
 
-Surface Planks(float u, float v, unsigned seed) {
+Surface Planks(float u, float v, unsigned draw) {
   const float planks = 5;
   const float x = u * planks;
   const float plank = std::floor(x);
   const float fx = x - plank;
   const float edge = std::min(fx, 1 - fx);
-  const float offset = Hash(static_cast<int>(plank), 7, seed) * 10;
-  const float wobble = Fractal(u * 6, v * 2 + offset, seed + 5);
+  const float offset = Hash(static_cast<int>(plank), 7, draw) * 10;
+  const float wobble = Fractal(u * 6, v * 2 + offset, draw + 5);
   const float rings = 0.5f + 0.5f * std::sin((fx * 9 + wobble * 6) * kPi + offset);
   Surface s;
   s.height = edge < 0.03f ? 0.1f : 0.7f + 0.15f * rings;
-  const float tone = 0.75f + 0.35f * Hash(static_cast<int>(plank), 3, seed) + 0.25f * (rings - 0.5f);
+  const float tone = 0.75f + 0.35f * Hash(static_cast<int>(plank), 3, draw) + 0.25f * (rings - 0.5f);
   s.colour = {0.45f * tone, 0.26f * tone, 0.10f * tone};
   if (edge < 0.03f)
     s.colour = {0.05f, 0.03f, 0.02f};
@@ -103,10 +103,10 @@ Surface Planks(float u, float v, unsigned seed) {
   return s;
 }
 
-Surface Tiles(float u, float v, unsigned seed) {
+Surface Tiles(float u, float v, unsigned draw) {
   float cx, cy;
   const float joint = JointDistance(u, v, 4, 4, cx, cy);
-  const float speckle = Fractal(u * 40, v * 40, seed + 9);
+  const float speckle = Fractal(u * 40, v * 40, draw + 9);
   Surface s;
   if (joint < 0.015f) {
     s.height = 0.15f;
@@ -126,14 +126,14 @@ Surface Tiles(float u, float v, unsigned seed) {
 
 // A tuft of grass blades a few pixels wide, the kind of alpha-tested foliage whose coverage a plain
 // mip-map average loses. Coverage is exact at 4 x 4 samples so that edges step like real foliage alpha.
-Surface Grass(float u, float v, float pixel, unsigned seed) {
+Surface Grass(float u, float v, float pixel, unsigned draw) {
   constexpr int kBlades = 13;
   // The blade covering (pu, pv), and how far across it the point lies (0 centre, 1 edge); -1 for none.
-  auto blade = [seed](float pu, float pv, float& across) {
+  auto blade = [draw](float pu, float pv, float& across) {
     for (int k = 0; k < kBlades; ++k) {
       const float base = 0.06f + 0.88f * static_cast<float>(k) / (kBlades - 1);
-      const float length = 0.55f + 0.4f * Hash(k, 1, seed);
-      const float lean = (Hash(k, 2, seed) - 0.5f) * 0.5f;
+      const float length = 0.55f + 0.4f * Hash(k, 1, draw);
+      const float lean = (Hash(k, 2, draw) - 0.5f) * 0.5f;
       const float t = (1.0f - pv) / length;
       if (t < 0 || t > 1)
         continue;
@@ -159,7 +159,7 @@ Surface Grass(float u, float v, float pixel, unsigned seed) {
   Surface s;
   s.coverage = static_cast<float>(hits) / 16.0f;
   const int k = blade(u + pixel / 2, v + pixel / 2, across);
-  const float tone = 0.7f + 0.5f * (k >= 0 ? Hash(k, 3, seed) : 0.5f);
+  const float tone = 0.7f + 0.5f * (k >= 0 ? Hash(k, 3, draw) : 0.5f);
   const float up = 1.0f - v;  // lighter towards the tips
   s.height = 0.4f + 0.5f * (1 - across);
   s.colour = {(0.05f + 0.15f * up) * tone, (0.2f + 0.3f * up) * tone, 0.03f * tone};
@@ -173,7 +173,7 @@ SampleAtlas MakeSampleAtlas(int size, unsigned variant) {
   size = std::max(size, 16);
   const int cell = size / 2;
   const int margin = std::max(2, size / 24);
-  const unsigned seed = 17 + variant * 101;
+  const unsigned draw = 17 + variant * 101;
   const float hueShift = static_cast<float>(variant % 7) * 0.06f;
 
   std::vector<Surface> surfaces(static_cast<std::size_t>(size) * size);
@@ -190,16 +190,16 @@ SampleAtlas MakeSampleAtlas(int size, unsigned variant) {
       Surface s;
       switch (cellY * 2 + cellX) {
         case 0:
-          s = Bricks(u, v, seed);
+          s = Bricks(u, v, draw);
           break;
         case 1:
-          s = Planks(u, v, seed);
+          s = Planks(u, v, draw);
           break;
         case 2:
-          s = Tiles(u, v, seed);
+          s = Tiles(u, v, draw);
           break;
         default:
-          s = Grass(u, v, pixel, seed);
+          s = Grass(u, v, pixel, draw);
           break;
       }
       if (s.coverage <= 0)

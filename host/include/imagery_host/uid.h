@@ -11,7 +11,7 @@ class ZELStream;
 namespace zel_uid {
 
 // A 128-bit identifier. The default value is the null id. New ids are drawn from a random generator
-// seeded from the system's entropy source and combined with a process-wide counter, so that two ids
+// started from the system's entropy source and combined with a process-wide counter, so that two ids
 // made in one process never collide (and ids from different processes collide only by chance, with
 // probability around 2^-64 per pair). Making ids is thread-safe; a PermUID itself is a plain value.
 class PermUID {
