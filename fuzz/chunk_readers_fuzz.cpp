@@ -8,16 +8,12 @@
 #include <cstdlib>
 #include <vector>
 
+#include "fuzz_check.h"
 #include "imagery/colour_spaces.h"
 #include "imagery/gamma_settings.h"
 #include "imagery_host/stream.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition)
-    std::abort();
-}
 
 bool SameSettings(const imagery::GammaSettings& a, const imagery::GammaSettings& b) {
   return a.InputGamma(imagery::IT_RGB8) == b.InputGamma(imagery::IT_RGB8) &&

@@ -7,17 +7,9 @@
 #include <cstdlib>
 #include <vector>
 
+#include "fuzz_check.h"
 #include "imagery/image.h"
 #include "imagery_host/stream.h"
-
-namespace {
-
-void Require(bool condition) {
-  if (!condition)
-    std::abort();
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0)

@@ -9,17 +9,9 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz_check.h"
 #include "imagery/dib24.h"
 #include "imagery_host/stream.h"
-
-namespace {
-
-void Require(bool condition) {
-  if (!condition)
-    std::abort();
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0)

@@ -7,17 +7,9 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "fuzz_check.h"
 #include "imagery/image.h"
 #include "imagery/io/picture_files.h"
-
-namespace {
-
-void Require(bool condition) {
-  if (!condition)
-    std::abort();
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // Inputs are at most a few kilobytes: the size checks refuse anything large long before these limits,

@@ -13,15 +13,11 @@
 
 #include <zlib.h>
 
+#include "fuzz_check.h"
 #include "imagery/dib24.h"
 #include "imagery_host/stream.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition)
-    std::abort();
-}
 
 bool Same(const KORDib24& a, const KORDib24& b) {
   return a.Width() == b.Width() && a.Height() == b.Height() && a.GetFlags() == b.GetFlags() &&

@@ -10,16 +10,12 @@
 
 #include <unistd.h>
 
+#include "fuzz_check.h"
 #include "imagery_host/settings.h"
 #include "imagery_host/zel_path.h"
 #include "imagery_host/zel_string.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition)
-    std::abort();
-}
 
 // The loader reads files only; one file per fuzzing process, rewritten for every input.
 const ZELPath& InputFile() {

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_check.h"
 #include "imagery_host/md5.h"
 #include "imagery_host/stream.h"
 #include "imagery_host/uid.h"
@@ -20,11 +21,6 @@
 #include "imagery_host/zel_string.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition)
-    std::abort();
-}
 
 // Runs one read and checks that a refusal moved nothing and that no read escaped the open chunk.
 template <class Operation>

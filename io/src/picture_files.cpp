@@ -96,40 +96,48 @@ std::string DisplayName(const ZELPath& path) {
   return path.local_string();
 }
 
-std::string ReadInfo(const detail::Source& source, PictureInfo& info) {
+// The header reader and the decoder of one file format.
+struct Codec {
+  std::string (*readInfo)(const detail::Source&, PictureInfo&);
+  std::string (*decode)(const detail::Source&, Image&);
+};
+
+// The codec of the format the bytes start with; null when none does.
+const Codec* CodecOf(const detail::Source& source) {
+  static const Codec kPng{detail::ReadPngInfo, detail::DecodePng};
+  static const Codec kJpeg{detail::ReadJpegInfo, detail::DecodeJpeg};
+  static const Codec kExr{detail::ReadExrInfo, detail::DecodeExr};
+  static const Codec kTiff{detail::ReadTiffInfo, detail::DecodeTiff};
+  static const Codec kHdr{detail::ReadHdrInfo, detail::DecodeHdr};
   switch (FormatFromSignature(source.data, source.size)) {
     case FileFormat::PNG:
-      return detail::ReadPngInfo(source, info);
+      return &kPng;
     case FileFormat::JPEG:
-      return detail::ReadJpegInfo(source, info);
+      return &kJpeg;
     case FileFormat::OpenEXR:
-      return detail::ReadExrInfo(source, info);
+      return &kExr;
     case FileFormat::TIFF:
-      return detail::ReadTiffInfo(source, info);
+      return &kTiff;
     case FileFormat::RadianceHDR:
-      return detail::ReadHdrInfo(source, info);
+      return &kHdr;
     case FileFormat::Unknown:
       break;
   }
+  return nullptr;
+}
+
+std::string Unrecognised(const detail::Source& source) {
   return source.size == 0 ? "empty file" : "not a picture file of a known format";
 }
 
+std::string ReadInfo(const detail::Source& source, PictureInfo& info) {
+  const Codec* codec = CodecOf(source);
+  return codec != nullptr ? codec->readInfo(source, info) : Unrecognised(source);
+}
+
 std::string Decode(const detail::Source& source, Image& image) {
-  switch (FormatFromSignature(source.data, source.size)) {
-    case FileFormat::PNG:
-      return detail::DecodePng(source, image);
-    case FileFormat::JPEG:
-      return detail::DecodeJpeg(source, image);
-    case FileFormat::OpenEXR:
-      return detail::DecodeExr(source, image);
-    case FileFormat::TIFF:
-      return detail::DecodeTiff(source, image);
-    case FileFormat::RadianceHDR:
-      return detail::DecodeHdr(source, image);
-    case FileFormat::Unknown:
-      break;
-  }
-  return source.size == 0 ? "empty file" : "not a picture file of a known format";
+  const Codec* codec = CodecOf(source);
+  return codec != nullptr ? codec->decode(source, image) : Unrecognised(source);
 }
 
 // Decodes into a fresh image and hands it over only when everything worked, so that the caller's

@@ -237,6 +237,9 @@ struct PngWriteSetup {
   int writeSRGB;
   int writeGamma;
   png_fixed_point gamma;
+  // PNG_COLOR_TYPE_PALETTE only.
+  const png_color* palette;
+  int colours;
 };
 
 int WritePngRows(png_structp png, png_infop info, const PngWriteSetup* setup, png_bytepp rows) {
@@ -245,58 +248,24 @@ int WritePngRows(png_structp png, png_infop info, const PngWriteSetup* setup, pn
   png_init_io(png, setup->file);
   png_set_IHDR(png, info, setup->width, setup->height, setup->bitDepth, setup->colorType, PNG_INTERLACE_NONE,
                PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+  if (setup->colorType == PNG_COLOR_TYPE_PALETTE)
+    png_set_PLTE(png, info, setup->palette, setup->colours);
   if (setup->writeSRGB)
     png_set_sRGB_gAMA_and_cHRM(png, info, PNG_sRGB_INTENT_PERCEPTUAL);
   else if (setup->writeGamma)
     png_set_gAMA_fixed(png, info, setup->gamma);
   png_set_compression_level(png, setup->compressionLevel);
   png_write_info(png, info);
-  if (setup->colorType & PNG_COLOR_MASK_COLOR)
+  // Our colour pixels are stored blue first.
+  if (setup->colorType == PNG_COLOR_TYPE_RGB || setup->colorType == PNG_COLOR_TYPE_RGB_ALPHA)
     png_set_bgr(png);
   png_write_image(png, rows);
   png_write_end(png, info);
   return 1;
 }
 
-struct IndexedPngSetup {
-  std::FILE* file;
-  png_uint_32 width;
-  png_uint_32 height;
-  int compressionLevel;
-  const png_color* palette;
-  int colours;
-};
-
-int WriteIndexedPngRows(png_structp png, png_infop info, const IndexedPngSetup* setup, png_bytepp rows) {
-  if (setjmp(png_jmpbuf(png)))
-    return 0;
-  png_init_io(png, setup->file);
-  png_set_IHDR(png, info, setup->width, setup->height, 8, PNG_COLOR_TYPE_PALETTE, PNG_INTERLACE_NONE,
-               PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-  png_set_PLTE(png, info, setup->palette, setup->colours);
-  png_set_sRGB_gAMA_and_cHRM(png, info, PNG_sRGB_INTENT_PERCEPTUAL);
-  png_set_compression_level(png, setup->compressionLevel);
-  png_write_info(png, info);
-  png_write_image(png, rows);
-  png_write_end(png, info);
-  return 1;
-}
-
-}  // namespace
-
-std::string EncodeIndexedPng(const IndexedPicture& picture, const Target& target,
-                             const WriteOptions& options) {
-  std::vector<png_color> palette;
-  for (const auto& colour : picture.palette)
-    palette.push_back({colour[0], colour[1], colour[2]});
-  IndexedPngSetup setup{};
-  setup.file = target.file;
-  setup.width = static_cast<png_uint_32>(picture.width);
-  setup.height = static_cast<png_uint_32>(picture.height);
-  setup.compressionLevel = options.pngCompressionLevel;
-  setup.palette = palette.data();
-  setup.colours = static_cast<int>(palette.size());
-
+// `rows` point at the samples of each row, as the setup describes them.
+std::string WritePng(const Target& target, const PngWriteSetup& setup, png_bytepp rows) {
   PngContext context{};
   context.name = target.name;
   PngWriteStructs structs;
@@ -306,12 +275,32 @@ std::string EncodeIndexedPng(const IndexedPicture& picture, const Target& target
   structs.info = png_create_info_struct(structs.png);
   if (structs.info == nullptr)
     return "out of memory";
+  if (!WritePngRows(structs.png, structs.info, &setup, rows))
+    return context.error;
+  return std::string();
+}
+
+}  // namespace
+
+std::string EncodeIndexedPng(const IndexedPicture& picture, const Target& target,
+                             const WriteOptions& options) {
+  std::vector<png_color> palette;
+  for (const auto& colour : picture.palette)
+    palette.push_back({colour[0], colour[1], colour[2]});
+  PngWriteSetup setup{};
+  setup.file = target.file;
+  setup.width = static_cast<png_uint_32>(picture.width);
+  setup.height = static_cast<png_uint_32>(picture.height);
+  setup.bitDepth = 8;
+  setup.colorType = PNG_COLOR_TYPE_PALETTE;
+  setup.compressionLevel = options.pngCompressionLevel;
+  setup.writeSRGB = 1;
+  setup.palette = palette.data();
+  setup.colours = static_cast<int>(palette.size());
   std::vector<png_bytep> rows(setup.height);
   for (png_uint_32 y = 0; y < setup.height; ++y)
     rows[y] = const_cast<png_bytep>(picture.indices.data() + static_cast<std::size_t>(y) * setup.width);
-  if (!WriteIndexedPngRows(structs.png, structs.info, &setup, rows.data()))
-    return context.error;
-  return std::string();
+  return WritePng(target, setup, rows.data());
 }
 
 std::string EncodePng(const Image& image, const Target& target, const WriteOptions& options) {
@@ -332,23 +321,11 @@ std::string EncodePng(const Image& image, const Target& target, const WriteOptio
     setup.writeGamma = 1;
     setup.gamma = static_cast<png_fixed_point>(std::lround(100000.0 / gamma.Value()));
   }
-
-  PngContext context{};
-  context.name = target.name;
-  PngWriteStructs structs;
-  structs.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &context, &PngError, &PngWarning);
-  if (structs.png == nullptr)
-    return "out of memory";
-  structs.info = png_create_info_struct(structs.png);
-  if (structs.info == nullptr)
-    return "out of memory";
   const PixelPlane& plane = image.GetImplRef().Plane();
   std::vector<png_bytep> rows(setup.height);
   for (png_uint_32 y = 0; y < setup.height; ++y)
     rows[y] = const_cast<png_bytep>(plane.Row(static_cast<int>(y)));
-  if (!WritePngRows(structs.png, structs.info, &setup, rows.data()))
-    return context.error;
-  return std::string();
+  return WritePng(target, setup, rows.data());
 }
 
 }  // namespace detail
