@@ -63,7 +63,7 @@ TEST(FusedCaller, CursorReadsEqualTheLibrarysReads) {
           typed.MoveTo(0, y);
           typedPlain.MoveTo(0, y);
           for (int x = 0; x < plane.Width(); ++x, typed.Next(), typedPlain.Next()) {
-            LinearRGBA_T<float> expected, plainExpected, got, plainGot;
+            LinearRGBA_T<float> expected, plainExpected, got, plainGot, runtime;
             float grey = 0, plainGrey = 0, greyGot = 0, plainGreyGot = 0, runtimeGrey = 0;
             image.GetPixelRGBA(x, y, expected, ATO_None);
             image.GetPixelRGBANoGammaConversion(x, y, plainExpected, ATO_None);
@@ -74,10 +74,19 @@ TEST(FusedCaller, CursorReadsEqualTheLibrarysReads) {
             typed.GetPixelGrayscale(greyGot);
             typedPlain.GetPixelGrayscale(plainGreyGot);
             ConstPixelAccess(plane, x, y).GetPixelGrayscale(runtimeGrey);
-            for (auto [a, b] : {std::pair{expected.r, got.r}, {expected.g, got.g}, {expected.b, got.b},
-                                {expected.a, got.a}, {plainExpected.r, plainGot.r},
-                                {plainExpected.a, plainGot.a}, {grey, greyGot}, {plainGrey, plainGreyGot},
-                                {grey, runtimeGrey}})
+            ConstPixelAccess(plane, x, y).GetPixelRGBA(runtime);
+            for (auto [a, b] : {std::pair{expected.r, got.r},
+                                {expected.g, got.g},
+                                {expected.b, got.b},
+                                {expected.a, got.a},
+                                {plainExpected.r, plainGot.r},
+                                {plainExpected.a, plainGot.a},
+                                {grey, greyGot},
+                                {plainGrey, plainGreyGot},
+                                {grey, runtimeGrey},
+                                {expected.r, runtime.r},
+                                {expected.b, runtime.b},
+                                {expected.a, runtime.a}})
               ASSERT_EQ(Bits(a), Bits(b)) << "format " << t << " at " << x << ", " << y;
           }
         }
@@ -86,7 +95,8 @@ TEST(FusedCaller, CursorReadsEqualTheLibrarysReads) {
   }
 }
 
-// Writes of random linear values through inline typed cursors give the bytes the library's setters do.
+// Writes of random linear values through inline typed and runtime cursors give the bytes the library's
+// setters do.
 TEST(FusedCaller, CursorWritesEqualTheLibrarysWrites) {
   if (!ProcessorFuses())
     GTEST_SKIP() << "no fused multiply-add on this processor";
@@ -97,6 +107,7 @@ TEST(FusedCaller, CursorWritesEqualTheLibrarysWrites) {
     for (GammaValue gamma : {gamma::sRGB, gamma::Linear, GammaValue(1.8f)}) {
       Image viaLibrary(41, 2, type, gamma);
       Image inlined(41, 2, type, gamma);
+      Image runtime(41, 2, type, gamma);
       DispatchImageType(type, [&](auto format) {
         constexpr EImageType T = decltype(format)::value;
         TypedPixelAccess<T> cursor(inlined.GetImplRef().Plane(), 0, 0);
@@ -108,17 +119,23 @@ TEST(FusedCaller, CursorWritesEqualTheLibrarysWrites) {
             if (y == 0) {
               viaLibrary.SetPixelRGBA(x, y, LinearRGBA_T<float>(c, a), ATO_None);
               cursor.SetPixelRGBA(c, a);
+              PixelAccess(runtime.GetImplRef().Plane(), x, y).SetPixelRGBA(c, a);
             } else {
               viaLibrary.SetPixelGrayscale(x, y, c.g, ATO_None);
               cursor.SetPixelGrayscale(c.g);
+              PixelAccess(runtime.GetImplRef().Plane(), x, y).SetPixelGrayscale(c.g);
             }
           }
         }
       });
       const PixelPlane& expected = viaLibrary.GetImplRef().Plane();
       const PixelPlane& got = inlined.GetImplRef().Plane();
-      for (std::uint64_t i = 0; i < expected.ByteSize(); ++i)
+      const PixelPlane& gotRuntime = runtime.GetImplRef().Plane();
+      for (std::uint64_t i = 0; i < expected.ByteSize(); ++i) {
         ASSERT_EQ(expected.Data()[i], got.Data()[i]) << "format " << t << ", byte " << i;
+        ASSERT_EQ(expected.Data()[i], gotRuntime.Data()[i])
+            << "runtime cursor, format " << t << ", byte " << i;
+      }
     }
   }
 }

@@ -9,6 +9,7 @@
 
 #include "imagery/color.h"
 #include "imagery/colour_spaces.h"
+#include "imagery/detail/srgb_curve.h"
 #include "imagery/gamma.h"
 #include "imagery/gamma_tables.h"
 #include "imagery/pixel_format.h"
@@ -41,23 +42,57 @@ inline unsigned short ScaleTo16(float c) {
 // Channel conversions. Decoders map stored codes to linear light, encoders the reverse; every one is
 // constructible from the plane's gamma so that cursors can hold any of them alike.
 // Decoders also take a pixel's three colour codes at once (DecodeThree8 / DecodeThree16).
+// The curve coders evaluate sRGB inline, in the form that gives the library's bits whatever the caller's
+// flags, and call into the library for power gammas (a call costs little beside a power function).
 struct CurveDecoder {
   explicit CurveDecoder(GammaValue g) : gamma(g) {}
-  float Decode8(unsigned char v) const { return DecodeChannel8(v, gamma); }
-  float Decode16(unsigned short v) const { return DecodeChannel16(v, gamma); }
-  void DecodeThree8(const unsigned char* v, float* c) const { DecodeThreeChannels8(v, c, gamma); }
-  void DecodeThree16(const unsigned short* v, float* c) const { DecodeThreeChannels16(v, c, gamma); }
+  float Decode8(unsigned char v) const {
+    return gamma.IsSRGB() ? DecodeSRGBCode<CallerProducts>(v) : DecodeChannel8(v, gamma);
+  }
+  float Decode16(unsigned short v) const {
+    return gamma.IsSRGB() ? DecodeSRGBCode<CallerProducts>(v) : DecodeChannel16(v, gamma);
+  }
+  void DecodeThree8(const unsigned char* v, float* c) const { DecodeThree(v, c, DecodeThreeChannels8); }
+  void DecodeThree16(const unsigned short* v, float* c) const { DecodeThree(v, c, DecodeThreeChannels16); }
   GammaValue gamma;
+
+ private:
+  template <class Code, class Library>
+  void DecodeThree(const Code* v, float* c, Library library) const {
+    if (!gamma.IsSRGB())
+      return library(v, c, gamma);
+    for (int i = 0; i < 3; ++i)
+      c[i] = DecodeSRGBCode<CallerProducts>(v[i]);
+  }
 };
 // Encoders also take a pixel's three colour values at once (EncodeThree8 / EncodeThree16), with the
 // results of three single calls.
 struct CurveEncoder {
   explicit CurveEncoder(GammaValue g) : gamma(g) {}
-  unsigned char Encode8(float c) const { return EncodeChannel8(c, gamma, PowerPrecision::Single); }
-  unsigned short Encode16(float c) const { return EncodeChannel16(c, gamma, PowerPrecision::Single); }
-  void EncodeThree8(const float* c, unsigned char* codes) const { EncodeThreeChannels8(c, codes, gamma); }
-  void EncodeThree16(const float* c, unsigned short* codes) const { EncodeThreeChannels16(c, codes, gamma); }
+  unsigned char Encode8(float c) const {
+    return gamma.IsSRGB() ? EncodeSRGBCode<CallerProducts, unsigned char>(c)
+                          : EncodeChannel8(c, gamma, PowerPrecision::Single);
+  }
+  unsigned short Encode16(float c) const {
+    return gamma.IsSRGB() ? EncodeSRGBCode<CallerProducts, unsigned short>(c)
+                          : EncodeChannel16(c, gamma, PowerPrecision::Single);
+  }
+  void EncodeThree8(const float* c, unsigned char* codes) const {
+    EncodeThree(c, codes, EncodeThreeChannels8);
+  }
+  void EncodeThree16(const float* c, unsigned short* codes) const {
+    EncodeThree(c, codes, EncodeThreeChannels16);
+  }
   GammaValue gamma;
+
+ private:
+  template <class Code, class Library>
+  void EncodeThree(const float* c, Code* codes, Library library) const {
+    if (!gamma.IsSRGB())
+      return library(c, codes, gamma);
+    for (int i = 0; i < 3; ++i)
+      codes[i] = EncodeSRGBCode<CallerProducts, Code>(c[i]);
+  }
 };
 struct ScaleDecoder {
   explicit ScaleDecoder(GammaValue) {}
