@@ -157,79 +157,82 @@ std::string CheckHeader(const Imf::Header& header, const Source& source, Channel
   return CheckPromise(width, height, raw, source.size, ratio);
 }
 
+// Opens the file in memory and checks its header, then hands `use` the file, the channels it will be
+// read from and the size of its data window; returns what failed. Codec errors are thrown.
+template <class Use>
+std::string WithCheckedFile(const Source& source, Use use) {
+  ApplyLibraryLimits();
+  MemoryInput input(source);
+  Imf::InputFile file(input);
+  ChannelChoice choice;
+  const std::string failure = CheckHeader(file.header(), source, choice);
+  if (!failure.empty())
+    return failure;
+  const Imath::Box2i& window = file.header().dataWindow();
+  return use(file, choice, window.max.x - window.min.x + 1, window.max.y - window.min.y + 1);
+}
+
 }  // namespace
 
 std::string ReadExrInfo(const Source& source, PictureInfo& info) {
-  ApplyLibraryLimits();
   try {
-    MemoryInput input(source);
-    Imf::InputFile file(input);
-    ChannelChoice choice;
-    const std::string failure = CheckHeader(file.header(), source, choice);
-    if (!failure.empty())
-      return failure;
-    const Imath::Box2i& window = file.header().dataWindow();
-    info = PictureInfo();
-    info.format = FileFormat::OpenEXR;
-    info.width = window.max.x - window.min.x + 1;
-    info.height = window.max.y - window.min.y + 1;
-    info.channels = choice.channels;
-    info.bitsPerChannel = choice.bits;
-    info.floatingPoint = true;
-    info.hasAlpha = choice.alpha != nullptr;
-    info.naturalType = choice.type;
-    info.gamma = gamma::Linear;
-    return std::string();
+    return WithCheckedFile(source, [&](Imf::InputFile&, const ChannelChoice& choice, int width, int height) {
+      info = PictureInfo();
+      info.format = FileFormat::OpenEXR;
+      info.width = width;
+      info.height = height;
+      info.channels = choice.channels;
+      info.bitsPerChannel = choice.bits;
+      info.floatingPoint = true;
+      info.hasAlpha = choice.alpha != nullptr;
+      info.naturalType = choice.type;
+      info.gamma = gamma::Linear;
+      return std::string();
+    });
   } catch (const std::exception& error) {
     return error.what();
   }
 }
 
 std::string DecodeExr(const Source& source, Image& image) {
-  ApplyLibraryLimits();
   try {
-    MemoryInput input(source);
-    Imf::InputFile file(input);
-    ChannelChoice choice;
-    const std::string failure = CheckHeader(file.header(), source, choice);
-    if (!failure.empty())
-      return failure;
-    const Imath::Box2i& window = file.header().dataWindow();
-    const int width = window.max.x - window.min.x + 1;
-    const int height = window.max.y - window.min.y + 1;
-    Image picture = NewPicture(width, height, choice.type, gamma::Linear);
-    PixelPlane& plane = picture.GetImplRef().Plane();
-    const std::size_t xStride = static_cast<std::size_t>(plane.BytesPerPixel());
-    const std::size_t yStride = static_cast<std::size_t>(plane.BytesPerLine());
-    unsigned char* base = plane.Data();
-    Imf::FrameBuffer frame;
-    const auto slice = [&](const char* name, int offset, double fill) {
-      frame.insert(name, Imf::Slice::Make(Imf::FLOAT, base + offset, window, xStride, yStride, 1, 1, fill));
-    };
-    if (choice.type == IT_Grayscale32f) {
-      slice(choice.grey, 0, 0.0);
-    } else if (choice.grey != nullptr) {
-      // Grey with alpha: the grey lands in red and is copied to green and blue below.
-      slice(choice.grey, 8, 0.0);
-    } else {
-      // A missing colour channel reads as 0; each slice needs a channel name, present or not.
-      slice(choice.blue != nullptr ? choice.blue : "B", 0, 0.0);
-      slice(choice.green != nullptr ? choice.green : "G", 4, 0.0);
-      slice(choice.red != nullptr ? choice.red : "R", 8, 0.0);
-    }
-    if (choice.alpha != nullptr)
-      slice(choice.alpha, 12, 1.0);
-    file.setFrameBuffer(frame);
-    file.readPixels(window.min.y, window.max.y);
-    if (choice.grey != nullptr && choice.type != IT_Grayscale32f) {
-      for (int y = 0; y < height; ++y) {
-        float* pixel = reinterpret_cast<float*>(plane.Row(y));
-        for (int x = 0; x < width; ++x, pixel += 4)
-          pixel[0] = pixel[1] = pixel[2];
+    return WithCheckedFile(source, [&](Imf::InputFile& file, const ChannelChoice& choice, int width,
+                                       int height) {
+      const Imath::Box2i& window = file.header().dataWindow();
+      Image picture = NewPicture(width, height, choice.type, gamma::Linear);
+      PixelPlane& plane = picture.GetImplRef().Plane();
+      const std::size_t xStride = static_cast<std::size_t>(plane.BytesPerPixel());
+      const std::size_t yStride = static_cast<std::size_t>(plane.BytesPerLine());
+      unsigned char* base = plane.Data();
+      Imf::FrameBuffer frame;
+      const auto slice = [&](const char* name, int offset, double fill) {
+        frame.insert(name, Imf::Slice::Make(Imf::FLOAT, base + offset, window, xStride, yStride, 1, 1, fill));
+      };
+      if (choice.type == IT_Grayscale32f) {
+        slice(choice.grey, 0, 0.0);
+      } else if (choice.grey != nullptr) {
+        // Grey with alpha: the grey lands in red and is copied to green and blue below.
+        slice(choice.grey, 8, 0.0);
+      } else {
+        // A missing colour channel reads as 0; each slice needs a channel name, present or not.
+        slice(choice.blue != nullptr ? choice.blue : "B", 0, 0.0);
+        slice(choice.green != nullptr ? choice.green : "G", 4, 0.0);
+        slice(choice.red != nullptr ? choice.red : "R", 8, 0.0);
       }
-    }
-    image = picture;
-    return std::string();
+      if (choice.alpha != nullptr)
+        slice(choice.alpha, 12, 1.0);
+      file.setFrameBuffer(frame);
+      file.readPixels(window.min.y, window.max.y);
+      if (choice.grey != nullptr && choice.type != IT_Grayscale32f) {
+        for (int y = 0; y < height; ++y) {
+          float* pixel = reinterpret_cast<float*>(plane.Row(y));
+          for (int x = 0; x < width; ++x, pixel += 4)
+            pixel[0] = pixel[1] = pixel[2];
+        }
+      }
+      image = picture;
+      return std::string();
+    });
   } catch (const std::bad_alloc&) {
     return "out of memory";
   } catch (const std::exception& error) {

@@ -47,6 +47,15 @@ std::string SystemError(const char* what, int error) {
 struct FileBytes {
   std::unique_ptr<unsigned char[]> data;
   std::size_t size = 0;
+
+  // The bytes as the codecs take them; `name` must outlive the result.
+  detail::Source AsSource(const std::string& name) const {
+    detail::Source source;
+    source.data = data.get();
+    source.size = size;
+    source.name = name.c_str();
+    return source;
+  }
 };
 
 // Reads a whole file. Files are read into memory before decoding so that every codec works on bytes
@@ -453,10 +462,7 @@ zel::ErrorCode ReadPictureInfo(const ZELPath& path, PictureInfo& info) {
   std::string failure = ReadWholeFile(name, bytes);
   if (!failure.empty())
     return Failure(name, failure);
-  detail::Source source;
-  source.data = bytes.data.get();
-  source.size = bytes.size;
-  source.name = name.c_str();
+  const detail::Source source = bytes.AsSource(name);
   PictureInfo found;
   try {
     failure = ReadInfo(source, found);
@@ -475,10 +481,7 @@ zel::ErrorCode ReadPicture(const ZELPath& path, Image& image, EImageType request
   const std::string failure = ReadWholeFile(name, bytes);
   if (!failure.empty())
     return Failure(name, failure);
-  detail::Source source;
-  source.data = bytes.data.get();
-  source.size = bytes.size;
-  source.name = name.c_str();
+  const detail::Source source = bytes.AsSource(name);
   return DecodeInto(source, image, requested, &path);
 }
 
@@ -567,10 +570,7 @@ zel::ErrorCode ReadPictureSource(Image* image, const ZELPath& path, EImageType t
   const std::string failure = ReadWholeFile(name, bytes);
   if (!failure.empty())
     return Failure(name, failure);
-  detail::Source source;
-  source.data = bytes.data.get();
-  source.size = bytes.size;
-  source.name = name.c_str();
+  const detail::Source source = bytes.AsSource(name);
   // The list is searched by format: for the file's own format, its header says which that is.
   if (!options.bypassReaderCache && type >= IT_UNDEFINED) {
     PictureInfo info;
