@@ -220,25 +220,24 @@ int Demo::Run() {
     return kExitFailed;
 
   // transform
-  Image turned(color);
+  const auto showTransformed = [&](const Image& source, const TransformSettings& settings, const char* file,
+                                   const std::string& caption) {
+    Image transformed(source);
+    TransformImage(transformed, settings);
+    return Show(transformed, file, caption);
+  };
   TransformSettings turn;
   turn.rotate = 90;
   turn.mirrorX = true;
   turn.exposure = 0.05f;
-  TransformImage(turned, turn);
-  if (!Show(turned, "transform_rotate_mirror.png", "transform --rotate 90\n--mirror-x --exposure 0.05"))
-    return kExitFailed;
-  Image inverted(color);
   TransformSettings invert;
   invert.invertColor = true;
-  TransformImage(inverted, invert);
-  if (!Show(inverted, "transform_invert.png", "transform --invert-color\nalpha kept"))
-    return kExitFailed;
-  Image flipped(normal);
   TransformSettings flipGreen;
   flipGreen.invertNormalGreen = true;
-  TransformImage(flipped, flipGreen);
-  if (!Show(flipped, "transform_normal_green.png", "transform\n--invert-normal-green"))
+  if (!showTransformed(color, turn, "transform_rotate_mirror.png",
+                       "transform --rotate 90\n--mirror-x --exposure 0.05") ||
+      !showTransformed(color, invert, "transform_invert.png", "transform --invert-color\nalpha kept") ||
+      !showTransformed(normal, flipGreen, "transform_normal_green.png", "transform\n--invert-normal-green"))
     return kExitFailed;
 
   // pack and unpack
