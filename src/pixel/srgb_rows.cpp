@@ -133,36 +133,21 @@ __attribute__((target("avx2"))) std::size_t EncodeSRGBAVX2(const float* linear, 
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 #pragma GCC diagnostic ignored "-Wuninitialized"
-// The curve's rational form; kAllHigh where every lane lies above 0.0523, which most vectors do, so
-// that they take the upper coefficients without blending.
-template <bool kAllHigh>
-__attribute__((target("avx512f"))) __m512 SRGBCurveSixteen(__m512 c, __mmask16 high) {
+__attribute__((target("avx512f"))) __m512i EncodeSRGBSixteen(__m512 c, __m512 maxCode) {
+  c = _mm512_max_ps(_mm512_min_ps(_mm512_set1_ps(1.0f), c), _mm512_setzero_ps());
+  const __mmask16 high = _mm512_cmp_ps_mask(c, _mm512_set1_ps(0.0523f), _CMP_GT_OQ);
   auto k = [high](int i) __attribute__((target("avx512f"))) {
-    if constexpr (kAllHigh)
-      return _mm512_set1_ps(kSRGBEncode[i].above);
-    else
-      return _mm512_mask_blend_ps(high, _mm512_set1_ps(kSRGBEncode[i].below),
-                                  _mm512_set1_ps(kSRGBEncode[i].above));
+    return _mm512_mask_blend_ps(high, _mm512_set1_ps(kSRGBEncode[i].below),
+                                _mm512_set1_ps(kSRGBEncode[i].above));
   };
   const __m512 c2 = _mm512_mul_ps(c, c);
   __m512 n = _mm512_add_ps(_mm512_mul_ps(k(0), c), k(1));
   n = _mm512_add_ps(_mm512_mul_ps(n, c2), _mm512_add_ps(_mm512_mul_ps(k(2), c), k(3)));
   n = _mm512_add_ps(_mm512_mul_ps(n, c2), _mm512_add_ps(_mm512_mul_ps(k(4), c), k(5)));
   n = _mm512_add_ps(_mm512_mul_ps(n, c2), _mm512_add_ps(_mm512_mul_ps(k(6), c), k(7)));
-  return _mm512_div_ps(n, _mm512_mul_ps(c2, c));
-}
-
-__attribute__((target("avx512f"))) __m512i EncodeSRGBSixteen(__m512 c, __m512 maxCode) {
-  c = _mm512_max_ps(_mm512_min_ps(_mm512_set1_ps(1.0f), c), _mm512_setzero_ps());
-  const __mmask16 high = _mm512_cmp_ps_mask(c, _mm512_set1_ps(0.0523f), _CMP_GT_OQ);
+  const __m512 curve = _mm512_div_ps(n, _mm512_mul_ps(c2, c));
   const __mmask16 low = _mm512_cmp_ps_mask(c, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ);
-  __m512 encoded;
-  if (high == 0xFFFF) {
-    encoded = SRGBCurveSixteen<true>(c, high);
-  } else {
-    encoded =
-        _mm512_mask_blend_ps(low, SRGBCurveSixteen<false>(c, high), _mm512_mul_ps(c, _mm512_set1_ps(12.92f)));
-  }
+  const __m512 encoded = _mm512_mask_blend_ps(low, curve, _mm512_mul_ps(c, _mm512_set1_ps(12.92f)));
   const __m512 scaled = _mm512_mul_ps(encoded, maxCode);
   const __m512i whole = _mm512_cvttps_epi32(scaled);
   const __m512 fraction = _mm512_sub_ps(scaled, _mm512_cvtepi32_ps(whole));
