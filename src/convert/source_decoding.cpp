@@ -28,13 +28,15 @@ SourceDecoding::SourceDecoding(EImageType type, GammaValue gamma) {
     for (int v = 0; v < 256; ++v)
       greyOfCode[v] = GreyOfGrey((*decode8)(static_cast<unsigned char>(v)));
   } else {
-    weighted8.resize(3 * 256);
+    weighted8 = std::make_unique<detail::ByteTables3>();
     for (int v = 0; v < 256; ++v) {
       const float linear = (*decode8)(static_cast<unsigned char>(v));
-      weighted8[v] = 0.35f * linear;
-      weighted8[256 + v] = 0.5f * linear;
-      weighted8[512 + v] = 0.15f * linear;
+      weighted8->values[0][v] = 0.35f * linear;
+      weighted8->values[1][v] = 0.5f * linear;
+      weighted8->values[2][v] = 0.15f * linear;
     }
+    weighted8->Split();
+    greySum8 = detail::CodeSumRow8(cpu::Active());
   }
 }
 

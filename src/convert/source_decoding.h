@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -16,6 +17,7 @@
 #include "imagery/detail/pixel_io.h"
 #include "imagery/gamma_tables.h"
 #include "imagery/pixel_format.h"
+#include "pixel/srgb_rows.h"
 
 #if defined(IMAGERY_X86_64)
 #include <emmintrin.h>
@@ -70,9 +72,10 @@ struct SourceDecoding {
   std::optional<GammaDecodeTable16> decode16;
   // 8-bit grey: the grey value of each code.
   std::vector<float> greyOfCode;
-  // 8-bit colour: 0.35, 0.5 and 0.15 times the linear value of each code, one run of 256 each: the same
-  // floats the grey sum would multiply out.
-  std::vector<float> weighted8;
+  // 8-bit colour: 0.35, 0.5 and 0.15 times the linear value of each code (red, green, blue): the same
+  // floats the grey sum would multiply out, summed a row at a time by `greySum8`.
+  std::unique_ptr<detail::ByteTables3> weighted8;
+  detail::CodeSumRowFunction greySum8 = nullptr;
 
   SourceDecoding(EImageType type, GammaValue gamma);
 
@@ -208,10 +211,10 @@ void DecodeGrey(const SourceDecoding& source, const unsigned char* p, int n, Pla
     for (int i = 0; i < n; ++i, p += F.bytes)
       grey[i] = GreyOfGrey(GreyLinear<S>(tables, p));
   } else if constexpr (F.colour == SampleKind::Code8) {
+    static_assert(F.blue == 0 && F.green == 1 && F.red == 2 && (F.bytes == 3 || F.bytes == 4),
+                  "the grey sum reads red, green and blue from the third, second and first byte");
     static_cast<void>(scratch);
-    const float* w = source.weighted8.data();
-    for (int i = 0; i < n; ++i, p += F.bytes)
-      grey[i] = (w[p[F.red]] + w[256 + p[F.green]]) + w[512 + p[F.blue]];
+    source.greySum8(*source.weighted8, p, F.bytes, grey, static_cast<std::size_t>(n));
   } else {
     DecodeColour<S, L>(source, p, n, scratch);
     for (int i = 0; i < n; ++i)

@@ -32,8 +32,9 @@ Level StartLevel() {
     return detected;
   const std::optional<Level> parsed = Parse(asked);
   if (!parsed) {
-    ZEL_LOG(L"image", L"WARN", "Imagery/Cpu",
-            L"IMAGERY_CPU=" << asked << L" is not one of scalar, sse2, avx2, avx512; using " << Name(detected));
+    ZEL_LOG(
+        L"image", L"WARN", "Imagery/Cpu",
+        L"IMAGERY_CPU=" << asked << L" is not one of scalar, sse2, avx2, avx512; using " << Name(detected));
     return detected;
   }
   return std::min(*parsed, detected);
@@ -53,6 +54,16 @@ Level Detected() {
 
 Level Active() {
   return ActiveLevel().load(std::memory_order_relaxed);
+}
+
+bool HasByteShuffles(Level level) {
+#if defined(IMAGERY_X86_64) && defined(__GNUC__)
+  static const bool supported = __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vbmi");
+  return level >= Level::AVX512 && Detected() >= Level::AVX512 && supported;
+#else
+  static_cast<void>(level);
+  return false;
+#endif
 }
 
 const char* Name(Level level) {

@@ -25,6 +25,9 @@ IMAGERY_API Level Detected();
 // The level kernels are chosen by: Detected(), lowered by IMAGERY_CPU and by any live ScopedLevel.
 IMAGERY_API Level Active();
 IMAGERY_API const char* Name(Level level);
+// Whether kernels chosen at `level` may use the AVX-512 byte permutes (VBMI): only at the AVX512 level,
+// on processors that have them. Without them the AVX512 level takes the kernel below it.
+IMAGERY_API bool HasByteShuffles(Level level);
 // "scalar", "sse2", "avx2" or "avx512"; nothing for anything else.
 IMAGERY_API std::optional<Level> Parse(std::string_view name);
 

@@ -173,7 +173,6 @@ __attribute__((target("avx512f"))) std::size_t EncodeSRGBAVX512(const float* lin
 #pragma GCC diagnostic pop
 #endif
 
-
 // A whole row: the kernel's lanes, then the rest one value at a time.
 template <class Code, std::size_t (*Kernel)(const float*, Code*, std::size_t)>
 void EncodeRow(const float* linear, Code* codes, std::size_t count) {
@@ -199,7 +198,179 @@ SRGBRowFunction<Code> SRGBRowEncoder(cpu::Level level) {
   }
 }
 
+// --- Byte codes to floats through tables -----------------------------------------------------------
+
+struct BytePlanes {
+  alignas(64) std::uint8_t bytes[4][256];
+};
+
+void SplitBytes(const float* values, std::uint8_t (*planes)[256]) {
+  for (int v = 0; v < 256; ++v) {
+    std::uint32_t bits;
+    std::memcpy(&bits, &values[v], sizeof bits);
+    for (int k = 0; k < 4; ++k)
+      planes[k][v] = static_cast<std::uint8_t>(bits >> (8 * k));
+  }
+}
+
+struct SRGBDecodeTables {
+  float values[256];
+  BytePlanes planes;
+  SRGBDecodeTables() {
+    for (int v = 0; v < 256; ++v)
+      values[v] = curves::Decode(static_cast<unsigned char>(v), gamma::sRGB);
+    SplitBytes(values, planes.bytes);
+  }
+};
+
+const SRGBDecodeTables& SRGBDecode8() {
+  static const SRGBDecodeTables tables;
+  return tables;
+}
+
+void DecodeSRGBScalar(const unsigned char* codes, float* linear, std::size_t count) {
+  const float* table = SRGBDecode8().values;
+  for (std::size_t i = 0; i < count; ++i)
+    linear[i] = table[codes[i]];
+}
+
+void CodeSumScalar(const ByteTables3& tables, const unsigned char* pixels, std::size_t pixelBytes,
+                   float* sums, std::size_t count) {
+  const auto& t = tables.values;
+  for (std::size_t i = 0; i < count; ++i, pixels += pixelBytes)
+    sums[i] = (t[0][pixels[2]] + t[1][pixels[1]]) + t[2][pixels[0]];
+}
+
+#if defined(IMAGERY_X86_64) && defined(__GNUC__)
+#define IMAGERY_BYTE_SHUFFLES __attribute__((target("avx512f,avx512bw,avx512vbmi")))
+#pragma GCC diagnostic push
+#if !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#pragma GCC diagnostic ignored "-Wuninitialized"
+
+// The table values of 64 byte indices, by two-register byte permutes on each byte plane (128 entries
+// each, the top index bit choosing between them) and interleaves of the four planes. The interleaves
+// work inside 128-bit lanes, so the indices come lane-transposed: dword 4j + s of `index` holds indices
+// 16s + 4j .. 16s + 4j + 3. out[s] then holds the values of indices 16s .. 16s + 15 in order.
+IMAGERY_BYTE_SHUFFLES inline void LookUp64(const std::uint8_t (*planes)[256], __m512i index, __m512i out[4]) {
+  const __mmask64 upper = _mm512_movepi8_mask(index);
+  __m512i bytes[4];
+  for (int k = 0; k < 4; ++k) {
+    const auto* plane = reinterpret_cast<const __m512i*>(planes[k]);
+    const __m512i low =
+        _mm512_permutex2var_epi8(_mm512_load_si512(plane), index, _mm512_load_si512(plane + 1));
+    const __m512i high =
+        _mm512_permutex2var_epi8(_mm512_load_si512(plane + 2), index, _mm512_load_si512(plane + 3));
+    bytes[k] = _mm512_mask_blend_epi8(upper, low, high);
+  }
+  const __m512i low01 = _mm512_unpacklo_epi8(bytes[0], bytes[1]),
+                high01 = _mm512_unpackhi_epi8(bytes[0], bytes[1]);
+  const __m512i low23 = _mm512_unpacklo_epi8(bytes[2], bytes[3]),
+                high23 = _mm512_unpackhi_epi8(bytes[2], bytes[3]);
+  out[0] = _mm512_unpacklo_epi16(low01, low23);
+  out[1] = _mm512_unpackhi_epi16(low01, low23);
+  out[2] = _mm512_unpacklo_epi16(high01, high23);
+  out[3] = _mm512_unpackhi_epi16(high01, high23);
+}
+
+IMAGERY_BYTE_SHUFFLES std::size_t DecodeSRGBByteShuffles(const unsigned char* codes, float* linear,
+                                                         std::size_t count) {
+  const std::uint8_t(*planes)[256] = SRGBDecode8().planes.bytes;
+  const __m512i transpose = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  std::size_t i = 0;
+  for (; i + 64 <= count; i += 64) {
+    const __m512i index = _mm512_permutexvar_epi32(transpose, _mm512_loadu_si512(codes + i));
+    __m512i values[4];
+    LookUp64(planes, index, values);
+    for (int s = 0; s < 4; ++s)
+      _mm512_storeu_si512(linear + i + 16 * s, values[s]);
+  }
+  return i;
+}
+
+// Sixteen pixels from `pixels` as dwords regrouped by byte inside each 128-bit lane: the first bytes of
+// four pixels, then their second bytes, then their third.
+IMAGERY_BYTE_SHUFFLES inline __m512i GroupBytes(const unsigned char* pixels, std::size_t pixelBytes,
+                                                __m512i order) {
+  const __m512i loaded = pixelBytes == 4 ? _mm512_loadu_si512(pixels)
+                                         : _mm512_maskz_loadu_epi8((__mmask64{1} << 48) - 1, pixels);
+  return _mm512_permutexvar_epi8(order, loaded);
+}
+
+IMAGERY_BYTE_SHUFFLES std::size_t CodeSumByteShuffles(const ByteTables3& tables, const unsigned char* pixels,
+                                                      std::size_t pixelBytes, float* sums,
+                                                      std::size_t count) {
+  // Byte 16j + 4c + m of a group is byte c of pixel 4j + m.
+  alignas(64) std::uint8_t order[64];
+  for (int j = 0; j < 4; ++j) {
+    for (int c = 0; c < 4; ++c) {
+      for (int m = 0; m < 4; ++m)
+        order[16 * j + 4 * c + m] = static_cast<std::uint8_t>(c < 3 ? pixelBytes * (4 * j + m) + c : 0);
+    }
+  }
+  const __m512i grouping = _mm512_load_si512(order);
+  std::size_t i = 0;
+  for (; i + 64 <= count; i += 64) {
+    const unsigned char* p = pixels + i * pixelBytes;
+    const __m512i g0 = GroupBytes(p, pixelBytes, grouping);
+    const __m512i g1 = GroupBytes(p + 16 * pixelBytes, pixelBytes, grouping);
+    const __m512i g2 = GroupBytes(p + 32 * pixelBytes, pixelBytes, grouping);
+    const __m512i g3 = GroupBytes(p + 48 * pixelBytes, pixelBytes, grouping);
+    // Byte 16j + 4t + m of each plane is a byte of pixel 16t + 4j + m: the lane-transposed order.
+    const __m512i low01 = _mm512_unpacklo_epi32(g0, g1), high01 = _mm512_unpackhi_epi32(g0, g1);
+    const __m512i low23 = _mm512_unpacklo_epi32(g2, g3), high23 = _mm512_unpackhi_epi32(g2, g3);
+    __m512i first[4], second[4], third[4];
+    LookUp64(tables.planes[0], _mm512_unpacklo_epi64(high01, high23), first);
+    LookUp64(tables.planes[1], _mm512_unpackhi_epi64(low01, low23), second);
+    LookUp64(tables.planes[2], _mm512_unpacklo_epi64(low01, low23), third);
+    for (int s = 0; s < 4; ++s) {
+      const __m512 sum =
+          _mm512_add_ps(_mm512_add_ps(_mm512_castsi512_ps(first[s]), _mm512_castsi512_ps(second[s])),
+                        _mm512_castsi512_ps(third[s]));
+      _mm512_storeu_ps(sums + i + 16 * s, sum);
+    }
+  }
+  return i;
+}
+
+void DecodeSRGBRow(const unsigned char* codes, float* linear, std::size_t count) {
+  const std::size_t done = DecodeSRGBByteShuffles(codes, linear, count);
+  DecodeSRGBScalar(codes + done, linear + done, count - done);
+}
+
+void CodeSumRow(const ByteTables3& tables, const unsigned char* pixels, std::size_t pixelBytes, float* sums,
+                std::size_t count) {
+  const std::size_t done = CodeSumByteShuffles(tables, pixels, pixelBytes, sums, count);
+  CodeSumScalar(tables, pixels + done * pixelBytes, pixelBytes, sums + done, count - done);
+}
+#pragma GCC diagnostic pop
+#endif
+
 }  // namespace
+
+SRGBDecodeRowFunction SRGBRowDecoder8(cpu::Level level) {
+#if defined(IMAGERY_X86_64) && defined(__GNUC__)
+  if (cpu::HasByteShuffles(level))
+    return &DecodeSRGBRow;
+#endif
+  static_cast<void>(level);
+  return &DecodeSRGBScalar;
+}
+
+void ByteTables3::Split() {
+  for (int t = 0; t < 3; ++t)
+    SplitBytes(values[t], planes[t]);
+}
+
+CodeSumRowFunction CodeSumRow8(cpu::Level level) {
+#if defined(IMAGERY_X86_64) && defined(__GNUC__)
+  if (cpu::HasByteShuffles(level))
+    return &CodeSumRow;
+#endif
+  static_cast<void>(level);
+  return &CodeSumScalar;
+}
 
 SRGBRowFunction<unsigned char> SRGBRowEncoder8(cpu::Level level) {
   return SRGBRowEncoder<unsigned char>(level);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "cpu/cpu_level.h"
 #include "imagery/export.h"
@@ -16,5 +17,26 @@ using SRGBRowFunction = void (*)(const float* linear, Code* codes, std::size_t c
 // row (its vector part, then the rest value by value). The ranges may not overlap.
 IMAGERY_API SRGBRowFunction<unsigned char> SRGBRowEncoder8(cpu::Level level);
 IMAGERY_API SRGBRowFunction<unsigned short> SRGBRowEncoder16(cpu::Level level);
+
+// 8-bit sRGB codes to linear light, each value that of the decode table (DecodeChannel8 with the sRGB
+// gamma). The ranges may not overlap.
+using SRGBDecodeRowFunction = void (*)(const unsigned char* codes, float* linear, std::size_t count);
+IMAGERY_API SRGBDecodeRowFunction SRGBRowDecoder8(cpu::Level level);
+
+// Three tables of 256 floats, each also split into its four bytes (least significant first) for the
+// kernels that look values up by byte shuffles instead of loads.
+struct ByteTables3 {
+  float values[3][256];
+  alignas(64) std::uint8_t planes[3][4][256];
+
+  // Splits `values` into `planes`; call after filling or changing the values.
+  IMAGERY_API void Split();
+};
+
+// For `count` pixels of `pixelBytes` (3 or 4) bytes from `pixels`, the sum
+// (values[0][byte 2] + values[1][byte 1]) + values[2][byte 0] in that order, as floats.
+using CodeSumRowFunction = void (*)(const ByteTables3& tables, const unsigned char* pixels,
+                                    std::size_t pixelBytes, float* sums, std::size_t count);
+IMAGERY_API CodeSumRowFunction CodeSumRow8(cpu::Level level);
 
 }  // namespace imagery::detail

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -256,6 +257,47 @@ void ExpectTablesMatchTheReference(int ulps) {
 TEST(GammaTables, DecodeTablesAndEncodersMatchTheReference) {
   ExpectTablesMatchTheReference<unsigned char>(48);
   ExpectTablesMatchTheReference<unsigned short>(3);
+}
+
+// The byte-table kernels at every level: decoded codes are DecodeChannel8's, code sums the three table
+// values added in order, for both pixel widths and for rows that end inside and after the vector part.
+TEST(GammaTables, ByteTableKernelsMatchThePerValueForms) {
+  std::mt19937 random(7);
+  std::vector<unsigned char> bytes(4 * 333);
+  for (std::size_t i = 0; i < bytes.size(); ++i)
+    bytes[i] = static_cast<unsigned char>(i < 256 ? i : random());
+  detail::ByteTables3 tables;
+  std::uniform_real_distribution<float> value(0.0f, 1.0f);
+  for (auto& run : tables.values)
+    for (float& v : run)
+      v = value(random);
+  tables.Split();
+  for (cpu::Level level : {cpu::Level::Scalar, cpu::Level::SSE2, cpu::Level::AVX2, cpu::Level::AVX512}) {
+    if (level > cpu::Detected())
+      continue;
+    SCOPED_TRACE(cpu::Name(level));
+    for (std::size_t start : {std::size_t{0}, std::size_t{3}}) {
+      for (std::size_t n : {std::size_t{70}, bytes.size() - start}) {
+        std::vector<float> linear(n + 1, -1.0f);
+        detail::SRGBRowDecoder8(level)(bytes.data() + start, linear.data(), n);
+        for (std::size_t i = 0; i < n; ++i)
+          ASSERT_EQ(Bits(linear[i]), Bits(DecodeChannel8(bytes[start + i], gamma::sRGB))) << start + i;
+        ASSERT_EQ(linear[n], -1.0f);
+      }
+      for (std::size_t pixelBytes : {std::size_t{3}, std::size_t{4}}) {
+        const std::size_t n = (bytes.size() - start) / pixelBytes;
+        std::vector<float> sums(n + 1, -1.0f);
+        detail::CodeSumRow8(level)(tables, bytes.data() + start, pixelBytes, sums.data(), n);
+        for (std::size_t i = 0; i < n; ++i) {
+          const unsigned char* p = bytes.data() + start + i * pixelBytes;
+          ASSERT_EQ(Bits(sums[i]),
+                    Bits((tables.values[0][p[2]] + tables.values[1][p[1]]) + tables.values[2][p[0]]))
+              << pixelBytes << " bytes, pixel " << i;
+        }
+        ASSERT_EQ(sums[n], -1.0f);
+      }
+    }
+  }
 }
 
 // Tables stay valid after more gammas than the cache holds have pushed theirs out, and threads asking at
