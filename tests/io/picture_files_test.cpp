@@ -263,22 +263,24 @@ TEST(IndexedPng, ReadsBackAsItsPaletteColoursAndRefusesWhatItCannotHold) {
   EXPECT_EQ(Listing(folder.path), std::vector<std::string>{"indexed.png"});
 }
 
+// A TIFF of contiguous samples opened for writing with libtiff.
+TIFF* OpenTiff(const std::filesystem::path& path, const char* mode, int width, int height, int bits,
+               int samples, int photometric) {
+  TIFF* tiff = TIFFOpen(path.c_str(), mode);
+  EXPECT_NE(tiff, nullptr);
+  TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, width);
+  TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, height);
+  TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, bits);
+  TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, samples);
+  TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, photometric);
+  TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+  return tiff;
+}
+
 TEST(TiffReader, ReadsTiledBigEndianFilesAndFallsBackForPalettes) {
   TempFolder folder;
-  const auto open = [](const std::filesystem::path& path, const char* mode, int width, int height, int bits,
-                       int samples, int photometric) {
-    TIFF* tiff = TIFFOpen(path.c_str(), mode);
-    EXPECT_NE(tiff, nullptr);
-    TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, width);
-    TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, height);
-    TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, bits);
-    TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, samples);
-    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, photometric);
-    TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-    return tiff;
-  };
   const int width = 37, height = 21;  // partial tiles on both edges
-  TIFF* tiff = open(folder.path / "tiled.tif", "wb", width, height, 16, 3, PHOTOMETRIC_RGB);
+  TIFF* tiff = OpenTiff(folder.path / "tiled.tif", "wb", width, height, 16, 3, PHOTOMETRIC_RGB);
   ASSERT_NE(tiff, nullptr);
   TIFFSetField(tiff, TIFFTAG_TILEWIDTH, 16);
   TIFFSetField(tiff, TIFFTAG_TILELENGTH, 16);
@@ -300,7 +302,7 @@ TEST(TiffReader, ReadsTiledBigEndianFilesAndFallsBackForPalettes) {
         ASSERT_EQ(stored[0] << 8 | stored[1], sample(x, y, c)) << x << "," << y << "," << c;
       }
 
-  tiff = open(folder.path / "palette.tif", "w", 2, 1, 8, 1, PHOTOMETRIC_PALETTE);
+  tiff = OpenTiff(folder.path / "palette.tif", "w", 2, 1, 8, 1, PHOTOMETRIC_PALETTE);
   ASSERT_NE(tiff, nullptr);
   std::vector<std::uint16_t> red(256, 0), green(256, 0), blue(256, 0);
   red[1] = 0xFFFF;
@@ -447,27 +449,13 @@ TEST(HdrFiles, KeepValuesToTheSharedExponentsPrecision) {
   }
 }
 
-// Little-endian uncompressed TIFF of 8-bit grey whose single strip holds 16
-// bytes.
-std::string TiffPromising(std::uint32_t width, std::uint32_t height) {
-  std::string bytes("II*\0\x08\0\0\0", 8);
-  const auto put = [&bytes](std::uint32_t value, int size) {
-    for (int i = 0; i < size; ++i)
-      bytes.push_back(static_cast<char>(value >> (8 * i)));
-  };
-  const std::uint32_t entries[][3] = {{256, 4, width}, {257, 4, height}, {258, 3, 8},
-                                      {259, 3, 1},     {262, 3, 1},      {273, 4, 0},
-                                      {277, 3, 1},     {278, 4, height}, {279, 4, 16}};
-  const std::uint32_t count = std::size(entries);
-  put(count, 2);
-  for (const auto& entry : entries) {
-    put(entry[0], 2);
-    put(entry[1], 2);
-    put(1, 4);
-    put(entry[0] == 273 ? 8 + 2 + count * 12 + 4 : entry[2], 4);
-  }
-  put(0, 4);
-  return bytes + std::string(16, '\x80');
+// An 8-bit grey TIFF of `width` x `height` pixels in one strip that holds 16 bytes.
+std::string TiffPromising(const std::filesystem::path& path, int width, int height) {
+  TIFF* tiff = OpenTiff(path, "w", width, height, 8, 1, PHOTOMETRIC_MINISBLACK);
+  TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, height);
+  TIFFWriteRawStrip(tiff, 0, std::string(16, '\x80').data(), 16);
+  TIFFClose(tiff);
+  return FileBytes(path);
 }
 
 // A JPEG's frame header with its size fields, or its component count, replaced.
@@ -508,7 +496,7 @@ TEST(BadFiles, FailWithTheFileAndTheCauseAndLeaveTheImageAlone) {
       {"text.png", "hello\n", "not a picture"},
       {"huge.png", testing_support::PngPromising(60000, 60000), "cannot fit"},
       {"wide.png", testing_support::PngPromising(70000, 1), "IHDR"},
-      {"huge.tif", TiffPromising(60000, 60000), "cannot fit"},
+      {"huge.tif", TiffPromising(folder.path / "huge.tif", 60000, 60000), "cannot fit"},
       {"huge.jpg", JpegWithFrame(jpeg, 60000, 60000, jpeg[jpeg.find("\xFF\xC0") + 9]), "cannot fit"},
       {"huge.exr", FileBytes(folder.path / "huge.exr"), "cannot fit"},
       {"huge.hdr", "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 60000 +X 60000\n\x02\x02", "cannot fit"},
@@ -616,9 +604,6 @@ TEST(AtomicWrite, UnwritablePlacesAndUnknownFormatsNameTheFile) {
 TEST(SourceReader, LoadsOnceRereadsOnReloadAndConcurrentReadsOfEveryFormatAgree) {
   TempFolder folder;
   const Image colour = RandomImage(IT_RGBA16, 33, 17, gamma::sRGB, 13);
-  const Image written = RandomImage(IT_RGB8, 40, 30, gamma::sRGB, 11);
-  const auto shared = folder.path / "single.png";
-  ASSERT_TRUE(WritePicture(written, PathOf(shared)).IsOk());
   std::vector<std::filesystem::path> files;
   std::vector<std::string> expected;
   for (const char* extension : {"png", "jpg", "exr", "tif", "hdr"}) {
@@ -630,19 +615,20 @@ TEST(SourceReader, LoadsOnceRereadsOnReloadAndConcurrentReadsOfEveryFormatAgree)
   int extra = 0;
   ReadOptions reload;
   reload.bypassReaderCache = true;
+  const ZELPath shared = PathOf(files[0]);
   Image first, second, grey, reloaded, missing;
-  ASSERT_TRUE(first.ReadFromSource(PathOf(shared), IT_RGB8, extra, ReadOptions()).IsOk());
-  ASSERT_TRUE(second.ReadFromSource(PathOf(shared), IT_UNDEFINED, extra, ReadOptions()).IsOk());
-  ASSERT_TRUE(grey.ReadFromSource(PathOf(shared), IT_Grayscale8, extra, ReadOptions()).IsOk());
-  ASSERT_TRUE(reloaded.ReadFromSource(PathOf(shared), IT_RGB8, extra, reload).IsOk());
+  ASSERT_TRUE(first.ReadFromSource(shared, IT_RGBA16, extra, ReadOptions()).IsOk());
+  ASSERT_TRUE(second.ReadFromSource(shared, IT_UNDEFINED, extra, ReadOptions()).IsOk());
+  ASSERT_TRUE(grey.ReadFromSource(shared, IT_Grayscale8, extra, ReadOptions()).IsOk());
+  ASSERT_TRUE(reloaded.ReadFromSource(shared, IT_RGBA16, extra, reload).IsOk());
   const Image before(missing);
   const zel::ErrorCode failure =
       missing.ReadFromSource(PathOf(folder.path / "gone.png"), IT_RGB8, extra, ReadOptions());
-  EXPECT_EQ(PixelBytes(first), PixelBytes(written));
+  EXPECT_EQ(PixelBytes(first), expected[0]);
   EXPECT_EQ(second.GetImpl(), first.GetImpl());
   EXPECT_EQ(grey.ImageType(), IT_Grayscale8);
   EXPECT_NE(reloaded.GetImpl(), first.GetImpl());
-  EXPECT_EQ(PixelBytes(reloaded), PixelBytes(written));
+  EXPECT_EQ(PixelBytes(reloaded), expected[0]);
   EXPECT_NE(failure.Message().find("gone.png"), std::string::npos) << failure.ToString();
   EXPECT_EQ(missing.GetImpl(), before.GetImpl());
 
