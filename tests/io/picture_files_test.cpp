@@ -1,7 +1,6 @@
-// Picture files: lossless round trips of every layout, files written by the
-// codec libraries themselves (palettes, low bit depths, transparency chunks,
-// tiles, big-endian TIFF, half-float EXR), gamma, bad and hostile files, atomic
-// writes, the installed source reader and the sibling channel files.
+// Picture files: lossless round trips of every layout, files written by the codec libraries themselves
+// (palettes, low bit depths, transparency chunks, tiles, big-endian TIFF, half-float EXR), gamma, bad and
+// hostile files, atomic writes, the installed source reader and the sibling channel files.
 #include <gtest/gtest.h>
 
 #include <ImfChannelList.h>
@@ -115,8 +114,7 @@ TEST_P(LosslessRoundTrip, GivesBackTheStoredBytesFormatAndGamma) {
     ASSERT_EQ(read.Height(), height);
     EXPECT_EQ(PixelBytes(read), PixelBytes(written));
     EXPECT_EQ(read.FilePath(), PathOf(file));
-    // PNG records the gamma; TIFF integer files get the input gamma; float
-    // pixels are linear.
+    // PNG records the gamma; TIFF integer files get the input gamma; float pixels are linear.
     const bool png = std::string(param.extension) == "png";
     EXPECT_EQ(read.GetGamma().Value(), IsFloat(param.type) ? 1.0f : png ? param.gamma : 1.8f);
 
@@ -131,8 +129,8 @@ TEST_P(LosslessRoundTrip, GivesBackTheStoredBytesFormatAndGamma) {
   }
 }
 
-// Every integer layout in PNG and TIFF and every float one in TIFF and OpenEXR; PNG files record gammas
-// of each kind, TIFF ones the default.
+// Every integer layout in PNG and TIFF and every float one in TIFF and OpenEXR; PNG files record gammas of
+// each kind, TIFF ones the default.
 std::vector<RoundTripCase> EveryLayout() {
   std::vector<RoundTripCase> cases;
   for (const EImageType type : {IT_Grayscale8, IT_Grayscale16, IT_RGB8, IT_RGB16, IT_RGBA8, IT_RGBA16})
@@ -341,8 +339,7 @@ TEST(ExrReader, HalfChannelsGreyWithAlphaAndOffsetWindowsBecomeFloats) {
             (std::vector<float>{0.25f, 0.25f, 0.25f, 1.0f, 3.5f, 3.5f, 3.5f, 0.5f}));
 }
 
-// A smooth picture: JPEG keeps it within a few codes, and the quality option
-// changes the file.
+// A smooth picture: JPEG keeps it within a few codes, and the quality option changes the file.
 TEST(JpegFiles, KeepSmoothPicturesCloseAndQualityTradesSize) {
   TempFolder folder;
   for (const EImageType type : {IT_RGB8, IT_Grayscale8}) {
@@ -373,9 +370,8 @@ TEST(JpegFiles, KeepSmoothPicturesCloseAndQualityTradesSize) {
   }
 }
 
-// A progressive grey JPEG written by libjpeg, with its usual scans or with
-// every coefficient refined bit by bit (317 scans, each a pass over the whole
-// picture).
+// A progressive grey JPEG written by libjpeg, with its usual scans or with every coefficient refined bit by
+// bit (317 scans, each a pass over the whole picture).
 std::string ProgressiveJpeg(bool manyScans) {
   std::vector<jpeg_scan_info> scans = {{1, {0}, 0, 0, 0, 1}, {1, {0}, 0, 0, 1, 0}};
   for (int k = 1; k < 64; ++k) {
@@ -441,8 +437,7 @@ TEST(HdrFiles, KeepValuesToTheSharedExponentsPrecision) {
         image.GetPixelRGB(x, y, a, ATO_None);
         read.GetPixelRGB(x, y, b, ATO_None);
         const float largest = std::max({a.r, a.g, a.b});
-        // Every channel shares the largest one's exponent: two mantissa steps
-        // of it.
+        // Every channel shares the largest one's exponent: two mantissa steps of it.
         for (const auto& [u, v] : {std::pair{a.r, b.r}, {a.g, b.g}, {a.b, b.b}})
           ASSERT_NEAR(u, v, largest * 2.0f / 128.0f) << x << "," << y;
       }
@@ -469,8 +464,7 @@ std::string JpegWithFrame(std::string jpeg, std::uint16_t width, std::uint16_t h
   return jpeg;
 }
 
-// Every bad file leaves the image as it was and names itself and the cause in
-// the message.
+// Every bad file leaves the image as it was and names itself and the cause in the message.
 TEST(BadFiles, FailWithTheFileAndTheCauseAndLeaveTheImageAlone) {
   TempFolder folder;
   const Image sample = RandomImage(IT_RGB8, 61, 47, gamma::sRGB, 7);
@@ -481,8 +475,7 @@ TEST(BadFiles, FailWithTheFileAndTheCauseAndLeaveTheImageAlone) {
     written.emplace_back(extension, FileBytes(file));
   }
   {
-    // An OpenEXR header of 60000 x 60000 whose file holds the offset table and
-    // no pixels.
+    // An OpenEXR header of 60000 x 60000 whose file holds the offset table and no pixels.
     Imf::Header header(60000, 60000);
     header.channels().insert("Y", Imf::Channel(Imf::HALF));
     Imf::OutputFile unfinished((folder.path / "huge.exr").c_str(), header);
@@ -545,8 +538,7 @@ TEST(AtomicWrite, NeverLeavesPartFilesNorDamagesTheExistingOne) {
   EXPECT_NE(exists.Message().find("kept.png: the file exists"), std::string::npos) << exists.Message();
   EXPECT_EQ(FileBytes(file), original);
 
-  // A write that fails half-way (the file size limit stops it) keeps the old
-  // file.
+  // A write that fails half-way (the file size limit stops it) keeps the old file.
   const Image large = RandomImage(IT_RGBA16, 300, 300, gamma::sRGB, 5);
   rlimit saved{};
   getrlimit(RLIMIT_FSIZE, &saved);
@@ -598,9 +590,8 @@ TEST(AtomicWrite, UnwritablePlacesAndUnknownFormatsNameTheFile) {
   EXPECT_EQ(Listing(folder.path), (std::vector<std::string>{"folder.png", "plain"}));
 }
 
-// The installed reader loads a file once through the image list and rereads it
-// when asked; hosts read many files at once, so every codec is also read on
-// several threads.
+// The installed reader loads a file once through the image list and rereads it when asked; hosts read many
+// files at once, so every codec is also read on several threads.
 TEST(SourceReader, LoadsOnceRereadsOnReloadAndConcurrentReadsOfEveryFormatAgree) {
   TempFolder folder;
   const Image colour = RandomImage(IT_RGBA16, 33, 17, gamma::sRGB, 13);
@@ -653,8 +644,7 @@ TEST(SourceReader, LoadsOnceRereadsOnReloadAndConcurrentReadsOfEveryFormatAgree)
   EXPECT_EQ(mismatches, std::vector<int>(4, 0));
 }
 
-// The sibling channel files of a material are found in a real folder whatever
-// their format.
+// The sibling channel files of a material are found in a real folder whatever their format.
 TEST(ChannelFiles, SiblingsAreFoundOnDiskForEveryExtension) {
   TempFolder folder;
   const Image colour = RandomImage(IT_RGB8, 8, 8, gamma::sRGB, 12);

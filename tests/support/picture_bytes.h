@@ -1,6 +1,5 @@
-// Files as bytes, for the picture-file and tool tests: paths, dumps of files
-// and of stored pixels, and hand-made PNG files whose header promises more than
-// they hold.
+// Files as bytes, for the picture-file and tool tests: paths, dumps of files and of stored pixels, and
+// hand-made PNG files whose header promises more than they hold.
 #pragma once
 
 #include <algorithm>
@@ -28,8 +27,7 @@ inline void WriteBytes(const std::filesystem::path& path, const std::string& byt
   std::ofstream(path, std::ios::binary) << bytes;
 }
 
-// The names in a folder, sorted; the captured outputs of a run of the tool are
-// left out.
+// The names in a folder, sorted; the captured outputs of a run of the tool are left out.
 inline std::vector<std::string> Listing(const std::filesystem::path& folder) {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
@@ -74,8 +72,8 @@ inline std::string PngChunk(const std::string& typeAndData) {
   return bytes;
 }
 
-// A PNG with the given header whose image data is `scanlines` (each row led by its filter byte) in a
-// stored zlib block; `chunks` (type and data each) go between the header and the image data.
+// A PNG with the given header whose image data is `scanlines` (each row led by its filter byte) in a stored
+// zlib block; `chunks` (type and data each) go between the header and the image data.
 inline std::string PngFile(std::uint32_t width, std::uint32_t height, int depth, int colourType,
                            int interlace, const std::string& scanlines,
                            const std::vector<std::string>& chunks = {}) {
