@@ -15,14 +15,14 @@
 namespace imagery {
 namespace {
 
-bool ProcessorFuses() {
-#if defined(__x86_64__) && defined(__GNUC__)
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("fma");
-#else
-  return false;
-#endif
-}
+class FusedCaller : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    __builtin_cpu_init();
+    if (!__builtin_cpu_supports("fma"))
+      GTEST_SKIP() << "no fused multiply-add on this processor";
+  }
+};
 
 // Random values made without a multiply and an add, which this file's flags would fuse differently from
 // one use to the next: a whole number of 1/20000 steps in [-0.1, 1.1].
@@ -38,9 +38,7 @@ std::uint32_t Bits(float f) {
 
 // Random bytes in every pixel of a plane of each format, read back through the library (Image getters,
 // out of line) and through inline typed and runtime cursors, for both kinds of conversion.
-TEST(FusedCaller, CursorReadsEqualTheLibrarysReads) {
-  if (!ProcessorFuses())
-    GTEST_SKIP() << "no fused multiply-add on this processor";
+TEST_F(FusedCaller, CursorReadsEqualTheLibrarysReads) {
   std::mt19937 random(7);
   for (int t = 0; t < IT_UNDEFINED; ++t) {
     const auto type = static_cast<EImageType>(t);
@@ -97,11 +95,8 @@ TEST(FusedCaller, CursorReadsEqualTheLibrarysReads) {
 
 // Writes of random linear values through inline typed and runtime cursors give the bytes the library's
 // setters do.
-TEST(FusedCaller, CursorWritesEqualTheLibrarysWrites) {
-  if (!ProcessorFuses())
-    GTEST_SKIP() << "no fused multiply-add on this processor";
+TEST_F(FusedCaller, CursorWritesEqualTheLibrarysWrites) {
   std::mt19937 random(11);
-  const auto value = [](std::mt19937& r) { return RandomValue(r); };
   for (int t = 0; t < IT_UNDEFINED; ++t) {
     const auto type = static_cast<EImageType>(t);
     for (GammaValue gamma : {gamma::sRGB, gamma::Linear, GammaValue(1.8f)}) {
@@ -114,8 +109,8 @@ TEST(FusedCaller, CursorWritesEqualTheLibrarysWrites) {
         for (int y = 0; y < 2; ++y) {
           cursor.MoveTo(0, y);
           for (int x = 0; x < 41; ++x, cursor.Next()) {
-            const LinearRGB_T<float> c(value(random), value(random), value(random));
-            const float a = value(random);
+            const LinearRGB_T<float> c(RandomValue(random), RandomValue(random), RandomValue(random));
+            const float a = RandomValue(random);
             if (y == 0) {
               viaLibrary.SetPixelRGBA(x, y, LinearRGBA_T<float>(c, a), ATO_None);
               cursor.SetPixelRGBA(c, a);
@@ -141,9 +136,7 @@ TEST(FusedCaller, CursorWritesEqualTheLibrarysWrites) {
 }
 
 // Transformations applied inline equal those the library applies when reading a pixel through them.
-TEST(FusedCaller, TransformationsAndNormalsEqualTheLibrarys) {
-  if (!ProcessorFuses())
-    GTEST_SKIP() << "no fused multiply-add on this processor";
+TEST_F(FusedCaller, TransformationsAndNormalsEqualTheLibrarys) {
   Image image(256, 1, IT_RGB32f, gamma::Linear);
   image.SetExposure(0.37f);
   image.SetContrast(0.61f);

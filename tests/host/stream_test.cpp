@@ -262,7 +262,7 @@ void ExpectRawStreamForm(const Value& value) {
   EXPECT_TRUE(kept == value && truncated.Tell() == 0u);
 }
 
-TEST(MD5, PublishedVectorsInOneGoAndInPieces) {
+TEST(MD5, PublishedVectorsInOneGoAndInPiecesTextInUpperCaseAndRawStreamForm) {
   for (const auto& [text, hex] : kVectors) {
     const std::string input(text);
     EXPECT_EQ(ComputeMD5(input.data(), input.size()).ToHex(true), hex) << '"' << input << '"';
@@ -276,15 +276,11 @@ TEST(MD5, PublishedVectorsInOneGoAndInPieces) {
     md5_finish(&state, bytes);
     EXPECT_EQ(MD5digest(bytes).ToHex(true), hex) << '"' << input << '"';
   }
+  EXPECT_EQ(ComputeMD5("abc", 3).ToHex(), "900150983CD24FB0D6963F7D28E17F72");
+  ExpectRawStreamForm(ComputeMD5("abc", 3));
 }
 
-TEST(MD5Digest, TextIsUpperCaseHexByDefaultAndStreamFormIsTheRawBytes) {
-  const MD5digest digest = ComputeMD5("abc", 3);
-  EXPECT_EQ(digest.ToHex(), "900150983CD24FB0D6963F7D28E17F72");
-  ExpectRawStreamForm(digest);
-}
-
-TEST(PermUID, IdsMadeConcurrentlyAreNeverNullAndNeverCollide) {
+TEST(PermUID, IdsMadeConcurrentlyNeverCollideTextIsUpperCaseHexAndStreamFormIsTheRawBytes) {
   EXPECT_TRUE(PermUID(0).IsNull() && PermUID(2).IsNull()) << "only the generation state makes a new id";
   constexpr int kThreads = 8, kPerThread = 20000;
   std::vector<PermUID> made(kThreads * kPerThread + 1);  // the last stays null: it counts as taken
@@ -297,10 +293,8 @@ TEST(PermUID, IdsMadeConcurrentlyAreNeverNullAndNeverCollide) {
   for (std::thread& thread : threads)
     thread.join();
   EXPECT_EQ(std::set<PermUID>(made.begin(), made.end()).size(), made.size());
-}
 
-TEST(PermUID, TextIsUpperCaseHexAndStreamFormIsTheRawBytes) {
-  const PermUID id = PermUID::Generate();
+  const PermUID& id = made[0];
   char expected[2 * PermUID::kSize + 1];
   for (std::size_t i = 0; i < PermUID::kSize; ++i)
     std::snprintf(expected + 2 * i, 3, "%02X", id.GetBytes()[i]);

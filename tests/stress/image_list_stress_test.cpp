@@ -1,8 +1,7 @@
-// The image list under the load a host puts on it: worker threads load, convert through the list,
-// reload, replace, copy and drop handles on a shared set of files while another thread rewrites them.
-// Every version of every file is one constant colour, so a pixel read from any handle at any time must
-// belong to a whole version: a torn, half-converted or freed image shows up as a second colour, a
-// colour no version has, or a sanitizer report. Runs for IMAGERY_STRESS_SECONDS (2 by default).
+// The image list under a host's load: workers load, convert, reload, replace, copy and drop handles on
+// files another thread rewrites. Every version of a file is one grey, so a torn, half-converted or freed
+// image shows as a second colour, a colour of no version, or a sanitizer report. Runs for
+// IMAGERY_STRESS_SECONDS (2 by default).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -106,8 +105,7 @@ class VersionFiles {
 
 double StressSeconds() {
   const char* text = std::getenv("IMAGERY_STRESS_SECONDS");
-  const double seconds = text != nullptr ? std::atof(text) : 0.0;
-  return seconds > 0 ? seconds : 2.0;
+  return text != nullptr && std::atof(text) > 0 ? std::atof(text) : 2.0;
 }
 
 TEST(ImageListStress, ConcurrentLoadsConversionsReloadsAndRewritesOnlyEverShowWholeVersions) {
