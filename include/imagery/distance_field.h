@@ -75,11 +75,17 @@ class IMAGERY_API DistanceField {
   struct FreeDeleter {
     void operator()(void* p) const { std::free(p); }
   };
+  // Distances live in plane memory (see plane_memory.h): a large field is huge-page backed, and the
+  // block of a field just destroyed serves the next one without page faults.
+  struct PlaneDeleter {
+    std::size_t bytes;
+    void operator()(std::uint32_t* p) const;
+  };
 
   bool anyDefined_ = false;
   int width_ = 0;
   int height_ = 0;
-  std::unique_ptr<std::uint32_t[]> distances_;
+  std::unique_ptr<std::uint32_t[], PlaneDeleter> distances_;
   // The picked pixel's linear index plus one, 0 while unknown. The array comes zeroed from the system
   // (calloc), so only the pages of pixels actually picked ever cost memory; a dilation picks only along
   // the edges of the defined region.

@@ -3,16 +3,28 @@
 #include "imagery/distance_field.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <new>
+#include <thread>
 #include <vector>
 
 #include "imagery/image.h"
 #include "imagery/pixel_access.h"
+#include "imagery/plane_memory.h"
+#include "imagery_host/scheduler.h"
 
 namespace imagery {
 
 namespace {
+
+// Fields smaller than this are built on the calling thread alone: handing rows between threads would
+// cost more than it saves.
+constexpr std::int64_t kParallelFrom = 4096;
+// The mask rows that the predicate may run ahead of the forward pass: enough to ride out a stall of
+// either thread, few enough to stay in the cache.
+constexpr std::size_t kRingBytes = 65536;
 
 // a + k saturating at kUnreachedDistance, without a branch so that whole rows vectorise.
 template <std::uint32_t K>
@@ -20,73 +32,259 @@ inline std::uint32_t Plus(std::uint32_t a) {
   return std::min(a, kUnreachedDistance - K) + K;
 }
 
-// The best of the three candidates from the neighbouring row (above in the forward pass, below in the
-// backward one) for every pixel of a row, starting from `start` (the pixel's own value or "none").
-void RowCandidates(const std::uint32_t* neighbourRow, int width, std::uint32_t* candidates) {
-  for (int x = 0; x < width; ++x)
+// Folds into candidates[x0, x1) the three candidates from the neighbouring row (above in the forward
+// pass, below in the backward one); both arrays are indexed by column.
+void RowCandidates(const std::uint32_t* neighbourRow, int width, int x0, int x1, std::uint32_t* candidates) {
+  for (int x = x0; x < x1; ++x)
     candidates[x] = std::min(candidates[x], Plus<3>(neighbourRow[x]));
-  for (int x = 1; x < width; ++x)
+  for (int x = std::max(x0, 1); x < x1; ++x)
     candidates[x] = std::min(candidates[x], Plus<4>(neighbourRow[x - 1]));
-  for (int x = 0; x + 1 < width; ++x)
+  const int last = std::min(x1, width - 1);
+  for (int x = x0; x < last; ++x)
     candidates[x] = std::min(candidates[x], Plus<4>(neighbourRow[x + 1]));
 }
-
-}  // namespace
 
 // Both passes run a row at a time: the candidates from the finished neighbouring row are independent
 // of each other and vectorise, and what is left is the chain along the row, d[x] = min(c[x], d[x-1] + 3).
 // Written as g[x] = d[x] - 3x, that chain is a running minimum, g[x] = min(c[x] - 3x, g[x-1]): one
 // dependent operation per pixel instead of an add, a saturation and a minimum. In 64 bits nothing
 // overflows, and d[x] <= c[x] keeps every result at or below kUnreachedDistance, so the saturating sums
-// of the pixel-by-pixel definition give the same values.
+// of the pixel-by-pixel definition give the same values. The running minimum at any column is that
+// column's result plus its offset, so a row can be finished in pieces, each starting from the result
+// of the piece before it.
+void ForwardRow(const std::uint32_t* above, const unsigned char* defined, int width,
+                std::uint32_t* candidates, std::uint32_t* row) {
+  std::fill(candidates, candidates + width, kUnreachedDistance);
+  if (above != nullptr)
+    RowCandidates(above, width, 0, width, candidates);
+  std::int64_t running = INT64_MAX;
+  for (int x = 0; x < width; ++x) {
+    const std::int64_t offset = 3 * static_cast<std::int64_t>(x);
+    const std::int64_t own = defined[x] ? 0 : candidates[x];
+    running = std::min(running, own - offset);
+    row[x] = static_cast<std::uint32_t>(running + offset);
+  }
+}
+
+// The backward pass over columns [x0, x1) of a row whose columns from x1 on are final, as are columns
+// x0 - 1 to x1 of the row below (null for the last row). Defined pixels need no test: their 0 is the
+// smallest candidate there is.
+void BackwardPiece(std::uint32_t* row, const std::uint32_t* below, int width, int x0, int x1,
+                   std::uint32_t* candidates) {
+  std::copy(row + x0, row + x1, candidates + x0);
+  if (below != nullptr)
+    RowCandidates(below, width, x0, x1, candidates);
+  std::int64_t running = x1 < width ? row[x1] + 3 * static_cast<std::int64_t>(x1) : INT64_MAX;
+  for (int x = x1 - 1; x >= x0; --x) {
+    const std::int64_t offset = 3 * static_cast<std::int64_t>(x);
+    running = std::min(running, candidates[x] + offset);
+    row[x] = static_cast<std::uint32_t>(running - offset);
+  }
+}
+
+// One job that a worker of the host's pool may do beside the calling thread. Whoever claims it first
+// does it: the worker when its task starts, or the caller when it would otherwise wait for a job nobody
+// runs (no free worker, a job thread limit of 1). The job refers to the caller's frame, so the caller
+// leaves only once the task has finished; leaving early (an exception) tells a running job to stop
+// waiting. The job itself must not throw: the caller could not learn of it.
+class Companion {
+ public:
+  explicit Companion(bool wanted) : wanted_(wanted && tools::GetJobThreadLimit() != 1) {}
+  Companion(const Companion&) = delete;
+  Companion& operator=(const Companion&) = delete;
+  ~Companion() {
+    stop_.store(true, std::memory_order_relaxed);
+    Finish();
+  }
+
+  bool Started() const { return task_ != nullptr; }
+
+  template <class Job>
+  void Start(Job job) {
+    if (!wanted_)
+      return;
+    task_ = std::make_shared<tools::GenericFunctionTask<true>>([this, job]() mutable {
+      if (Claim(kWorker))
+        job();
+    });
+    tools::GetScheduler<tools::SchedulerType::Default>().AddTask(task_);
+  }
+
+  // True when the caller now owns the job (no worker had begun it): it must do the work itself.
+  bool ClaimForCaller() { return Started() && Claim(kCaller); }
+
+  // Returns once ready() holds, or false at once when the caller has left.
+  template <class Ready>
+  bool WaitUntil(Ready ready) const {
+    for (int spins = 0; !ready(); ++spins) {
+      if (stop_.load(std::memory_order_relaxed))
+        return false;
+      if (spins >= 64)
+        std::this_thread::yield();
+    }
+    return true;
+  }
+
+  // Returns once the task has finished; if no worker took it, runs it here (the job then runs on this
+  // thread unless the caller claimed it).
+  void Finish() {
+    if (!task_)
+      return;
+    tools::ProcessOrSleep(task_, true);
+    while (!task_->IsFinished())
+      std::this_thread::yield();
+    task_.reset();
+  }
+
+ private:
+  static constexpr int kNobody = 0, kWorker = 1, kCaller = 2;
+
+  bool Claim(int who) {
+    int expected = kNobody;
+    return owner_.compare_exchange_strong(expected, who, std::memory_order_acq_rel);
+  }
+
+  bool wanted_;
+  std::atomic<int> owner_{kNobody};
+  std::atomic<bool> stop_{false};
+  std::shared_ptr<tools::GenericFunctionTask<true>> task_;
+};
+
+// Calls the predicate for every row on this thread while a worker runs the forward pass a row or more
+// behind, the rows' answers handed over through a ring of mask rows. Returns whether any pixel is
+// defined.
+bool ForwardPass(const std::function<bool(int, int)>& isDefined, std::uint32_t* distances, int width,
+                 int height) {
+  const auto rowOf = [distances, width](int y) { return distances + static_cast<std::int64_t>(y) * width; };
+  const bool parallel = height > 1 && static_cast<std::int64_t>(width) * height >= kParallelFrom;
+  const int ringRows =
+      parallel ? static_cast<int>(std::clamp<std::size_t>(kRingBytes / static_cast<std::size_t>(width), 2,
+                                                          static_cast<std::size_t>(height)))
+               : 1;
+  std::vector<unsigned char> ring(static_cast<std::size_t>(ringRows) * static_cast<std::size_t>(width));
+  std::vector<std::uint32_t> candidates(static_cast<std::size_t>(width));
+  std::vector<std::uint32_t> workerCandidates(parallel ? static_cast<std::size_t>(width) : 0);
+  const auto forwardRow = [&](int y, std::uint32_t* scratch) {
+    const unsigned char* defined = ring.data() + static_cast<std::size_t>(y % ringRows) * width;
+    ForwardRow(y > 0 ? rowOf(y - 1) : nullptr, defined, width, scratch, rowOf(y));
+  };
+  std::atomic<int> produced{0}, consumed{0};
+
+  Companion companion(parallel);
+  companion.Start([&] {
+    for (int y = 0; y < height; ++y) {
+      if (!companion.WaitUntil([&] { return produced.load(std::memory_order_acquire) > y; }))
+        return;
+      forwardRow(y, workerCandidates.data());
+      consumed.store(y + 1, std::memory_order_release);
+    }
+  });
+
+  bool here = !companion.Started();
+  unsigned char anyDefined = 0;
+  for (int y = 0; y < height; ++y) {
+    if (!here && y - consumed.load(std::memory_order_acquire) >= ringRows) {
+      if (companion.ClaimForCaller()) {
+        // No worker came: the rows in the ring are this thread's to finish, and so is everything after.
+        here = true;
+        for (int done = consumed.load(std::memory_order_relaxed); done < y; ++done)
+          forwardRow(done, candidates.data());
+      } else {
+        companion.WaitUntil([&] { return y - consumed.load(std::memory_order_acquire) < ringRows; });
+      }
+    }
+    unsigned char* defined = ring.data() + static_cast<std::size_t>(y % ringRows) * width;
+    for (int x = 0; x < width; ++x)
+      defined[x] = isDefined(x, y) ? 1 : 0;
+    for (int x = 0; x < width; ++x)
+      anyDefined |= defined[x];
+    produced.store(y + 1, std::memory_order_release);
+    if (here)
+      forwardRow(y, candidates.data());
+  }
+  companion.Finish();
+  return anyDefined != 0;
+}
+
+// The backward pass, split at column m between two threads: this thread finishes the right part of
+// each row (columns from m), the worker the left part. A row's right part needs the row below complete
+// up to column m - 1, and its left part needs the row's own column m: the worker does column m - 1 of
+// each row first, so that the right part of the row above is held up by one pixel, not by a half row.
+void BackwardPass(std::uint32_t* distances, int width, int height) {
+  const auto rowOf = [distances, width](int y) { return distances + static_cast<std::int64_t>(y) * width; };
+  const auto belowOf = [&](int y) { return y + 1 < height ? rowOf(y + 1) : nullptr; };
+  std::vector<std::uint32_t> candidates(static_cast<std::size_t>(width));
+  const bool parallel = width > 1 && static_cast<std::int64_t>(width) * height >= kParallelFrom;
+  if (!parallel) {
+    for (int y = height - 1; y >= 0; --y)
+      BackwardPiece(rowOf(y), belowOf(y), width, 0, width, candidates.data());
+    return;
+  }
+
+  const int m = width / 2;
+  std::vector<std::uint32_t> workerCandidates(static_cast<std::size_t>(width));
+  // The lowest row whose right part is final, and the lowest whose column m - 1 is.
+  std::atomic<int> rightDone{height}, splitDone{height};
+  Companion companion(true);
+  const auto leftParts = [&](int from, int to, std::uint32_t* scratch, bool publish) {
+    for (int y = from; y >= to; --y) {
+      if (!companion.WaitUntil([&] { return rightDone.load(std::memory_order_acquire) <= y; }))
+        return;
+      BackwardPiece(rowOf(y), belowOf(y), width, m - 1, m, scratch);
+      if (publish)
+        splitDone.store(y, std::memory_order_release);
+      BackwardPiece(rowOf(y), belowOf(y), width, 0, m - 1, scratch);
+    }
+  };
+  companion.Start([&] { leftParts(height - 1, 0, workerCandidates.data(), true); });
+
+  bool alone = !companion.Started();
+  for (int y = height - 1; y >= 0; --y) {
+    if (alone) {
+      BackwardPiece(rowOf(y), belowOf(y), width, 0, width, candidates.data());
+      continue;
+    }
+    BackwardPiece(rowOf(y), belowOf(y), width, m + 1, width, candidates.data());
+    if (y + 1 < height && splitDone.load(std::memory_order_acquire) > y + 1) {
+      if (companion.ClaimForCaller()) {
+        // No worker came: the left parts of the rows below are still to do, then everything else.
+        alone = true;
+        BackwardPiece(rowOf(y), belowOf(y), width, m, m + 1, candidates.data());
+        rightDone.store(y, std::memory_order_relaxed);
+        leftParts(height - 1, y, candidates.data(), false);
+        continue;
+      }
+      companion.WaitUntil([&] { return splitDone.load(std::memory_order_acquire) <= y + 1; });
+    }
+    BackwardPiece(rowOf(y), belowOf(y), width, m, m + 1, candidates.data());
+    rightDone.store(y, std::memory_order_release);
+  }
+  companion.Finish();
+}
+
+}  // namespace
+
+void DistanceField::PlaneDeleter::operator()(std::uint32_t* p) const {
+  PlaneMemoryPolicy::Free(reinterpret_cast<unsigned char*>(p), bytes);
+}
+
+// The predicate's calls are a serial floor that the passes cannot go below, so the forward pass runs
+// beside them, and the backward pass, which must wait for the whole forward one, is shared out.
 DistanceField::DistanceField(const Image& image, std::function<bool(int, int)> isDefined)
     : width_(std::max(image.Width(), 0)), height_(std::max(image.Height(), 0)) {
   const std::size_t count = static_cast<std::size_t>(width_) * static_cast<std::size_t>(height_);
-  distances_.reset(new std::uint32_t[count > 0 ? count : 1]);
+  const std::size_t bytes = std::max<std::size_t>(count, 1) * sizeof(std::uint32_t);
+  distances_ = std::unique_ptr<std::uint32_t[], PlaneDeleter>(
+      reinterpret_cast<std::uint32_t*>(PlaneMemoryPolicy::Allocate(bytes, false)), PlaneDeleter{bytes});
+  if (!distances_)
+    throw std::bad_alloc();
   picks_.reset(static_cast<std::uint64_t*>(std::calloc(count > 0 ? count : 1, sizeof(std::uint64_t))));
   if (!picks_)
     throw std::bad_alloc();
   if (count == 0)
     return;
-
-  const int width = width_;
-  std::vector<std::uint32_t> candidates(static_cast<std::size_t>(width));
-  std::vector<unsigned char> defined(static_cast<std::size_t>(width));
-  bool anyDefined = false;
-
-  for (int y = 0; y < height_; ++y) {
-    for (int x = 0; x < width; ++x)
-      defined[static_cast<std::size_t>(x)] = isDefined(x, y) ? 1 : 0;
-    std::fill(candidates.begin(), candidates.end(), kUnreachedDistance);
-    if (y > 0)
-      RowCandidates(distances_.get() + static_cast<std::int64_t>(y - 1) * width, width, candidates.data());
-    std::uint32_t* row = distances_.get() + static_cast<std::int64_t>(y) * width;
-    std::int64_t running = INT64_MAX;
-    for (int x = 0; x < width; ++x) {
-      const std::int64_t offset = 3 * static_cast<std::int64_t>(x);
-      const std::int64_t own =
-          defined[static_cast<std::size_t>(x)] ? 0 : candidates[static_cast<std::size_t>(x)];
-      running = std::min(running, own - offset);
-      row[x] = static_cast<std::uint32_t>(running + offset);
-    }
-    for (int x = 0; x < width; ++x)
-      anyDefined |= defined[static_cast<std::size_t>(x)] != 0;
-  }
-
-  // Defined pixels need no test here: their 0 is the smallest candidate there is.
-  for (int y = height_ - 1; y >= 0; --y) {
-    std::uint32_t* row = distances_.get() + static_cast<std::int64_t>(y) * width;
-    std::copy(row, row + width, candidates.begin());
-    if (y + 1 < height_)
-      RowCandidates(row + width, width, candidates.data());
-    std::int64_t running = INT64_MAX;
-    for (int x = width - 1; x >= 0; --x) {
-      const std::int64_t offset = 3 * static_cast<std::int64_t>(x);
-      running = std::min(running, candidates[static_cast<std::size_t>(x)] + offset);
-      row[x] = static_cast<std::uint32_t>(running - offset);
-    }
-  }
-  anyDefined_ = anyDefined;
+  anyDefined_ = ForwardPass(isDefined, distances_.get(), width_, height_);
+  BackwardPass(distances_.get(), width_, height_);
 }
 
 DistanceField::~DistanceField() = default;

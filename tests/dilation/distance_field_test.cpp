@@ -4,15 +4,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <random>
+#include <stdexcept>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "imagery/distance_field.h"
 #include "imagery/image.h"
 #include "imagery/pixel_access.h"
+#include "imagery_host/scheduler.h"
 
 namespace imagery {
 namespace {
@@ -130,6 +135,64 @@ TEST(DistanceField, MatchesPlainTransformAndChamferMetric) {
         }
       }
     }
+  }
+}
+
+// Fields of a few thousand pixels and more are built by two threads, a worker running the forward pass
+// behind the predicate and sharing the backward one. Whatever the worker does, or if none comes (a limit
+// of one thread, or every worker busy), the distances are those of the plain transform.
+TEST(DistanceField, SharedPassesMatchPlainTransform) {
+  const std::pair<int, int> sizes[] = {{1, 5000}, {5000, 1}, {2, 2500}, {67, 71}, {129, 64}};
+  const auto check = [](const Mask& mask, const char* how) {
+    const std::vector<std::uint32_t> plain = PlainTwoPass(mask);
+    const DistanceField field = FieldOf(mask);
+    const int width = field.Width();
+    for (int y = 0; y < field.Height(); ++y)
+      for (int x = 0; x < width; ++x)
+        ASSERT_EQ(field.GetDistance(x, y), plain[static_cast<std::size_t>(y * width + x)])
+            << how << ", " << width << "x" << field.Height() << " at " << x << "," << y;
+  };
+  unsigned draw = 100;
+  for (const auto& [width, height] : sizes) {
+    std::vector<Mask> masks = {RandomMask(width, height, draw++, 0), RandomMask(width, height, draw++, 100),
+                               RandomMask(width, height, draw++, 1), RandomMask(width, height, draw++, 30)};
+    masks.push_back(masks[0]);
+    masks.back()[static_cast<std::size_t>(height / 2)][static_cast<std::size_t>(width / 3)] = true;
+    for (const Mask& mask : masks) {
+      check(mask, "shared");
+      {
+        tools::ScopedJobThreadLimit alone(1);
+        check(mask, "one thread");
+      }
+      // Every worker held up until the field is done: the calling thread must take both passes back.
+      tools::CScheduler& scheduler = tools::GetScheduler<tools::SchedulerType::Default>();
+      std::atomic<bool> release{false};
+      std::vector<std::shared_ptr<tools::GenericFunctionTask<false>>> blockers;
+      for (int i = 0; i < scheduler.GetWorkerCount(); ++i) {
+        blockers.push_back(std::make_shared<tools::GenericFunctionTask<false>>([&release] {
+          while (!release.load())
+            std::this_thread::yield();
+        }));
+        scheduler.AddTask(blockers.back());
+      }
+      check(mask, "workers busy");
+      release.store(true);
+      for (const auto& blocker : blockers)
+        blocker->WaitFinished();
+    }
+  }
+}
+
+// A predicate that throws part way leaves no worker waiting for rows that never come.
+TEST(DistanceField, ThrowingPredicateStopsTheWorker) {
+  for (int failAt : {0, 40, 99}) {
+    EXPECT_THROW(DistanceField(Image(100, 100, IT_Grayscale8, gamma::Linear),
+                               [failAt](int x, int y) -> bool {
+                                 if (y == failAt && x == 7)
+                                   throw std::runtime_error("no");
+                                 return x == y;
+                               }),
+                 std::runtime_error);
   }
 }
 
