@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 #include <new>
 #include <thread>
@@ -286,14 +284,8 @@ DistanceField::DistanceField(const Image& image, std::function<bool(int, int)> i
     throw std::bad_alloc();
   if (count == 0)
     return;
-  auto t0 = std::chrono::steady_clock::now();
   anyDefined_ = ForwardPass(isDefined, distances_.get(), width_, height_);
-  auto t1 = std::chrono::steady_clock::now();
   BackwardPass(distances_.get(), width_, height_);
-  auto t2 = std::chrono::steady_clock::now();
-  if (count > 1000000)
-    fprintf(stderr, "fwd %.1f bwd %.1f\n", std::chrono::duration<double>(t1 - t0).count() * 1e3,
-            std::chrono::duration<double>(t2 - t1).count() * 1e3);
 }
 
 DistanceField::~DistanceField() = default;
