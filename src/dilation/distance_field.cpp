@@ -10,10 +10,15 @@
 #include <thread>
 #include <vector>
 
+#include "cpu/cpu_level.h"
 #include "imagery/image.h"
 #include "imagery/pixel_access.h"
 #include "imagery/plane_memory.h"
 #include "imagery_host/scheduler.h"
+
+#if defined(IMAGERY_X86_64)
+#include <immintrin.h>
+#endif
 
 namespace imagery {
 
@@ -34,9 +39,21 @@ inline std::uint32_t Plus(std::uint32_t a) {
   return std::min(a, kUnreachedDistance - K) + K;
 }
 
-// Folds into candidates[x0, x1) the three candidates from the neighbouring row (above in the forward
-// pass, below in the backward one); both arrays are indexed by column.
-void RowCandidates(const std::uint32_t* neighbourRow, int width, int x0, int x1, std::uint32_t* candidates) {
+// The row kernels of both passes, chosen once per field by the processor level. Each AVX2 kernel gives
+// the same values as its plain twin: everything is unsigned integer minima and saturating sums.
+struct RowKernels {
+  // Folds into candidates[x0, x1) the three candidates from the neighbouring row (above in the forward
+  // pass, below in the backward one); both arrays are indexed by column.
+  void (*candidates)(const std::uint32_t* neighbourRow, int width, int x0, int x1, std::uint32_t* candidates);
+  // The chain along a row: row[x] = min(c[x], row[x - 1] + 3) for x = 0 .. width - 1 (forward), and
+  // row[x] = min(c[x], row[x + 1] + 3) for x = x1 - 1 down to x0, starting from row[x1] when x1 < width
+  // (backward).
+  void (*scanRight)(const std::uint32_t* c, int width, std::uint32_t* row);
+  void (*scanLeft)(const std::uint32_t* c, int width, int x0, int x1, std::uint32_t* row);
+};
+
+void PlainCandidates(const std::uint32_t* neighbourRow, int width, int x0, int x1,
+                     std::uint32_t* candidates) {
   for (int x = x0; x < x1; ++x)
     candidates[x] = std::min(candidates[x], Plus<3>(neighbourRow[x]));
   for (int x = std::max(x0, 1); x < x1; ++x)
@@ -46,42 +63,151 @@ void RowCandidates(const std::uint32_t* neighbourRow, int width, int x0, int x1,
     candidates[x] = std::min(candidates[x], Plus<4>(neighbourRow[x + 1]));
 }
 
-// Both passes run a row at a time: the candidates from the finished neighbouring row are independent
-// of each other and vectorise, and what is left is the chain along the row, d[x] = min(c[x], d[x-1] + 3).
-// Written as g[x] = d[x] - 3x, that chain is a running minimum, g[x] = min(c[x] - 3x, g[x-1]): one
+// Written as g[x] = d[x] - 3x, the chain is a running minimum, g[x] = min(c[x] - 3x, g[x - 1]): one
 // dependent operation per pixel instead of an add, a saturation and a minimum. In 64 bits nothing
 // overflows, and d[x] <= c[x] keeps every result at or below kUnreachedDistance, so the saturating sums
-// of the pixel-by-pixel definition give the same values. The running minimum at any column is that
-// column's result plus its offset, so a row can be finished in pieces, each starting from the result
-// of the piece before it.
-void ForwardRow(const std::uint32_t* above, const unsigned char* defined, int width,
-                std::uint32_t* candidates, std::uint32_t* row) {
-  std::fill(candidates, candidates + width, kUnreachedDistance);
-  if (above != nullptr)
-    RowCandidates(above, width, 0, width, candidates);
+// of the pixel-by-pixel definition give the same values.
+void PlainScanRight(const std::uint32_t* c, int width, std::uint32_t* row) {
   std::int64_t running = INT64_MAX;
   for (int x = 0; x < width; ++x) {
     const std::int64_t offset = 3 * static_cast<std::int64_t>(x);
-    const std::int64_t own = defined[x] ? 0 : candidates[x];
-    running = std::min(running, own - offset);
+    running = std::min(running, c[x] - offset);
     row[x] = static_cast<std::uint32_t>(running + offset);
   }
+}
+
+void PlainScanLeft(const std::uint32_t* c, int width, int x0, int x1, std::uint32_t* row) {
+  std::int64_t running = x1 < width ? row[x1] + 3 * static_cast<std::int64_t>(x1) : INT64_MAX;
+  for (int x = x1 - 1; x >= x0; --x) {
+    const std::int64_t offset = 3 * static_cast<std::int64_t>(x);
+    running = std::min(running, c[x] + offset);
+    row[x] = static_cast<std::uint32_t>(running - offset);
+  }
+}
+
+#if defined(IMAGERY_X86_64) && defined(__GNUC__)
+
+// min(a, MAX - k) + k lane by lane: the saturating sum.
+__attribute__((target("avx2"))) inline __m256i PlusAVX2(__m256i a, __m256i k) {
+  return _mm256_add_epi32(_mm256_min_epu32(a, _mm256_sub_epi32(_mm256_set1_epi32(-1), k)), k);
+}
+
+__attribute__((target("avx2"))) void CandidatesAVX2(const std::uint32_t* neighbourRow, int width, int x0,
+                                                    int x1, std::uint32_t* candidates) {
+  // Columns with both diagonal neighbours, eight at a time; the rest as the plain kernel does them.
+  const int from = std::max(x0, 1), to = std::min(x1, width - 1);
+  int x = from;
+  if (to - from >= 8) {
+    const __m256i three = _mm256_set1_epi32(3), four = _mm256_set1_epi32(4);
+    for (; x + 8 <= to; x += 8) {
+      __m256i best = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(candidates + x));
+      best = _mm256_min_epu32(
+          best, PlusAVX2(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(neighbourRow + x)), three));
+      best = _mm256_min_epu32(
+          best, PlusAVX2(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(neighbourRow + x - 1)), four));
+      best = _mm256_min_epu32(
+          best, PlusAVX2(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(neighbourRow + x + 1)), four));
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(candidates + x), best);
+    }
+  }
+  PlainCandidates(neighbourRow, width, x0, std::min(from, x1), candidates);
+  PlainCandidates(neighbourRow, width, std::max(x, x0), x1, candidates);
+}
+
+// Eight links of the chain at once, in three doubling steps (each lane takes the lane 1, 2, then 4
+// before it, plus 3, 6, 12), then the carry from the block before. The order of saturating minima
+// does not matter: every route gives min(c[j] + 3 |x - j|, kUnreachedDistance).
+__attribute__((target("avx2"))) void ScanRightAVX2(const std::uint32_t* c, int width, std::uint32_t* row) {
+  const __m256i none = _mm256_set1_epi32(-1);
+  const __m256i step1 = _mm256_setr_epi32(0, 0, 1, 2, 3, 4, 5, 6);
+  const __m256i step2 = _mm256_setr_epi32(0, 0, 0, 1, 2, 3, 4, 5);
+  const __m256i step4 = _mm256_setr_epi32(0, 0, 0, 0, 0, 1, 2, 3);
+  const __m256i ramp = _mm256_setr_epi32(3, 6, 9, 12, 15, 18, 21, 24);
+  const __m256i lastLane = _mm256_set1_epi32(7);
+  __m256i carry = none;
+  int x = 0;
+  for (; x + 8 <= width; x += 8) {
+    __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(c + x));
+    v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step1), none, 0x01),
+                                     _mm256_set1_epi32(3)));
+    v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step2), none, 0x03),
+                                     _mm256_set1_epi32(6)));
+    v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step4), none, 0x0F),
+                                     _mm256_set1_epi32(12)));
+    v = _mm256_min_epu32(v, PlusAVX2(carry, ramp));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(row + x), v);
+    carry = _mm256_permutevar8x32_epi32(v, lastLane);
+  }
+  std::uint32_t last = x > 0 ? row[x - 1] : kUnreachedDistance;
+  for (; x < width; ++x) {
+    last = std::min(c[x], Plus<3>(last));
+    row[x] = last;
+  }
+}
+
+__attribute__((target("avx2"))) void ScanLeftAVX2(const std::uint32_t* c, int width, int x0, int x1,
+                                                  std::uint32_t* row) {
+  const __m256i none = _mm256_set1_epi32(-1);
+  const __m256i step1 = _mm256_setr_epi32(1, 2, 3, 4, 5, 6, 7, 7);
+  const __m256i step2 = _mm256_setr_epi32(2, 3, 4, 5, 6, 7, 7, 7);
+  const __m256i step4 = _mm256_setr_epi32(4, 5, 6, 7, 7, 7, 7, 7);
+  const __m256i ramp = _mm256_setr_epi32(24, 21, 18, 15, 12, 9, 6, 3);
+  const __m256i firstLane = _mm256_setzero_si256();
+  std::uint32_t last = x1 < width ? row[x1] : kUnreachedDistance;
+  __m256i carry = _mm256_set1_epi32(static_cast<int>(last));
+  int x = x1;
+  for (; x - 8 >= x0; x -= 8) {
+    __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(c + x - 8));
+    v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step1), none, 0x80),
+                                     _mm256_set1_epi32(3)));
+    v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step2), none, 0xC0),
+                                     _mm256_set1_epi32(6)));
+    v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step4), none, 0xF0),
+                                     _mm256_set1_epi32(12)));
+    v = _mm256_min_epu32(v, PlusAVX2(carry, ramp));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(row + x - 8), v);
+    carry = _mm256_permutevar8x32_epi32(v, firstLane);
+  }
+  if (x < x1)
+    last = row[x];
+  for (--x; x >= x0; --x) {
+    last = std::min(c[x], Plus<3>(last));
+    row[x] = last;
+  }
+}
+
+#endif
+
+RowKernels ChooseRowKernels() {
+#if defined(IMAGERY_X86_64) && defined(__GNUC__)
+  if (cpu::Active() >= cpu::Level::AVX2)
+    return {&CandidatesAVX2, &ScanRightAVX2, &ScanLeftAVX2};
+#endif
+  return {&PlainCandidates, &PlainScanRight, &PlainScanLeft};
+}
+
+// Both passes run a row at a time: the candidates from the finished neighbouring row are independent
+// of each other, and what is left is the chain along the row. A row can be finished in pieces, each
+// starting from the result of the piece to its right.
+void ForwardRow(const RowKernels& kernels, const std::uint32_t* above, const unsigned char* defined,
+                int width, std::uint32_t* candidates, std::uint32_t* row) {
+  // A defined pixel's own 0, everything else unreached (defined holds 0 or 1).
+  for (int x = 0; x < width; ++x)
+    candidates[x] = static_cast<std::uint32_t>(defined[x]) - 1u;
+  if (above != nullptr)
+    kernels.candidates(above, width, 0, width, candidates);
+  kernels.scanRight(candidates, width, row);
 }
 
 // The backward pass over columns [x0, x1) of a row whose columns from x1 on are final, as are columns
 // x0 - 1 to x1 of the row below (null for the last row). Defined pixels need no test: their 0 is the
 // smallest candidate there is.
-void BackwardPiece(std::uint32_t* row, const std::uint32_t* below, int width, int x0, int x1,
-                   std::uint32_t* candidates) {
+void BackwardPiece(const RowKernels& kernels, std::uint32_t* row, const std::uint32_t* below, int width,
+                   int x0, int x1, std::uint32_t* candidates) {
   std::copy(row + x0, row + x1, candidates + x0);
   if (below != nullptr)
-    RowCandidates(below, width, x0, x1, candidates);
-  std::int64_t running = x1 < width ? row[x1] + 3 * static_cast<std::int64_t>(x1) : INT64_MAX;
-  for (int x = x1 - 1; x >= x0; --x) {
-    const std::int64_t offset = 3 * static_cast<std::int64_t>(x);
-    running = std::min(running, candidates[x] + offset);
-    row[x] = static_cast<std::uint32_t>(running - offset);
-  }
+    kernels.candidates(below, width, x0, x1, candidates);
+  kernels.scanLeft(candidates, width, x0, x1, row);
 }
 
 // One job that a worker of the host's pool may do beside the calling thread. Whoever claims it first
@@ -156,8 +282,8 @@ class Companion {
 // Calls the predicate for every row on this thread while a worker runs the forward pass a row or more
 // behind, the rows' answers handed over through a ring of mask rows. Returns whether any pixel is
 // defined.
-bool ForwardPass(const std::function<bool(int, int)>& isDefined, std::uint32_t* distances, int width,
-                 int height) {
+bool ForwardPass(const RowKernels& kernels, const std::function<bool(int, int)>& isDefined,
+                 std::uint32_t* distances, int width, int height) {
   const auto rowOf = [distances, width](int y) { return distances + static_cast<std::int64_t>(y) * width; };
   const bool parallel = height > 1 && static_cast<std::int64_t>(width) * height >= kParallelFrom &&
                         tools::GetJobThreadLimit() != 1;
@@ -170,7 +296,7 @@ bool ForwardPass(const std::function<bool(int, int)>& isDefined, std::uint32_t* 
   std::vector<std::uint32_t> workerCandidates(parallel ? static_cast<std::size_t>(width) : 0);
   const auto forwardRow = [&](int y, std::uint32_t* scratch) {
     const unsigned char* defined = ring.data() + static_cast<std::size_t>(y % ringRows) * width;
-    ForwardRow(y > 0 ? rowOf(y - 1) : nullptr, defined, width, scratch, rowOf(y));
+    ForwardRow(kernels, y > 0 ? rowOf(y - 1) : nullptr, defined, width, scratch, rowOf(y));
   };
   std::atomic<int> produced{0}, consumed{0};
 
@@ -216,7 +342,7 @@ bool ForwardPass(const std::function<bool(int, int)>& isDefined, std::uint32_t* 
 // parts, never waiting, and the worker follows a row or more behind with the left parts. The boundary
 // runs from a quarter of the width to three quarters, which balances the two, then starts again; only
 // there does this thread wait, once, for the worker to finish the row below.
-void BackwardPass(std::uint32_t* distances, int width, int height) {
+void BackwardPass(const RowKernels& kernels, std::uint32_t* distances, int width, int height) {
   const auto rowOf = [distances, width](int y) { return distances + static_cast<std::int64_t>(y) * width; };
   const auto belowOf = [&](int y) { return y + 1 < height ? rowOf(y + 1) : nullptr; };
   std::vector<std::uint32_t> candidates(static_cast<std::size_t>(width));
@@ -232,14 +358,14 @@ void BackwardPass(std::uint32_t* distances, int width, int height) {
     for (int y = height - 1; y >= 0; --y) {
       if (!companion.WaitUntil([&] { return rightDone.load(std::memory_order_acquire) <= y; }))
         return;
-      BackwardPiece(rowOf(y), belowOf(y), width, 0, boundary(y), workerCandidates.data());
+      BackwardPiece(kernels, rowOf(y), belowOf(y), width, 0, boundary(y), workerCandidates.data());
       leftDone.store(y, std::memory_order_release);
     }
   });
 
   const auto wholeRows = [&](int from) {
     for (int y = from; y >= 0; --y)
-      BackwardPiece(rowOf(y), belowOf(y), width, 0, width, candidates.data());
+      BackwardPiece(kernels, rowOf(y), belowOf(y), width, 0, width, candidates.data());
   };
   if (!companion.Started()) {
     wholeRows(height - 1);
@@ -251,13 +377,13 @@ void BackwardPass(std::uint32_t* distances, int width, int height) {
       if (companion.ClaimForCaller()) {
         // No worker came: the left parts below are still to do, then whole rows.
         for (int below = height - 1; below > y; --below)
-          BackwardPiece(rowOf(below), belowOf(below), width, 0, boundary(below), candidates.data());
+          BackwardPiece(kernels, rowOf(below), belowOf(below), width, 0, boundary(below), candidates.data());
         wholeRows(y);
         break;
       }
       companion.WaitUntil([&] { return leftDone.load(std::memory_order_acquire) <= y + 1; });
     }
-    BackwardPiece(rowOf(y), belowOf(y), width, boundary(y), width, candidates.data());
+    BackwardPiece(kernels, rowOf(y), belowOf(y), width, boundary(y), width, candidates.data());
     rightDone.store(y, std::memory_order_release);
   }
   companion.Finish();
@@ -284,8 +410,9 @@ DistanceField::DistanceField(const Image& image, std::function<bool(int, int)> i
     throw std::bad_alloc();
   if (count == 0)
     return;
-  anyDefined_ = ForwardPass(isDefined, distances_.get(), width_, height_);
-  BackwardPass(distances_.get(), width_, height_);
+  const RowKernels kernels = ChooseRowKernels();
+  anyDefined_ = ForwardPass(kernels, isDefined, distances_.get(), width_, height_);
+  BackwardPass(kernels, distances_.get(), width_, height_);
 }
 
 DistanceField::~DistanceField() = default;
