@@ -42,9 +42,11 @@ inline std::uint32_t Plus(std::uint32_t a) {
 // The row kernels of both passes, chosen once per field by the processor level. Each AVX2 kernel gives
 // the same values as its plain twin: everything is unsigned integer minima and saturating sums.
 struct RowKernels {
-  // Folds into candidates[x0, x1) the three candidates from the neighbouring row (above in the forward
-  // pass, below in the backward one); both arrays are indexed by column.
-  void (*candidates)(const std::uint32_t* neighbourRow, int width, int x0, int x1, std::uint32_t* candidates);
+  // candidates[x] for x in [x0, x1): the least of own[x] and the three candidates from the neighbouring
+  // row (above in the forward pass, below in the backward one). Arrays are indexed by column; own may
+  // be candidates.
+  void (*candidates)(const std::uint32_t* own, const std::uint32_t* neighbourRow, int width, int x0, int x1,
+                     std::uint32_t* candidates);
   // The chain along a row: row[x] = min(c[x], row[x - 1] + 3) for x = 0 .. width - 1 (forward), and
   // row[x] = min(c[x], row[x + 1] + 3) for x = x1 - 1 down to x0, starting from row[x1] when x1 < width
   // (backward).
@@ -52,10 +54,10 @@ struct RowKernels {
   void (*scanLeft)(const std::uint32_t* c, int width, int x0, int x1, std::uint32_t* row);
 };
 
-void PlainCandidates(const std::uint32_t* neighbourRow, int width, int x0, int x1,
+void PlainCandidates(const std::uint32_t* own, const std::uint32_t* neighbourRow, int width, int x0, int x1,
                      std::uint32_t* candidates) {
   for (int x = x0; x < x1; ++x)
-    candidates[x] = std::min(candidates[x], Plus<3>(neighbourRow[x]));
+    candidates[x] = std::min(own[x], Plus<3>(neighbourRow[x]));
   for (int x = std::max(x0, 1); x < x1; ++x)
     candidates[x] = std::min(candidates[x], Plus<4>(neighbourRow[x - 1]));
   const int last = std::min(x1, width - 1);
@@ -92,7 +94,8 @@ __attribute__((target("avx2"))) inline __m256i PlusAVX2(__m256i a, __m256i k) {
   return _mm256_add_epi32(_mm256_min_epu32(a, _mm256_sub_epi32(_mm256_set1_epi32(-1), k)), k);
 }
 
-__attribute__((target("avx2"))) void CandidatesAVX2(const std::uint32_t* neighbourRow, int width, int x0,
+__attribute__((target("avx2"))) void CandidatesAVX2(const std::uint32_t* own,
+                                                    const std::uint32_t* neighbourRow, int width, int x0,
                                                     int x1, std::uint32_t* candidates) {
   // Columns with both diagonal neighbours, eight at a time; the rest as the plain kernel does them.
   const int from = std::max(x0, 1), to = std::min(x1, width - 1);
@@ -100,7 +103,7 @@ __attribute__((target("avx2"))) void CandidatesAVX2(const std::uint32_t* neighbo
   if (to - from >= 8) {
     const __m256i three = _mm256_set1_epi32(3), four = _mm256_set1_epi32(4);
     for (; x + 8 <= to; x += 8) {
-      __m256i best = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(candidates + x));
+      __m256i best = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(own + x));
       best = _mm256_min_epu32(
           best, PlusAVX2(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(neighbourRow + x)), three));
       best = _mm256_min_epu32(
@@ -110,8 +113,8 @@ __attribute__((target("avx2"))) void CandidatesAVX2(const std::uint32_t* neighbo
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(candidates + x), best);
     }
   }
-  PlainCandidates(neighbourRow, width, x0, std::min(from, x1), candidates);
-  PlainCandidates(neighbourRow, width, std::max(x, x0), x1, candidates);
+  PlainCandidates(own, neighbourRow, width, x0, std::min(from, x1), candidates);
+  PlainCandidates(own, neighbourRow, width, std::max(x, x0), x1, candidates);
 }
 
 // Eight links of the chain at once, in three doubling steps (each lane takes the lane 1, 2, then 4
@@ -195,7 +198,7 @@ void ForwardRow(const RowKernels& kernels, const std::uint32_t* above, const uns
   for (int x = 0; x < width; ++x)
     candidates[x] = static_cast<std::uint32_t>(defined[x]) - 1u;
   if (above != nullptr)
-    kernels.candidates(above, width, 0, width, candidates);
+    kernels.candidates(candidates, above, width, 0, width, candidates);
   kernels.scanRight(candidates, width, row);
 }
 
@@ -204,9 +207,10 @@ void ForwardRow(const RowKernels& kernels, const std::uint32_t* above, const uns
 // smallest candidate there is.
 void BackwardPiece(const RowKernels& kernels, std::uint32_t* row, const std::uint32_t* below, int width,
                    int x0, int x1, std::uint32_t* candidates) {
-  std::copy(row + x0, row + x1, candidates + x0);
-  if (below != nullptr)
-    kernels.candidates(below, width, x0, x1, candidates);
+  if (below == nullptr)
+    std::copy(row + x0, row + x1, candidates + x0);
+  else
+    kernels.candidates(row, below, width, x0, x1, candidates);
   kernels.scanLeft(candidates, width, x0, x1, row);
 }
 
