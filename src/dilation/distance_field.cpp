@@ -117,9 +117,23 @@ __attribute__((target("avx2"))) void CandidatesAVX2(const std::uint32_t* own,
   PlainCandidates(own, neighbourRow, width, std::max(x, x0), x1, candidates);
 }
 
-// Eight links of the chain at once, in three doubling steps (each lane takes the lane 1, 2, then 4
-// before it, plus 3, 6, 12), then the carry from the block before. The order of saturating minima
-// does not matter: every route gives min(c[j] + 3 |x - j|, kUnreachedDistance).
+// Eight links of the chain at once, in three doubling steps: each lane takes the lane 1, 2, then 4
+// before it (in the direction of the chain; the step vectors pick it, the blend masks mark the lanes
+// that have none), plus 3, 6, 12. The order of saturating minima does not matter: every route gives
+// min(c[j] + 3 |x - j|, kUnreachedDistance).
+template <int Mask1, int Mask2, int Mask4>
+__attribute__((target("avx2"))) inline __m256i ChainOfEight(__m256i v, __m256i step1, __m256i step2,
+                                                            __m256i step4) {
+  const __m256i none = _mm256_set1_epi32(-1);
+  v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step1), none, Mask1),
+                                   _mm256_set1_epi32(3)));
+  v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step2), none, Mask2),
+                                   _mm256_set1_epi32(6)));
+  return _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step4), none, Mask4),
+                                      _mm256_set1_epi32(12)));
+}
+
+// Each block of eight, then the carry from the block before it.
 __attribute__((target("avx2"))) void ScanRightAVX2(const std::uint32_t* c, int width, std::uint32_t* row) {
   const __m256i none = _mm256_set1_epi32(-1);
   const __m256i step1 = _mm256_setr_epi32(0, 0, 1, 2, 3, 4, 5, 6);
@@ -131,12 +145,7 @@ __attribute__((target("avx2"))) void ScanRightAVX2(const std::uint32_t* c, int w
   int x = 0;
   for (; x + 8 <= width; x += 8) {
     __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(c + x));
-    v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step1), none, 0x01),
-                                     _mm256_set1_epi32(3)));
-    v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step2), none, 0x03),
-                                     _mm256_set1_epi32(6)));
-    v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step4), none, 0x0F),
-                                     _mm256_set1_epi32(12)));
+    v = ChainOfEight<0x01, 0x03, 0x0F>(v, step1, step2, step4);
     v = _mm256_min_epu32(v, PlusAVX2(carry, ramp));
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(row + x), v);
     carry = _mm256_permutevar8x32_epi32(v, lastLane);
@@ -150,7 +159,6 @@ __attribute__((target("avx2"))) void ScanRightAVX2(const std::uint32_t* c, int w
 
 __attribute__((target("avx2"))) void ScanLeftAVX2(const std::uint32_t* c, int width, int x0, int x1,
                                                   std::uint32_t* row) {
-  const __m256i none = _mm256_set1_epi32(-1);
   const __m256i step1 = _mm256_setr_epi32(1, 2, 3, 4, 5, 6, 7, 7);
   const __m256i step2 = _mm256_setr_epi32(2, 3, 4, 5, 6, 7, 7, 7);
   const __m256i step4 = _mm256_setr_epi32(4, 5, 6, 7, 7, 7, 7, 7);
@@ -161,12 +169,7 @@ __attribute__((target("avx2"))) void ScanLeftAVX2(const std::uint32_t* c, int wi
   int x = x1;
   for (; x - 8 >= x0; x -= 8) {
     __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(c + x - 8));
-    v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step1), none, 0x80),
-                                     _mm256_set1_epi32(3)));
-    v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step2), none, 0xC0),
-                                     _mm256_set1_epi32(6)));
-    v = _mm256_min_epu32(v, PlusAVX2(_mm256_blend_epi32(_mm256_permutevar8x32_epi32(v, step4), none, 0xF0),
-                                     _mm256_set1_epi32(12)));
+    v = ChainOfEight<0x80, 0xC0, 0xF0>(v, step1, step2, step4);
     v = _mm256_min_epu32(v, PlusAVX2(carry, ramp));
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(row + x - 8), v);
     carry = _mm256_permutevar8x32_epi32(v, firstLane);
