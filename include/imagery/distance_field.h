@@ -9,9 +9,11 @@
 // Ownership. The field owns its arrays (width x height distances and as many pick answers); it keeps
 // neither the image nor the predicate it was built from. It can be moved, not copied.
 //
-// Threads. Distances never change after construction and may be read from any number of threads at
-// once. GetColorToPickCoordinates remembers its answers inside the field although it is const: it must
-// not run on two threads at the same time on one field, nor beside anything else that picks.
+// Threads. Construction may borrow one worker of the host's pool for the passes (never for the
+// predicate); the distances are the same on any number of threads. Distances never change after
+// construction and may be read from any number of threads at once. GetColorToPickCoordinates remembers its
+// answers inside the field although it is const: it must not run on two threads at the same time on one
+// field, nor beside anything else that picks.
 //
 // Not checked: FillImageWithDistance expects an image of the field's size (it writes only the pixels the
 // two have in common), and DistanceRow expects 0 <= y < Height().
