@@ -9,9 +9,11 @@
 // Ownership. The field owns its arrays (width x height distances and as many pick answers); it keeps
 // neither the image nor the predicate it was built from. It can be moved, not copied.
 //
-// Threads. Distances never change after construction and may be read from any number of threads at
-// once. GetColorToPickCoordinates remembers its answers inside the field although it is const: it must
-// not run on two threads at the same time on one field, nor beside anything else that picks.
+// Threads. Construction may borrow one worker of the host's pool for the passes (never for the
+// predicate); the distances are the same on any number of threads. Distances never change after
+// construction and may be read from any number of threads at once. GetColorToPickCoordinates remembers its
+// answers inside the field although it is const: it must not run on two threads at the same time on one
+// field, nor beside anything else that picks.
 //
 // Not checked: FillImageWithDistance expects an image of the field's size (it writes only the pixels the
 // two have in common), and DistanceRow expects 0 <= y < Height().
@@ -75,11 +77,17 @@ class IMAGERY_API DistanceField {
   struct FreeDeleter {
     void operator()(void* p) const { std::free(p); }
   };
+  // Distances live in plane memory (see plane_memory.h): a large field is huge-page backed, and the
+  // block of a field just destroyed serves the next one without page faults.
+  struct PlaneDeleter {
+    std::size_t bytes;
+    void operator()(std::uint32_t* p) const;
+  };
 
   bool anyDefined_ = false;
   int width_ = 0;
   int height_ = 0;
-  std::unique_ptr<std::uint32_t[]> distances_;
+  std::unique_ptr<std::uint32_t[], PlaneDeleter> distances_;
   // The picked pixel's linear index plus one, 0 while unknown. The array comes zeroed from the system
   // (calloc), so only the pages of pixels actually picked ever cost memory; a dilation picks only along
   // the edges of the defined region.

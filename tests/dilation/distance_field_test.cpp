@@ -4,15 +4,21 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <random>
+#include <stdexcept>
+#include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "imagery/distance_field.h"
 #include "imagery/image.h"
 #include "imagery/pixel_access.h"
+#include "imagery_host/scheduler.h"
 
 namespace imagery {
 namespace {
@@ -28,140 +34,126 @@ Mask RandomMask(int width, int height, unsigned draw, int percentDefined) {
   return mask;
 }
 
+// Also checks that the predicate is called once per pixel, in row order, on the calling thread.
 DistanceField FieldOf(const Mask& mask) {
   const int height = static_cast<int>(mask.size());
   const int width = height > 0 ? static_cast<int>(mask[0].size()) : 0;
-  return DistanceField(Image(width, height, IT_Grayscale8, gamma::Linear),
-                       [&mask](int x, int y) { return static_cast<bool>(mask[y][x]); });
+  int calls = 0;
+  const std::thread::id caller = std::this_thread::get_id();
+  DistanceField field(Image(width, height, IT_Grayscale8, gamma::Linear), [&](int x, int y) {
+    EXPECT_EQ(std::make_pair(x, y), std::make_pair(calls % width, calls / width));
+    EXPECT_EQ(std::this_thread::get_id(), caller);
+    ++calls;
+    return static_cast<bool>(mask[y][x]);
+  });
+  EXPECT_EQ(calls, width * height);
+  return field;
 }
 
 // The transform as its definition states it, one pixel at a time with saturating sums.
 std::vector<std::uint32_t> PlainTwoPass(const Mask& mask) {
   const int h = static_cast<int>(mask.size()), w = static_cast<int>(mask[0].size());
   std::vector<std::uint32_t> d(static_cast<std::size_t>(w * h));
-  const auto at = [&](int x, int y) -> std::uint32_t& { return d[static_cast<std::size_t>(y * w + x)]; };
-  const auto plus = [](std::uint32_t a, std::uint32_t k) {
-    return a > kUnreachedDistance - k ? kUnreachedDistance : a + k;
+  const auto relax = [&](int x, int y, int dx, int dy, std::uint32_t k) {
+    if (x + dx < 0 || x + dx >= w || y + dy < 0 || y + dy >= h)
+      return;
+    const std::uint32_t n = d[static_cast<std::size_t>((y + dy) * w + x + dx)];
+    std::uint32_t& at = d[static_cast<std::size_t>(y * w + x)];
+    at = std::min(at, n > kUnreachedDistance - k ? kUnreachedDistance : n + k);
   };
-  for (int y = 0; y < h; ++y) {
+  for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x) {
-      if (mask[y][x]) {
-        at(x, y) = 0;
-        continue;
-      }
-      std::uint32_t best = kUnreachedDistance;
-      if (x > 0)
-        best = std::min(best, plus(at(x - 1, y), 3));
-      if (y > 0) {
-        if (x > 0)
-          best = std::min(best, plus(at(x - 1, y - 1), 4));
-        best = std::min(best, plus(at(x, y - 1), 3));
-        if (x + 1 < w)
-          best = std::min(best, plus(at(x + 1, y - 1), 4));
-      }
-      at(x, y) = best;
+      d[static_cast<std::size_t>(y * w + x)] = mask[y][x] ? 0 : kUnreachedDistance;
+      for (const auto& [dx, dy, k] : {std::tuple{-1, 0, 3u}, {-1, -1, 4u}, {0, -1, 3u}, {1, -1, 4u}})
+        relax(x, y, dx, dy, k);
     }
-  }
-  for (int y = h - 1; y >= 0; --y) {
-    for (int x = w - 1; x >= 0; --x) {
-      if (at(x, y) == 0)
-        continue;
-      std::uint32_t best = at(x, y);
-      if (x + 1 < w)
-        best = std::min(best, plus(at(x + 1, y), 3));
-      if (y + 1 < h) {
-        if (x + 1 < w)
-          best = std::min(best, plus(at(x + 1, y + 1), 4));
-        best = std::min(best, plus(at(x, y + 1), 3));
-        if (x > 0)
-          best = std::min(best, plus(at(x - 1, y + 1), 4));
-      }
-      at(x, y) = best;
-    }
-  }
+  for (int y = h - 1; y >= 0; --y)
+    for (int x = w - 1; x >= 0; --x)
+      for (const auto& [dx, dy, k] : {std::tuple{1, 0, 3u}, {1, 1, 4u}, {0, 1, 3u}, {-1, 1, 4u}})
+        relax(x, y, dx, dy, k);
   return d;
 }
 
-TEST(DistanceField, KnownDistances) {
-  const DistanceField line = FieldOf({{true, false, false, false, false}});
-  for (int x = 0; x < 5; ++x)
-    EXPECT_EQ(line.GetDistance(x, 0), static_cast<std::uint32_t>(3 * x));
-
-  Mask centre(3, std::vector<bool>(3, false));
-  centre[1][1] = true;
-  const DistanceField square = FieldOf(centre);
-  const std::uint32_t expected[3][3] = {{4, 3, 4}, {3, 0, 3}, {4, 3, 4}};
-  for (int y = 0; y < 3; ++y)
-    for (int x = 0; x < 3; ++x)
-      EXPECT_EQ(square.GetDistance(x, y), expected[y][x]) << x << "," << y;
-
-  EXPECT_EQ(square.GetDistance(-1, 0), kUnreachedDistance);
-  EXPECT_EQ(square.GetDistance(3, 0), kUnreachedDistance);
-  EXPECT_EQ(square.GetDistance(0, -1), kUnreachedDistance);
-  EXPECT_EQ(square.GetDistance(0, 3), kUnreachedDistance);
-}
-
-// Odd sizes, single rows and columns, sparse and dense masks. On a rectangle the two passes find the
-// shortest 3-4 path, whose length has the closed form 4 min(dx, dy) + 3 |dx - dy|.
-TEST(DistanceField, MatchesPlainTransformAndChamferMetric) {
-  const std::pair<int, int> sizes[] = {{1, 1}, {1, 9}, {13, 1}, {7, 5}, {31, 17}, {64, 3}};
+// Small odd sizes, single rows and columns, and fields large enough for a worker to build the forward
+// pass behind the predicate and share the backward one; masks with no, every, one and some pixels
+// defined. Whatever the worker does, or if none comes (a limit of one thread, or every worker busy), the
+// distances are those of the plain transform; on the small sizes also those of the closed form of the 3-4
+// chamfer metric, the shortest path 4 min(dx, dy) + 3 |dx - dy|.
+TEST(DistanceField, MatchesPlainTransformOnAnyThreads) {
+  const std::pair<int, int> sizes[] = {{1, 1},    {1, 9},    {13, 1},   {7, 5},   {31, 17},
+                                       {1, 5000}, {5000, 1}, {2, 2500}, {67, 71}, {129, 64}};
+  const auto check = [](const Mask& mask, const char* how) {
+    const std::vector<std::uint32_t> plain = PlainTwoPass(mask);
+    const DistanceField field = FieldOf(mask);
+    const int width = field.Width(), height = field.Height();
+    bool any = false;
+    for (const auto& row : mask)
+      any |= std::find(row.begin(), row.end(), true) != row.end();
+    EXPECT_EQ(field.HasDefinedPixels(), any);
+    for (int y = 0; y < height; ++y)
+      for (int x = 0; x < width; ++x) {
+        ASSERT_EQ(field.GetDistance(x, y), plain[static_cast<std::size_t>(y * width + x)])
+            << how << ", " << width << "x" << height << " at " << x << "," << y;
+        if (width * height > 600)
+          continue;
+        std::uint32_t metric = kUnreachedDistance;
+        for (int v = 0; v < height; ++v)
+          for (int u = 0; u < width; ++u)
+            if (mask[v][u]) {
+              const int dx = std::abs(u - x), dy = std::abs(v - y);
+              metric = std::min<std::uint32_t>(metric, 4 * std::min(dx, dy) + 3 * std::abs(dx - dy));
+            }
+        ASSERT_EQ(field.GetDistance(x, y), metric) << width << "x" << height << " at " << x << "," << y;
+      }
+    EXPECT_EQ(field.GetDistance(-1, 0), kUnreachedDistance);
+    EXPECT_EQ(field.GetDistance(width, 0), kUnreachedDistance);
+    EXPECT_EQ(field.GetDistance(0, -1), kUnreachedDistance);
+    EXPECT_EQ(field.GetDistance(0, height), kUnreachedDistance);
+  };
   unsigned draw = 1;
   for (const auto& [width, height] : sizes) {
-    for (const int percent : {1, 10, 60}) {
-      const Mask mask = RandomMask(width, height, draw++, percent);
-      const DistanceField field = FieldOf(mask);
-      const std::vector<std::uint32_t> plain = PlainTwoPass(mask);
-      bool any = false;
-      for (const auto& row : mask)
-        any |= std::find(row.begin(), row.end(), true) != row.end();
-      EXPECT_EQ(field.HasDefinedPixels(), any);
-      for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-          std::uint32_t metric = kUnreachedDistance;
-          for (int v = 0; v < height; ++v)
-            for (int u = 0; u < width; ++u)
-              if (mask[v][u]) {
-                const int dx = std::abs(u - x), dy = std::abs(v - y);
-                metric = std::min<std::uint32_t>(metric, 4 * std::min(dx, dy) + 3 * std::abs(dx - dy));
-              }
-          ASSERT_EQ(field.GetDistance(x, y), plain[static_cast<std::size_t>(y * width + x)])
-              << width << "x" << height << " at " << x << "," << y;
-          ASSERT_EQ(field.GetDistance(x, y), metric) << width << "x" << height << " at " << x << "," << y;
-        }
+    std::vector<Mask> masks = {RandomMask(width, height, draw++, 0), RandomMask(width, height, draw++, 100),
+                               RandomMask(width, height, draw++, 1), RandomMask(width, height, draw++, 30)};
+    masks.push_back(masks[0]);
+    masks.back()[static_cast<std::size_t>(height / 2)][static_cast<std::size_t>(width / 3)] = true;
+    for (const Mask& mask : masks) {
+      check(mask, "shared");
+      {
+        tools::ScopedJobThreadLimit alone(1);
+        check(mask, "one thread");
       }
+      // Every worker held up until the field is done: the calling thread must take both passes back.
+      tools::CScheduler& scheduler = tools::GetScheduler<tools::SchedulerType::Default>();
+      std::atomic<bool> release{false};
+      std::vector<std::shared_ptr<tools::GenericFunctionTask<false>>> blockers;
+      for (int i = 0; i < scheduler.GetWorkerCount(); ++i) {
+        blockers.push_back(std::make_shared<tools::GenericFunctionTask<false>>([&release] {
+          while (!release.load())
+            std::this_thread::yield();
+        }));
+        scheduler.AddTask(blockers.back());
+      }
+      check(mask, "workers busy");
+      release.store(true);
+      for (const auto& blocker : blockers)
+        blocker->WaitFinished();
     }
   }
 }
 
-TEST(DistanceField, PredicateCalledOncePerPixelInRowOrder) {
-  std::vector<std::pair<int, int>> calls;
-  const DistanceField field(Image(4, 3, IT_RGB8, gamma::sRGB), [&calls](int x, int y) {
-    calls.emplace_back(x, y);
-    return x == 2 && y == 1;
-  });
-  ASSERT_EQ(calls.size(), 12u);
-  for (int i = 0; i < 12; ++i)
-    EXPECT_EQ(calls[static_cast<std::size_t>(i)], std::make_pair(i % 4, i / 4));
-
+// A predicate that throws part way leaves no worker waiting for rows that never come; an empty one
+// throws at the first pixel.
+TEST(DistanceField, ThrowingPredicateStopsTheWorker) {
   EXPECT_THROW(DistanceField(Image(2, 2, IT_RGB8, gamma::sRGB), std::function<bool(int, int)>()),
                std::bad_function_call);
-}
-
-TEST(DistanceField, NoneOrAllDefined) {
-  const DistanceField none(Image(6, 4, IT_RGB8, gamma::sRGB), [](int, int) { return false; });
-  EXPECT_FALSE(none.HasDefinedPixels());
-  const DistanceField all(Image(6, 4, IT_RGB8, gamma::sRGB), [](int, int) { return true; });
-  EXPECT_TRUE(all.HasDefinedPixels());
-  for (int y = 0; y < 4; ++y) {
-    for (int x = 0; x < 6; ++x) {
-      EXPECT_EQ(none.GetDistance(x, y), kUnreachedDistance);
-      EXPECT_EQ(all.GetDistance(x, y), 0u);
-      int px = x, py = y;
-      none.GetColorToPickCoordinates(px, py);
-      EXPECT_EQ(std::make_pair(px, py), std::make_pair(x, y));
-      all.GetColorToPickCoordinates(px, py);
-      EXPECT_EQ(std::make_pair(px, py), std::make_pair(x, y));
-    }
+  for (int failAt : {0, 40, 99}) {
+    EXPECT_THROW(DistanceField(Image(100, 100, IT_Grayscale8, gamma::Linear),
+                               [failAt](int x, int y) -> bool {
+                                 if (y == failAt && x == 7)
+                                   throw std::runtime_error("no");
+                                 return x == y;
+                               }),
+                 std::runtime_error);
   }
 }
 
@@ -195,7 +187,12 @@ TEST(DistanceField, NextDistanceBreaksTiesInNeighbourOrder) {
 }
 
 // Picking remembers its answers; asked in any order, every pixel must get the end of its own descent.
+// Without defined pixels there is nothing to pick from.
 TEST(DistanceField, PickingFollowsTheDescent) {
+  const DistanceField none = FieldOf(RandomMask(6, 4, 1, 0));
+  int noneX = 5, noneY = 3;
+  none.GetColorToPickCoordinates(noneX, noneY);
+  EXPECT_EQ(std::make_pair(noneX, noneY), std::make_pair(5, 3));
   for (unsigned draw = 20; draw < 26; ++draw) {
     const int width = 23 + static_cast<int>(draw), height = 11;
     const Mask mask = RandomMask(width, height, draw, 3);
@@ -231,12 +228,8 @@ TEST(DistanceField, FillImageWithDistance) {
   for (int x = 0; x < 130; ++x) {
     float grey = -1.0f;
     ConstPixelAccess(image.GetImplRef().Plane(), x, 0).GetPixelGrayscale(grey);
-    EXPECT_EQ(grey, static_cast<float>(3 * x) / 384.0f) << x;
+    EXPECT_EQ(grey, static_cast<float>(3 * x) / 384.0f) << x;  // 1 at x = 128
   }
-  float atEdge = -1.0f;
-  ConstPixelAccess(image.GetImplRef().Plane(), 128, 0).GetPixelGrayscale(atEdge);
-  EXPECT_EQ(atEdge, 1.0f);
-
   // An 8-bit picture saturates beyond 1.
   Image bytes(130, 1, IT_Grayscale8, gamma::Linear);
   field.FillImageWithDistance(bytes);
