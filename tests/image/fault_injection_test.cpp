@@ -6,11 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <new>
 #include <string>
+#include <tuple>
 
 #include "imagery/blur.h"
 #include "imagery/channel_ops.h"
@@ -25,6 +25,7 @@
 #include "imagery_host/stream.h"
 #include "support/image_support.h"
 #include "support/random_image.h"
+#include "support/text_picture.h"
 
 namespace imagery {
 namespace {
@@ -133,45 +134,48 @@ TEST(FaultInjection, TheArmedAllocationAloneFailsAndLeavesItsPlaneAsItWas) {
   EXPECT_NO_THROW(plane.Alloc(4, 4, IT_RGB8, gamma::sRGB)) << "leaving the scope disarms";
 }
 
-TEST(FaultInjection, ConversionsLeaveTheImageAsItWas) {
+TEST(FaultInjection, ConversionsChannelOperationsAndCropLeaveTheImageAsItWas) {
   const Image rgba8 = RandomImage(IT_RGBA8, 7, 5, gamma::sRGB, 1);
   const Image rgba32f = RandomImage(IT_RGBA32f, 6, 4, gamma::Linear, 2);
   const Image grey16 = RandomImage(IT_Grayscale16, 5, 6, gamma::Linear, 3);
-  FailEachAllocation(rgba32f, Void([](Image& i) { ToRGB8(i, gamma::sRGB, kKeepAlpha, CAI_Care); }), "ToRGB8");
-  FailEachAllocation(rgba8, Void([](Image& i) { ToRGB16(i, gamma::Linear, kKeepAlpha); }), "ToRGB16");
-  FailEachAllocation(grey16, Void([](Image& i) { ToRGB32f(i, kKeepAlpha); }), "ToRGB32f");
-  FailEachAllocation(rgba32f, Void([](Image& i) { ToRGBEA(i); }), "ToRGBEA");
-  FailEachAllocation(rgba8, Void([](Image& i) {
-                       ToGrayscale8(i, gamma::sRGB, CheckInImageList(true), AutoScaleGrayScale(true),
-                                    InvertGrayRange(false), CAI_Care);
-                     }),
-                     "ToGrayscale8");
-  FailEachAllocation(
-      rgba32f, Void([](Image& i) { ToGrayscale16(i, CheckInImageList(true), AutoScaleGrayScale(false)); }),
-      "ToGrayscale16");
-  FailEachAllocation(
-      rgba8, Void([](Image& i) { ToGrayScale32f(i, CheckInImageList(true), AutoScaleGrayScale(true)); }),
-      "ToGrayScale32f");
+  const Image rgba16 = RandomImage(IT_RGBA16, 5, 5, gamma::Linear, 5);
+  const std::tuple<const char*, const Image*, std::function<void(Image&)>> cases[] = {
+      {"ToRGB8", &rgba32f, [](Image& i) { ToRGB8(i, gamma::sRGB, kKeepAlpha, CAI_Care); }},
+      {"ToRGB16", &rgba8, [](Image& i) { ToRGB16(i, gamma::Linear, kKeepAlpha); }},
+      {"ToRGB32f", &grey16, [](Image& i) { ToRGB32f(i, kKeepAlpha); }},
+      {"ToRGBEA", &rgba32f, [](Image& i) { ToRGBEA(i); }},
+      {"ToGrayscale8", &rgba8,
+       [](Image& i) {
+         ToGrayscale8(i, gamma::sRGB, CheckInImageList(true), AutoScaleGrayScale(true),
+                      InvertGrayRange(false), CAI_Care);
+       }},
+      {"ToGrayscale16", &rgba32f,
+       [](Image& i) { ToGrayscale16(i, CheckInImageList(true), AutoScaleGrayScale(false)); }},
+      {"ToGrayScale32f", &rgba8,
+       [](Image& i) { ToGrayScale32f(i, CheckInImageList(true), AutoScaleGrayScale(true)); }},
+      {"DiscardAlphaInformation", &rgba16,
+       [](Image& i) { DiscardAlphaInformation(i, CheckInImageList(true), CAI_Care); }},
+      {"InvertAlpha", &rgba16, [](Image& i) { InvertAlpha(i, IM_NewImpl); }},
+      {"RGBToBGR", &rgba8, [](Image& i) { RGBToBGR(i, IM_NewImpl); }},
+      {"InvertColorNoGamma", &rgba8, [](Image& i) { InvertColorNoGamma(i, IM_NewImpl); }},
+      {"CropImage", &rgba8,
+       [](Image& i) {
+         CropImage(i, {1, 2}, {4ul, 2ul});
+       }},
+      {"ReframeImage", &rgba16,
+       [](Image& i) {
+         ReframeImage(i, {-2, 1}, {9ul, 3ul});
+       }},
+  };
+  for (const auto& [name, source, operation] : cases)
+    FailEachAllocation(*source, Void(operation), name);
   for (EImageType target : {IT_RGB8, IT_RGBEA, IT_RGBA16, IT_Grayscale32f})
     FailEachAllocation(rgba8, Void([target](Image& i) { ToImageType(i, target, true); }),
                        "ToImageType " + std::to_string(target));
-}
-
-TEST(FaultInjection, ChannelOperationsAndCropLeaveTheImageAsItWas) {
-  const Image rgba8 = RandomImage(IT_RGBA8, 7, 5, gamma::sRGB, 4);
-  const Image rgba16 = RandomImage(IT_RGBA16, 5, 5, gamma::Linear, 5);
-  FailEachAllocation(rgba16,
-                     Void([](Image& i) { DiscardAlphaInformation(i, CheckInImageList(true), CAI_Care); }),
-                     "DiscardAlphaInformation");
   FailEachAllocation(
       rgba8,
       [](Image& i) { return ExtractAlphaInformation(i, CheckInImageList(true), InvertGrayRange(true)); },
       "ExtractAlphaInformation");
-  FailEachAllocation(rgba16, Void([](Image& i) { InvertAlpha(i, IM_NewImpl); }), "InvertAlpha");
-  FailEachAllocation(rgba8, Void([](Image& i) { RGBToBGR(i, IM_NewImpl); }), "RGBToBGR");
-  FailEachAllocation(rgba8, Void([](Image& i) { InvertColorNoGamma(i, IM_NewImpl); }), "InvertColorNoGamma");
-  FailEachAllocation(rgba8, Void([](Image& i) { CropImage(i, {1, 2}, {4ul, 2ul}); }), "CropImage");
-  FailEachAllocation(rgba16, Void([](Image& i) { ReframeImage(i, {-2, 1}, {9ul, 3ul}); }), "ReframeImage");
 }
 
 TEST(FaultInjection, ResampleBlurAndMipMapsLeaveTheImageAsItWas) {
@@ -275,38 +279,18 @@ TEST(FaultInjection, AStreamCutShortLeavesTheTargetAsItWas) {
   ExpectUnchanged(sharer, before, "cut stream (second handle)");
 }
 
-// A picture file is "width height grey alpha"; the reader makes the image the way host readers do,
-// through a handle of its own that it then assigns.
-zel::ErrorCode ReadPicture(Image* image, const ZELPath& path, EImageType type, int*, const ReadOptions&) {
-  std::ifstream in(path.local_string());
-  int width = 0, height = 0;
-  float grey = 0, alpha = 1;
-  if (!(in >> width >> height >> grey >> alpha))
-    return zel::ErrorCode::Io("not a picture");
-  Image loaded(width, height, type, gamma::Linear);
-  for (int i = 0; i < width * height; ++i)
-    loaded.SetPixelRGBA(i % width, i / width, LinearRGBA_T<float>(grey, grey, grey, alpha), ATO_None);
-  // A mip chain makes the reload allocate more than one plane.
-  ComputeMipMapCombined(loaded, nullptr, GammaCorrectFlag(false), MipMapMethod::Standard);
-  loaded.SetFilePath(path);
-  loaded.UpdateLastModif();
-  *image = loaded;
-  return zel::ErrorCode();
-}
-
-class FaultInjectionReload : public ::testing::Test {
+class FaultInjectionReload : public testing_support::TextPictureTest {
  protected:
-  void SetUp() override { ImageFactory::GetInstance().SetAdditionalFeaturesFunc(&ReadPicture); }
-  void TearDown() override { ImageFactory::GetInstance().SetAdditionalFeaturesFunc(nullptr); }
-  testing_support::TempFolder folder_;
+  void SetUp() override {
+    TextPictureTest::SetUp();
+    testing_support::TextPictures::withMipMaps = true;
+  }
 };
 
 TEST_F(FaultInjectionReload, AReaderFailingMidReloadKeepsTheOldVersionCurrent) {
   const ZELPath path = folder_.Write("picture.txt", "6 4 0.25 1");
   for (bool synchronized : {false, true}) {
-    Image image;
-    int extra = 0;
-    ASSERT_TRUE(image.ReadFromSource(path, IT_RGBA8, extra, ReadOptions()).IsOk());
+    Image image = ReadPicture(path, IT_RGBA8);
     image.GetImplRef().Synchronized(synchronized);
     folder_.Write("picture.txt", "6 4 0.75 0.5");
     testing_support::Touch(path);

@@ -13,9 +13,8 @@ class AllocationTracker {
   AllocationTracker(const AllocationTracker&) = delete;
   AllocationTracker& operator=(const AllocationTracker&) = delete;
 
-  // The sum of every request since construction (an upper bound of the peak), and the largest one.
+  // The sum of every request since construction: an upper bound of the peak.
   std::size_t Total() const;
-  std::size_t Largest() const;
 };
 
 }  // namespace imagery::palette_testing

@@ -20,19 +20,6 @@ namespace {
 
 using namespace palette_testing;
 
-Bytes PixelsOf(const KORDib24& bitmap) {
-  return Bytes(bitmap.GetBits(), bitmap.GetBits() + bitmap.GetImageSize());
-}
-
-KORDib24 RandomBitmap(int width, int height, unsigned draw, unsigned char flags) {
-  std::mt19937 random(draw);
-  KORDib24 bitmap(width, height);
-  for (std::size_t i = 0; i < bitmap.GetImageSize(); ++i)
-    bitmap.GetBits()[i] = static_cast<unsigned char>(random());
-  bitmap.SetFlags(flags);
-  return bitmap;
-}
-
 // A bitmap of at most 256 colours, each the centre of its histogram cell (blue, green, red being
 // channels 0, 1, 2): the quantiser reproduces such colours exactly, dithered or not.
 KORDib24 CellCentredBitmap(int width, int height, int colours, unsigned char flags) {
@@ -96,14 +83,10 @@ TEST(PreviewPacking, QuantisedFormReproducesFewColoursAndCarriesAlphaOnlyWhenMea
     KORDib24 read;
     ASSERT_TRUE(read.Read(&stream, false));
     EXPECT_EQ(read.GetFlags(), flags);
-    ASSERT_EQ(read.GetImageSize(), bitmap.GetImageSize());
-    std::size_t wrong = 0;
-    for (int y = 0; y < 31; ++y)
-      for (int x = 0; x < 45; ++x) {
-        wrong += read.GetPixel(x, y).ToCLR() != bitmap.GetPixel(x, y).ToCLR();
-        wrong += read.GetPixel(x, y).Alpha() != (flags ? bitmap.GetPixel(x, y).Alpha() : 0);
-      }
-    EXPECT_EQ(wrong, 0u) << int{flags};
+    KORDib24 expected = bitmap;
+    if (!flags)
+      expected.FillWithTransparency(0);
+    EXPECT_EQ(PixelsOf(read), PixelsOf(expected)) << int{flags};
   }
   // A single pixel: a palette of one colour, the centre of the pixel's cell.
   KORDib24 one(1, 1);
@@ -199,7 +182,9 @@ TEST(PreviewPacking, LyingLengthsCorruptDataOversizedHeadersAndZipBombsFailWithT
        kPreviewOverflow},
       {"zip bomb, raw", true, 16, 16, Payload(true, true, Deflate(Bytes(64 << 20), 9), 4096),
        kPreviewOverflow},
-      // A valid 8 x 8 payload under a size of 40000 x 40000 (6.4 GB of pixels).
+      // A valid 8 x 8 payload under a size of 20000 x 20000 (1.6 GB, within the pixel limit) and of
+      // 40000 x 40000 (6.4 GB, beyond it).
+      {"size beyond the payload", true, 20000, 20000, Payload(true, false, rawZlib, 4096), kPreviewTooLarge},
       {"size beyond the payload, raw", true, 40000, 40000, Payload(true, false, rawZlib, 4096),
        kPreviewTooLarge},
       {"size beyond the payload, quantised", false, 40000, 40000,
@@ -244,17 +229,20 @@ TEST(PreviewPacking, EmptyBlocksAnywhereAndAPartialAlphaPlaneAreAccepted) {
   EXPECT_EQ(PixelsOf(read), PixelsOf(bitmap));
   EXPECT_TRUE(read.HasMeaningfulAlpha());
 
-  // Colour map, complete index plane, half an alpha plane: read, without meaningful alpha.
-  Bytes data(1024 + 30 + 15, 0);
-  data[2] = 0x11, data[256 + 2] = 0x22, data[512 + 2] = 0x33;  // entry 2
-  std::fill(data.begin() + 1024, data.begin() + 1054, 2);
-  std::fill(data.begin() + 1054, data.end(), 0x99);
-  ZELMemoryStream partial(Payload(false, false, Deflate(data), 4096));
-  KORDib24 target = Sentinel();
-  ASSERT_TRUE(ReadAndUnpackPreview(6, 5, &target, &partial));
-  EXPECT_EQ(target.GetFlags(), 0x6) << "the other flag bits stay";
-  EXPECT_EQ(target.GetPixel(0, 0), CLRA(0x33, 0x22, 0x11, 0x99));
-  EXPECT_EQ(target.GetPixel(5, 4), CLRA(0x33, 0x22, 0x11, 0x00));
+  // Colour map and complete index plane, then half an alpha plane (read, without meaningful alpha) or a
+  // whole one.
+  for (const std::size_t alphaBytes : {std::size_t{15}, std::size_t{30}}) {
+    Bytes data(1024 + 30 + alphaBytes, 0);
+    data[2] = 0x11, data[256 + 2] = 0x22, data[512 + 2] = 0x33;  // entry 2
+    std::fill(data.begin() + 1024, data.begin() + 1054, 2);
+    std::fill(data.begin() + 1054, data.end(), 0x99);
+    ZELMemoryStream partial(Payload(false, false, Deflate(data), 4096));
+    KORDib24 target = Sentinel();
+    ASSERT_TRUE(ReadAndUnpackPreview(6, 5, &target, &partial));
+    EXPECT_EQ(target.GetFlags(), alphaBytes == 30 ? 0x7 : 0x6) << "the other flag bits stay";
+    EXPECT_EQ(target.GetPixel(0, 0), CLRA(0x33, 0x22, 0x11, 0x99));
+    EXPECT_EQ(target.GetPixel(5, 4), CLRA(0x33, 0x22, 0x11, alphaBytes == 30 ? 0x99 : 0x00));
+  }
 }
 
 // The bytes of one preview chunk's data cut at `cut`, framed again as a complete chunk, so that the

@@ -190,34 +190,22 @@ TEST(Quantizer, FewerCellsThanColoursGiveOneEntryPerCellAtItsWeightedCentre) {
                               CellCentre(2, pixels[i * 3 + 2])));
 }
 
-// --- Settings and buffers
-// -----------------------------------------------------------------------------------
+// --- Settings, buffers and threads ---------------------------------------------------------------------
 
 TEST(Quantizer, AHelperPutsBackTheSettingsItFoundAndClampsSizesBelowOne) {
-  int width, height, desired, actual;
-  bool dither;
-  {
-    QuantizationHelper before;
-    width = before.GetImageWidth(), height = before.GetImageHeight();
-    desired = before.GetDesiredNumberOfColors(), actual = before.GetActualNumberOfColors();
-    dither = before.GetDitherColors();
-  }
+  const auto settings = [](const QuantizationHelper& q) {
+    return std::make_tuple(q.GetImageWidth(), q.GetImageHeight(), q.GetDesiredNumberOfColors(),
+                           q.GetActualNumberOfColors(), q.GetDitherColors(), q.IsPrepared());
+  };
+  const auto before = settings(QuantizationHelper());
   {
     QuantizationHelper q;
     q.SetDesiredNumberOfColors(100);
-    q.init(0, -5, !dither, 77);
-    EXPECT_EQ(q.GetImageWidth(), 1);
-    EXPECT_EQ(q.GetImageHeight(), 1);
-    EXPECT_EQ(q.GetActualNumberOfColors(), 77);
-    EXPECT_TRUE(q.IsPrepared());
+    q.init(0, -5, !std::get<4>(before), 77);
+    EXPECT_EQ(settings(q), std::make_tuple(1, 1, 100, 77, !std::get<4>(before), true));
   }
-  QuantizationHelper after;
-  EXPECT_EQ(after.GetImageWidth(), width);
-  EXPECT_EQ(after.GetImageHeight(), height);
-  EXPECT_EQ(after.GetDesiredNumberOfColors(), desired);
-  EXPECT_EQ(after.GetActualNumberOfColors(), actual);
-  EXPECT_EQ(after.GetDitherColors(), dither);
-  EXPECT_FALSE(after.IsPrepared());
+  EXPECT_EQ(settings(QuantizationHelper()), before);
+  EXPECT_FALSE(std::get<5>(before));
 }
 
 TEST(Quantizer, ADesiredCountOutsideEightTo256PreparesNothingAndRowsAreIgnored) {
@@ -237,9 +225,6 @@ TEST(Quantizer, ADesiredCountOutsideEightTo256PreparesNothingAndRowsAreIgnored) 
     EXPECT_EQ(Bytes(out, out + 4), Bytes(4, 9));
   }
 }
-
-// --- Threads
-// -------------------------------------------------------------------------------------------------
 
 TEST(Quantizer, ThreadsQuantisingAtOnceGetWhatEachGetsAloneDirectlyOrThroughPreviews) {
   constexpr int kThreads = 4, kRounds = 3;

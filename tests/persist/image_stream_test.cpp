@@ -1,13 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
 
 #include "imagery/conversions.h"
 #include "imagery/gamma_settings.h"
@@ -19,6 +15,7 @@
 #include "imagery_host/logger.h"
 #include "imagery_host/stream.h"
 #include "support/random_image.h"
+#include "support/text_picture.h"
 
 namespace imagery {
 namespace {
@@ -100,49 +97,16 @@ bool ReadInto(Image& image, const Bytes& bytes, std::string* tag = nullptr,
   return read;
 }
 
-// Picture files of these tests: a text line "width height grey [format]", read as IT_RGB8 of that grey
-// when no format is given, else as a gradient in that format; the reader asks the image list first, as a
-// host's reader does.
-std::atomic<int> g_fileReads{0};
-zel::ErrorCode ReadTextPicture(Image* image, const ZELPath& path, EImageType, int*,
-                               const ReadOptions& options) {
-  std::ifstream in(path.local_string());
-  int width = 0, height = 0, format = -1;
-  float grey = 0;
-  if (!(in >> width >> height >> grey) || width < 1 || height < 1)
-    return zel::ErrorCode::Io("not a test picture");
-  const bool gradient = static_cast<bool>(in >> format) && format >= 0 && format < IT_UNDEFINED;
-  const EImageType type = gradient ? static_cast<EImageType>(format) : IT_RGB8;
-  if (!options.bypassReaderCache && ImageList::Instance().Load(image, path, type, AutoScaleGrayScale(false)))
-    return zel::ErrorCode();
-  ++g_fileReads;
-  Image loaded(width, height, type, gamma::sRGB);
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x) {
-      const float v = gradient ? grey + 0.09f * static_cast<float>(x) + 0.05f * static_cast<float>(y) : grey;
-      loaded.SetPixelRGBA(x, y, {v, 1.0f - v, 0.5f * v, 1.0f - 0.5f * v}, ATO_None);
-    }
-  loaded.SetFilePath(path);
-  loaded.UpdateLastModif();
-  *image = loaded;
-  return zel::ErrorCode();
-}
+using testing_support::TextPictures;
 
-class ReferencedImages : public ::testing::Test {
+// A host's caching reader behind the file references.
+class ReferencedImages : public testing_support::TextPictureTest {
  protected:
-  void SetUp() override { ImageFactory::GetInstance().SetAdditionalFeaturesFunc(&ReadTextPicture); }
-  void TearDown() override {
-    ImageFactory::GetInstance().SetAdditionalFeaturesFunc(nullptr);
-    std::filesystem::remove_all(folder_);
+  void SetUp() override {
+    TextPictureTest::SetUp();
+    TextPictures::gamma = gamma::sRGB;
+    TextPictures::askListFirst = true;
   }
-  ZELPath File(const std::string& name, const std::string& contents) {
-    std::filesystem::create_directories(folder_);
-    std::ofstream(folder_ / name) << contents;
-    return ZELPath(ZELString::FromUTF8((folder_ / name).string()));
-  }
-  std::filesystem::path folder_ = std::filesystem::temp_directory_path() /
-                                  ("imagery_stream_" + std::to_string(::getpid()) + "_" +
-                                   ::testing::UnitTest::GetInstance()->current_test_info()->name());
 };
 
 TEST(ImageStream, IncorporatedImagesComeBackBitForBitWithEverythingTheHandleCarries) {
@@ -391,20 +355,18 @@ TEST(ImageStream, TruncatedOrLyingChunksFailCleanlyWithoutAllocatingWhatTheyProm
 }
 
 TEST_F(ReferencedImages, ReadBackThroughTheImageListAtTheStoredSizeAndSurviveMissingFiles) {
-  const ZELPath path = File("rock.txt", "8 6 0.5");
-  Image loaded;
-  int extra = 0;
-  ASSERT_TRUE(loaded.ReadFromSource(path, IT_RGB8, extra, ReadOptions()).IsOk());
+  const ZELPath path = folder_.Write("rock.txt", "8 6 0.5 1");
+  Image loaded = ReadPicture(path, IT_RGB8);
   loaded.SetPtype(PT_Roughness);
   loaded.MirrorY();
   const std::vector<unsigned short> ids = SubChunks(Written(loaded, false));
   EXPECT_TRUE(Has(ids, kFileReferenceChunk) && Has(ids, kPictureTypeChunk) && !Has(ids, kBitsChunk));
 
-  const int reads = g_fileReads;
+  const int reads = TextPictures::reads;
   Image shared;
   ASSERT_TRUE(ReadInto(shared, Written(loaded, false)));
   EXPECT_EQ(shared.GetImpl(), loaded.GetImpl()) << "the file already loaded is shared";
-  EXPECT_EQ(g_fileReads, reads);
+  EXPECT_EQ(TextPictures::reads, reads);
   EXPECT_TRUE(shared.GetMirrorY());
 
   // A texture reduced in place keeps its full pixels as a backup: the stream records the reduced size,
@@ -423,7 +385,7 @@ TEST_F(ReferencedImages, ReadBackThroughTheImageListAtTheStoredSizeAndSurviveMis
 
   // A missing file fails with the reader's error; the next image of the stream still reads.
   Image missing(2, 2, IT_RGB8);
-  missing.SetFilePath(File("gone.txt", "not a picture"));
+  missing.SetFilePath(folder_.Write("gone.txt", "not a picture"));
   ZELMemoryStream two;
   ASSERT_TRUE(missing.Write(&two, false, false) &&
               RandomImage(IT_RGB8, 2, 2, gamma::sRGB, 4).Write(&two, false, false));
@@ -439,14 +401,13 @@ TEST_F(ReferencedImages, ReadBackThroughTheImageListAtTheStoredSizeAndSurviveMis
 TEST_F(ReferencedImages, EveryFormatIsReadAgainFromItsFileWithWhatTheHandleCarried) {
   for (EImageType type : kAllFormats) {
     SCOPED_TRACE(type);
-    const ZELPath path = File("f" + std::to_string(type) + ".txt", "7 5 0.1 " + std::to_string(type));
+    const ZELPath path =
+        folder_.Write("f" + std::to_string(type) + ".txt", "7 5 0.1 1 " + std::to_string(type));
     Bytes full, fullPixels, reduced, reducedPixels;
     ImageTransformations transformations;
     boost::property_tree::ptree attributes;
     {
-      Image loaded;
-      int extra = 0;
-      ASSERT_TRUE(loaded.ReadFromSource(path, IT_UNDEFINED, extra, ReadOptions()).IsOk());
+      Image loaded = ReadPicture(path, IT_UNDEFINED);
       ASSERT_EQ(loaded.ImageType(), type);
       loaded.SetPtype(PT_Roughness);
       loaded.SetTitle(L"bark");
@@ -467,10 +428,10 @@ TEST_F(ReferencedImages, EveryFormatIsReadAgainFromItsFileWithWhatTheHandleCarri
     }
     ASSERT_FALSE(fullPixels.empty());
     for (const bool downSampled : {false, true}) {
-      const int reads = g_fileReads;
+      const int reads = TextPictures::reads;
       Image back;
       ASSERT_TRUE(ReadInto(back, downSampled ? reduced : full));
-      EXPECT_EQ(g_fileReads, reads + 1) << "nothing of the file stayed loaded, so it is read again";
+      EXPECT_EQ(TextPictures::reads, reads + 1) << "nothing of the file stayed loaded, so it is read again";
       EXPECT_EQ(back.ImageType(), type);
       EXPECT_EQ(back.Width(), downSampled ? 4 : 7);
       EXPECT_EQ(PlaneBytes(back), downSampled ? reducedPixels : fullPixels);
@@ -483,10 +444,8 @@ TEST_F(ReferencedImages, EveryFormatIsReadAgainFromItsFileWithWhatTheHandleCarri
 }
 
 TEST_F(ReferencedImages, GreyRequestsAndTheLogLines) {
-  const ZELPath path = File("grey.txt", "2 2 0.5");
-  Image colour;
-  int extra = 0;
-  ASSERT_TRUE(colour.ReadFromSource(path, IT_RGB8, extra, ReadOptions()).IsOk());
+  const ZELPath path = folder_.Write("grey.txt", "2 2 0.5 1");
+  Image colour = ReadPicture(path, IT_RGB8);
   const zel_uid::PermUID id = colour.GetImplRef().UniqueId();
   colour.SetPtype(PT_Color);
 
