@@ -181,22 +181,24 @@ TEST(FaultInjection, ConversionsChannelOperationsAndCropLeaveTheImageAsItWas) {
 TEST(FaultInjection, ResampleBlurAndMipMapsLeaveTheImageAsItWas) {
   const Image rgba8 = RandomImage(IT_RGBA8, 12, 9, gamma::sRGB, 6);
   const Image grey = RandomImage(IT_Grayscale32f, 9, 12, gamma::Linear, 7);
-  ResampleOpts options;
-  options.careAboutIncorporation = CAI_Care;
-  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 5, 4, options); }), "Resample down");
-  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 20, 17, options); }), "Resample up");
-  FailEachAllocation(grey, Void([options](Image& i) { Resample(i, 4, 20, options); }),
-                     "Resample down and up");
-  options.keepAspectRatio = true;
-  options.whiteMargin = true;
-  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 7, 7, options); }),
-                     "Resample with margins");
-  // In place, the pixels from before become the implementation's backup: that plane is allocated too.
-  options.implManagement = IM_InPlace;
-  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 8, 8, options); }), "Resample in place");
-  options.keepAspectRatio = false;
-  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 20, 4, options); }),
-                     "Resample in place, up and down");
+  // Size, margins and the in-place form, where the pixels from before become the implementation's backup
+  // (a plane allocated too).
+  const struct {
+    const Image* source;
+    int width, height;
+    bool margins;
+    ImplManagement management;
+  } resamples[] = {{&rgba8, 5, 4, false, IM_NewImpl},  {&rgba8, 20, 17, false, IM_NewImpl},
+                   {&grey, 4, 20, false, IM_NewImpl},  {&rgba8, 7, 7, true, IM_NewImpl},
+                   {&rgba8, 8, 8, true, IM_InPlace},   {&rgba8, 20, 4, false, IM_InPlace}};
+  for (const auto& r : resamples) {
+    ResampleOpts options;
+    options.careAboutIncorporation = CAI_Care;
+    options.keepAspectRatio = options.whiteMargin = r.margins;
+    options.implManagement = r.management;
+    FailEachAllocation(*r.source, Void([&](Image& i) { Resample(i, r.width, r.height, options); }),
+                       "Resample to " + std::to_string(r.width) + " x " + std::to_string(r.height));
+  }
   FailEachAllocation(rgba8, Void([](Image& i) { Blur(i, BuildGaussianBlurKernel(1.5f, 0.8f, 3, 2)); }),
                      "Blur");
   FailEachAllocation(grey, Void([](Image& i) { Blur(i, BuildConstantBlurKernel(2, 1)); }), "Blur grey");
