@@ -331,13 +331,16 @@ TEST(ImageStream, TruncatedOrLyingChunksFailCleanlyWithoutAllocatingWhatTheyProm
   Image source = RandomImage(IT_RGBA16, 3, 2, gamma::sRGB, 3);
   source.ExtraAttributes().put("a", "b");
   const Bytes whole = Written(source, true);
-  Image image(4, 4, IT_RGB8);
+  Image image = RandomImage(IT_RGB8, 4, 4, gamma::sRGB, 4), sharer(image);
   const ImageImpl* before = image.GetImpl();
+  const Bytes pixels = PlaneBytes(image);
   for (std::size_t size = 0; size < whole.size(); ++size) {
     std::string tag;
     ASSERT_FALSE(ReadInto(image, Bytes(whole.begin(), whole.begin() + size), &tag)) << size;
     ASSERT_EQ(tag, "IMGRD1124") << size;
-    ASSERT_EQ(image.GetImpl(), before);
+    ASSERT_TRUE(image.GetImpl() == before && sharer.GetImpl() == before && PlaneBytes(image) == pixels &&
+                image.ImageType() == IT_RGB8 && image.GetGamma() == gamma::sRGB)
+        << size;
   }
 
   CountingImage huge;
