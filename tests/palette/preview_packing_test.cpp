@@ -69,8 +69,7 @@ TEST(PreviewPacking, RawFormKeepsEveryByteAndTheAlphaFlagInBothByteOrders) {
         KORDib24 read = Sentinel();
         read.SetFlags(0x80);
         ASSERT_TRUE(read.Read(&stream, false));
-        EXPECT_EQ(PixelsOf(read), PixelsOf(bitmap));
-        EXPECT_EQ(read.GetFlags(), flags) << "stored flags replace the reader's";
+        EXPECT_TRUE(PixelsOf(read) == PixelsOf(bitmap) && read.GetFlags() == flags) << w << " " << int{flags};
       }
 }
 
@@ -80,13 +79,11 @@ TEST(PreviewPacking, QuantisedFormReproducesFewColoursAndCarriesAlphaOnlyWhenMea
     ZELMemoryStream stream;
     ASSERT_TRUE(bitmap.Write(&stream, true));
     stream.Rewind();
-    KORDib24 read;
-    ASSERT_TRUE(read.Read(&stream, false));
-    EXPECT_EQ(read.GetFlags(), flags);
-    KORDib24 expected = bitmap;
+    KORDib24 read, expected = bitmap;
     if (!flags)
       expected.FillWithTransparency(0);
-    EXPECT_EQ(PixelsOf(read), PixelsOf(expected)) << int{flags};
+    ASSERT_TRUE(read.Read(&stream, false));
+    EXPECT_TRUE(read.GetFlags() == flags && PixelsOf(read) == PixelsOf(expected)) << int{flags};
   }
   // A single pixel: a palette of one colour, the centre of the pixel's cell.
   KORDib24 one(1, 1);
@@ -108,20 +105,17 @@ TEST(PreviewPacking, PaletteFormIsMapThenIndexRowsAndReadsBackWithoutAlphaOrFlag
     ASSERT_TRUE(bitmap.QuantizedWrite(&stream));
     EXPECT_EQ(stream.Bytes().size(), 2u * 6 + 1024 + static_cast<std::size_t>(w) * h);
     stream.Rewind();
-    KORDib24 read = Sentinel();
+    KORDib24 read = Sentinel(), expected = bitmap;
+    expected.FillWithTransparency(0);
     ASSERT_TRUE(read.QuantizedRead(&stream));
-    EXPECT_EQ(read.GetFlags(), 0);
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x)
-        ASSERT_EQ(read.GetPixel(x, y), CLRA(bitmap.GetPixel(x, y).ToCLR(), 0)) << x << "," << y;
+    EXPECT_TRUE(read.GetFlags() == 0 && PixelsOf(read) == PixelsOf(expected)) << w << " x " << h;
   }
   ZELMemoryStream empty;
   empty.WriteTyped(0);
   empty.WriteTyped(4);
   empty.Rewind();
   KORDib24 read = Sentinel();
-  EXPECT_TRUE(read.QuantizedRead(&empty));
-  EXPECT_EQ(PixelsOf(read), Bytes(4, 0));
+  EXPECT_TRUE(read.QuantizedRead(&empty) && PixelsOf(read) == Bytes(4, 0));
 }
 
 // --- Damaged payloads ------------------------------------------------------------------------------------
@@ -226,8 +220,7 @@ TEST(PreviewPacking, EmptyBlocksAnywhereAndAPartialAlphaPlaneAreAccepted) {
   stream.Rewind();
   KORDib24 read;
   ASSERT_TRUE(ReadAndUnpackPreview(6, 5, &read, &stream));
-  EXPECT_EQ(PixelsOf(read), PixelsOf(bitmap));
-  EXPECT_TRUE(read.HasMeaningfulAlpha());
+  EXPECT_TRUE(PixelsOf(read) == PixelsOf(bitmap) && read.HasMeaningfulAlpha());
 
   // Colour map and complete index plane, then half an alpha plane (read, without meaningful alpha) or a
   // whole one.
@@ -296,8 +289,7 @@ TEST(PreviewPacking, APaletteFormPromisingMoreRowsThanItHoldsAllocatesNothing) {
   KORDib24 read = Sentinel();
   const AllocationTracker tracker;
   EXPECT_FALSE(read.QuantizedRead(&stream));
-  EXPECT_EQ(stream.GetError().Tag(), kPreviewTooLarge);
-  EXPECT_LT(tracker.Total(), 4096u);
+  EXPECT_TRUE(stream.GetError().Tag() == kPreviewTooLarge && tracker.Total() < 4096u);
   EXPECT_TRUE(IsSentinel(read));
 }
 
