@@ -79,7 +79,7 @@ TEST_F(PlaneCache, LargePlanesStartOnHugePageBoundaries) {
   EXPECT_EQ(reinterpret_cast<std::uintptr_t>(image.GetImplRef().Plane().Data()) % (2 * kMiB), 0u);
 }
 
-TEST_F(PlaneCache, TheCacheNeverKeepsMoreThanItsLimitAndDropsTheOldestFirst) {
+TEST_F(PlaneCache, TheCacheNeverKeepsMoreThanItsLimitDropsTheOldestFirstAndEmptiesWithTheScene) {
   SetLimitMiB(10.0f);
   {
     Image first = GreyImageOfMiB(4), second = GreyImageOfMiB(3), third = GreyImageOfMiB(5),
@@ -95,8 +95,9 @@ TEST_F(PlaneCache, TheCacheNeverKeepsMoreThanItsLimitAndDropsTheOldestFirst) {
     Image again = GreyImageOfMiB(4);
     EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 3 * kMiB);
   }
+  ImageFactory::GetInstance().GetImageList()->OnSceneClosed();
+  EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 0u) << "closing the scene returns the cache";
   // A larger block serves a smaller plane and gives back its excess.
-  ReleaseCachedPlaneMemory();
   { Image large = GreyImageOfMiB(8); }
   {
     Image small = GreyImageOfMiB(2);
@@ -109,13 +110,6 @@ TEST_F(PlaneCache, TheCacheNeverKeepsMoreThanItsLimitAndDropsTheOldestFirst) {
   { Image off = GreyImageOfMiB(4); }
   statistics = GetPlaneMemoryStatistics();
   EXPECT_TRUE(statistics.cachedBytes == 0u && statistics.cachedBlocks == 0u);
-}
-
-TEST_F(PlaneCache, ClosingTheSceneReturnsTheCache) {
-  { Image image = GreyImageOfMiB(4); }
-  EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 4 * kMiB);
-  ImageFactory::GetInstance().GetImageList()->OnSceneClosed();
-  EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 0u);
 }
 
 TEST_F(PlaneCache, AnUnusableLimitTurnsTheCacheOff) {
