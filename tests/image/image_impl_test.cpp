@@ -133,10 +133,11 @@ TEST(ImageImpl, DownSamplingBackup) {
   impl->Plane().Data()[7] = 42;
   impl->CreateBackupDownSampling();
   impl->Plane().Data()[7] = 1;
-  impl->Plane().Alloc(333, 1, IT_Grayscale8, gamma::sRGB);
-  EXPECT_EQ(impl->DownSamplingRate(), 3);
-  impl->Plane().Alloc(400, 1, IT_Grayscale8, gamma::sRGB);
-  EXPECT_EQ(impl->DownSamplingRate(), 3);  // 2.5 rounds up
+  // 1000 / 333 and 2.5, rounded to the nearest.
+  for (const int width : {333, 400}) {
+    impl->Plane().Alloc(width, 1, IT_Grayscale8, gamma::sRGB);
+    EXPECT_EQ(impl->DownSamplingRate(), 3) << width;
+  }
   int width = 0, height = 0;
   impl->OriginalSize(width, height);
   EXPECT_EQ(width * 10000 + height, 1000 * 10000 + 2);
