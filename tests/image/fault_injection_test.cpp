@@ -106,8 +106,8 @@ TEST(FaultInjection, TheArmedAllocationAloneFailsAndLeavesItsPlaneAsItWas) {
     EXPECT_EQ(testing::PlaneAllocationsBeforeFailure(), 0) << "a failure that fired disarms itself";
     EXPECT_NO_THROW(PixelPlane(2, 2, IT_RGB8, gamma::sRGB));
   }
-  EXPECT_TRUE(plane.Width() == 3 && plane.Height() == 2 && plane.Type() == IT_RGB8 && plane.ByteSize() == 24);
-  EXPECT_TRUE(PlaneBytes(plane) == Bytes(24, 0));
+  EXPECT_TRUE(plane.Width() == 3 && plane.Height() == 2 && plane.Type() == IT_RGB8 &&
+              plane.ByteSize() == 24 && PlaneBytes(plane) == Bytes(24, 0));
   { const testing::ScopedPlaneAllocationFailure failure(1); }
   EXPECT_NO_THROW(plane.Alloc(4, 4, IT_RGB8, gamma::sRGB)) << "leaving the scope disarms";
 }

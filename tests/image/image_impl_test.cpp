@@ -30,9 +30,9 @@ bool Listed(const ImageImpl* impl) {
 TEST(ImageImpl, NewImplementationsAreZeroedAndRegisteredWhenLargerThanOnePixelOrGivenARelativePath) {
   auto big = Hold(NewImpl(5, 3, IT_RGBA16)), tiny = Hold(NewImpl(1, 1)), relative = Hold(NewImpl(1, 1));
   const unsigned char* bytes = big->Plane().Data();
-  EXPECT_EQ(std::count(bytes, bytes + 40, 0), 40);
-  EXPECT_TRUE(Listed(big.get()) && !Listed(tiny.get()) && big->UniqueId() != tiny->UniqueId());
-  EXPECT_TRUE(big->Synchronized() && !big->IsWorkCopy() && big->GetPtype() == PT_UNDEFINED);
+  EXPECT_TRUE(std::count(bytes, bytes + 40, 0) == 40 && Listed(big.get()) && !Listed(tiny.get()) &&
+              big->UniqueId() != tiny->UniqueId() && big->Synchronized() && !big->IsWorkCopy() &&
+              big->GetPtype() == PT_UNDEFINED);
   // A relative path is kept as given when the file is nowhere, and made absolute when it is found in the
   // current directory.
   tiny->SetFilePath(ZELPath(L"/nowhere/brick.png"));
@@ -66,9 +66,8 @@ TEST(ImageImpl, VersionChainsShareOneRecordAndReleaseTheirVersions) {
   // With the second version held elsewhere, releasing the first frees only the first; the last release
   // frees the rest of the chain, and every freed version leaves the list.
   second->AddRef();
-  EXPECT_TRUE(!first->RemoveRef() && first->RemoveRef());
-  EXPECT_TRUE(destroyed.load() == 2 && Listed(second) && Listed(third));
-  EXPECT_TRUE(second->RemoveRef());
+  EXPECT_TRUE(!first->RemoveRef() && first->RemoveRef() && destroyed.load() == 2 && Listed(second) &&
+              Listed(third) && second->RemoveRef());
   EXPECT_TRUE(destroyed.load() == 4 && !Listed(second) && !Listed(third));
 }
 
@@ -98,8 +97,8 @@ TEST(ImageImpl, MipChainsAndTheirSelection) {
   EXPECT_TRUE(levels[2].Gamma() == GammaValue(2.2f) && impl->MipMapLevels_Gamma() == 9);
   EXPECT_EQ(&impl->MipGamma(3), &impl->Plane()) << "invalid levels read level 0";
   impl->ValidateMipMaps(true, false);
-  EXPECT_TRUE(&impl->MipGamma(3) == &levels[2] && &impl->MipGamma(20) == &levels.back());
-  EXPECT_TRUE(&impl->MipGamma(0) == &impl->Plane() && &impl->MipNoGamma(3) == &impl->Plane());
+  EXPECT_TRUE(&impl->MipGamma(3) == &levels[2] && &impl->MipGamma(20) == &levels.back() &&
+              &impl->MipGamma(0) == &impl->Plane() && &impl->MipNoGamma(3) == &impl->Plane());
   impl->AllocateMipMapNoGamma();
   EXPECT_EQ(impl->MipNoGamma(1).Gamma(), gamma::Linear) << "the linear chain is separate";
   // Gamma changes invalidate the gamma chain only; "not set" and 0 are ignored.
@@ -143,8 +142,8 @@ TEST(ImageImpl, DownSamplingBackup) {
   EXPECT_EQ(width * 10000 + height, 1000 * 10000 + 2);
   impl->AllocateMipMapGamma();
   impl->ReloadBackupDownSampling();
-  EXPECT_TRUE(impl->Width() == 1000 && impl->Height() == 2 && impl->Plane().Data()[7] == 42);
-  EXPECT_TRUE(!impl->ValidMipMapsGamma() && impl->HasDownSamplingBackup());
+  EXPECT_TRUE(impl->Width() == 1000 && impl->Height() == 2 && impl->Plane().Data()[7] == 42 &&
+              !impl->ValidMipMapsGamma() && impl->HasDownSamplingBackup());
   impl->Plane().Alloc(0, 0, IT_Grayscale8, gamma::sRGB);
   EXPECT_EQ(impl->DownSamplingRate(), 0);
 }
@@ -201,8 +200,8 @@ TEST(ImageImpl, FileTrackingAndGammaChangeLog) {
   EXPECT_FALSE(impl->IImplTestFileExists());
   folder.Write("brick.png");
   testing_support::Touch(file);
-  EXPECT_TRUE(!impl->IImplTestFileExists() && impl->IsUpToDate());
-  EXPECT_TRUE(other->IImplTestFileExists(file) && !other->IImplTestFileExists(ZELPath(L"/no/such.png")));
+  EXPECT_TRUE(!impl->IImplTestFileExists() && impl->IsUpToDate() && other->IImplTestFileExists(file) &&
+              !other->IImplTestFileExists(ZELPath(L"/no/such.png")));
 
   // One line per change of gamma.
   other->SetFilePath(ZELPath(L"/maps/brick.png"));

@@ -122,20 +122,19 @@ TEST_F(ImageListFiles, UpdateReloadsFilesChangedOnDiskAndHandlesFollow) {
   EXPECT_FALSE(list_.Update(old, Force(false)));
   folder_.Write("rock.txt", "2 2 0.75 1");
   Touch(path);
-  EXPECT_TRUE(list_.Update(old, Force(false)) && !old->IsMostRecentVersion());
-  EXPECT_TRUE(image.UpdateImage() && !image.UpdateImage());
+  EXPECT_TRUE(list_.Update(old, Force(false)) && !old->IsMostRecentVersion() && image.UpdateImage() &&
+              !image.UpdateImage());
   EXPECT_NEAR(Grey(image), 0.75f, 1.0f / 255);
   // Forced, an unchanged file is read again; a file that cannot be read leaves the version in place, and
   // so does a missing reader.
   const int reads = TextPictures::reads.load();
-  EXPECT_TRUE(list_.Update(image.GetImpl(), Force(true)) && TextPictures::reads.load() == reads + 1);
-  EXPECT_TRUE(TextPictures::lastOptions.isReload && TextPictures::lastOptions.bypassReaderCache);
+  EXPECT_TRUE(list_.Update(image.GetImpl(), Force(true)) && TextPictures::reads.load() == reads + 1 &&
+              TextPictures::lastOptions.isReload && TextPictures::lastOptions.bypassReaderCache);
   image.UpdateImage();
   folder_.Write("rock.txt", "broken");
   EXPECT_FALSE(list_.Update(image.GetImpl(), Force(true)));
   ImageFactory::GetInstance().SetAdditionalFeaturesFunc(nullptr);
-  EXPECT_FALSE(list_.DoUpdate(image.GetImpl()));
-  EXPECT_TRUE(image.GetImpl()->IsMostRecentVersion());
+  EXPECT_TRUE(!list_.DoUpdate(image.GetImpl()) && image.GetImpl()->IsMostRecentVersion());
   EXPECT_NEAR(Grey(image), 0.75f, 1.0f / 255);
 }
 
@@ -163,8 +162,8 @@ TEST_F(ImageListFiles, UpdateSynchronizedReloadsAndShortensChainsAndReducedTextu
   reduced.GetImplRef().CreateBackupDownSampling();
   reduced.GetImplRef().Plane().Alloc(4, 2, IT_RGB8, gamma::Linear);
   Touch(big);
-  EXPECT_TRUE(list_.Update(reduced.GetImpl(), Force(false)) && reduced.UpdateImage());
-  EXPECT_EQ(reduced.Width() * 10 + reduced.Height(), 42);
+  EXPECT_TRUE(list_.Update(reduced.GetImpl(), Force(false)) && reduced.UpdateImage() &&
+              reduced.Width() * 10 + reduced.Height() == 42);
 }
 
 TEST_F(ImageListFiles, LoadSharesAnUpToDateRegisteredVersionButNoPlaceholderOrWorkCopy) {
@@ -173,9 +172,9 @@ TEST_F(ImageListFiles, LoadSharesAnUpToDateRegisteredVersionButNoPlaceholderOrWo
   Image second, third, none;
   // Known under another name too.
   first.AddOriginalLocation(ZELString(L"/elsewhere/brick.txt"));
-  EXPECT_TRUE(Load(second, path, IT_RGB8) && Load(third, ZELPath(L"/elsewhere/brick.txt"), IT_RGB8));
-  EXPECT_TRUE(second.GetImpl() == first.GetImpl() && third.GetImpl() == first.GetImpl());
-  EXPECT_FALSE(Load(none, ZELPath(), IT_RGB8) || Load(none, path, IT_UNDEFINED));
+  EXPECT_TRUE(Load(second, path, IT_RGB8) && Load(third, ZELPath(L"/elsewhere/brick.txt"), IT_RGB8) &&
+              second.GetImpl() == first.GetImpl() && third.GetImpl() == first.GetImpl() &&
+              !(Load(none, ZELPath(), IT_RGB8) || Load(none, path, IT_UNDEFINED)));
   EXPECT_FALSE(Load(none, ZELPath(L"/nonexistent/other.txt"), IT_RGB8));
   Touch(path);
   EXPECT_FALSE(Load(none, path, IT_RGB8)) << "a changed file is not shared";
@@ -185,8 +184,7 @@ TEST_F(ImageListFiles, LoadSharesAnUpToDateRegisteredVersionButNoPlaceholderOrWo
   std::unique_ptr<Image> work(original.DeepCopy());
   work->UpdateLastModif();
   original.Reset();
-  EXPECT_FALSE(Load(none, tiny, IT_RGB8) || Load(none, worked, IT_RGB8));
-  EXPECT_TRUE(none.IsEmpty());
+  EXPECT_TRUE(!(Load(none, tiny, IT_RGB8) || Load(none, worked, IT_RGB8)) && none.IsEmpty());
 }
 
 // Another thread's lookup must never be handed a version whose pixels are still being written.
@@ -197,8 +195,7 @@ TEST_F(ImageListFiles, AVersionIsFoundOnlyOnceItsWriterHasFinishedIt) {
     Image converting(original), other;
     const std::unique_ptr<Image> keeper(converting.ShallowCopy());
     converting.NewImplFromExisting(IT_RGBA32f, gamma::Linear, CAI_Care, keeper.get(), pixels);
-    EXPECT_FALSE(list_.Contains(converting.GetImpl()));
-    EXPECT_FALSE(Load(other, path, IT_RGBA32f));
+    EXPECT_TRUE(!list_.Contains(converting.GetImpl()) && !Load(other, path, IT_RGBA32f));
     converting.GetImplRef().PixelsWritten();
     EXPECT_TRUE(Load(other, path, IT_RGBA32f) && other.GetImpl() == converting.GetImpl());
   }
@@ -218,8 +215,7 @@ TEST_F(ImageListFiles, AVersionIsFoundOnlyOnceItsWriterHasFinishedIt) {
     SCOPED_TRACE(i);
     Image changed(original);
     operations[i](changed);
-    EXPECT_NE(changed.GetImpl(), original.GetImpl());
-    EXPECT_TRUE(list_.Contains(changed.GetImpl()));
+    EXPECT_TRUE(changed.GetImpl() != original.GetImpl() && list_.Contains(changed.GetImpl()));
   }
 }
 
@@ -230,8 +226,8 @@ TEST_F(ImageListFiles, LoadFallsBackToAnotherFormatAndConvertsIt) {
   EXPECT_EQ(rgba.ImageType(), IT_RGBA8) << "the shared version is untouched";
   EXPECT_FLOAT_EQ(Grey(rgb), Grey(rgba));
   // 16-bit grey may not stand on 8-bit colour; 8-bit grey may.
-  EXPECT_FALSE(Load(grey, path, IT_Grayscale16));
-  EXPECT_TRUE(Load(grey, path, IT_Grayscale8) && grey.ImageType() == IT_Grayscale8);
+  EXPECT_TRUE(!Load(grey, path, IT_Grayscale16) && Load(grey, path, IT_Grayscale8) &&
+              grey.ImageType() == IT_Grayscale8);
   EXPECT_NEAR(Grey(grey), Grey(rgba), 1.0f / 255);
 }
 
@@ -239,8 +235,8 @@ TEST_F(ImageListFiles, ReplaceReachesEveryFormatOfTheFile) {
   const ZELPath path = folder_.Write("wall.txt", "4 4 0.2 1");
   Image colour = ReadPicture(path, IT_RGB8), grey = ReadPicture(path, IT_Grayscale16);
   list_.Replace(path, ReadPicture(folder_.Write("new_wall.txt", "4 4 0.8 1"), IT_RGBA8));
-  EXPECT_TRUE(colour.UpdateImage() && grey.UpdateImage());
-  EXPECT_TRUE(colour.ImageType() == IT_RGB8 && grey.ImageType() == IT_Grayscale16);
+  EXPECT_TRUE(colour.UpdateImage() && grey.UpdateImage() && colour.ImageType() == IT_RGB8 &&
+              grey.ImageType() == IT_Grayscale16);
   EXPECT_NEAR(Grey(colour), 0.8f, 1.0f / 255);
   EXPECT_NEAR(Grey(grey), 0.8f, 1.0f / 255);
   // Replacing from a file, and the no-loop link.

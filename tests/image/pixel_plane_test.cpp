@@ -25,8 +25,8 @@ TEST(PixelPlane, RowsArePaddedToFourBytes) {
                 plane.PixelAddress(2, 1) - plane.Data() == c.bytesPerLine + 2 * plane.BytesPerPixel());
   }
   PixelPlane empty, undefined(3, 2, IT_UNDEFINED, gamma::Linear);
-  EXPECT_TRUE(empty.Type() == IT_UNDEFINED && empty.Gamma() == gamma::NotSet && !empty.IsAllocated());
-  EXPECT_EQ(undefined.BytesPerPixel() + undefined.ByteSize(), 0u);
+  EXPECT_TRUE(empty.Type() == IT_UNDEFINED && empty.Gamma() == gamma::NotSet && !empty.IsAllocated() &&
+              undefined.BytesPerPixel() + undefined.ByteSize() == 0u);
   // Impossible sizes throw and leave the plane as it was.
   PixelPlane plane(2, 2, IT_RGB8, gamma::sRGB);
   EXPECT_THROW(plane.Alloc(1 << 30, 1 << 30, IT_RGBA32f, gamma::Linear), std::bad_alloc);
@@ -48,9 +48,9 @@ TEST(PixelPlane, CopiesOnlyBetweenPlanesOfTheSameShapeMovesTakeEverythingAndRGEn
 
   const unsigned char* bytes = source.Data();
   PixelPlane moved(std::move(source));
-  EXPECT_TRUE(moved.Data() == bytes && source.Data() == nullptr && source.Type() == IT_UNDEFINED);
-  EXPECT_TRUE(moved.BytesPerLine() == 12 && moved.Width() == 3 && moved.Height() == 2);
-  EXPECT_EQ(moved.PixelAddress(1, 1), bytes + 15);
+  EXPECT_TRUE(moved.Data() == bytes && source.Data() == nullptr && source.Type() == IT_UNDEFINED &&
+              moved.BytesPerLine() == 12 && moved.Width() == 3 && moved.Height() == 2 &&
+              moved.PixelAddress(1, 1) == bytes + 15);
 
   PixelPlane rgba(1, 1, IT_RGBA8, gamma::sRGB), grey(1, 1, IT_Grayscale16, gamma::sRGB);
   rgba.SetRGEncoded(true);

@@ -40,18 +40,18 @@ TEST(ImageTransformations, AnglesAndQuarterTurns) {
   // plane, (1, 2) is stored (2, 0) after a quarter turn and (1, 1) after three quarters; (1, 0) after a
   // half turn is (2, 1).
   const ImageTransformations quarter = Rotated(90);
-  EXPECT_EQ(Point(quarter.TransformedWidth(4, 2), quarter.TransformedHeight(4, 2)), Point(2, 4));
-  EXPECT_EQ(Point(quarter.TransformedWidth(4, 2, 2), quarter.TransformedHeight(4, 2, 40)), Point(1, 1));
-  EXPECT_EQ(Map(quarter, 4, 2, 1, 2, ATO_TransformedFrame | ATO_Geometry), Point(2, 0));
-  EXPECT_EQ(Map(Rotated(270), 4, 2, 1, 2, ATO_TransformedFrame), Point(1, 1));
-  EXPECT_EQ(Map(Rotated(180), 4, 2, 1, 0, ATO_TransformedFrame), Point(2, 1));
+  EXPECT_TRUE(Point(quarter.TransformedWidth(4, 2), quarter.TransformedHeight(4, 2)) == Point(2, 4) &&
+              Point(quarter.TransformedWidth(4, 2, 2), quarter.TransformedHeight(4, 2, 40)) == Point(1, 1) &&
+              Map(quarter, 4, 2, 1, 2, ATO_TransformedFrame | ATO_Geometry) == Point(2, 0));
+  EXPECT_TRUE(Map(Rotated(270), 4, 2, 1, 2, ATO_TransformedFrame) == Point(1, 1) &&
+              Map(Rotated(180), 4, 2, 1, 0, ATO_TransformedFrame) == Point(2, 1));
   // Stored frame: (3, 1) turns to (1, 0), then stretches to (trunc(1 * 4 / 2), trunc(0 * 2 / 4)).
-  EXPECT_EQ(Map(quarter, 4, 2, 3, 1, ATO_Geometry), Point(2, 0));
-  EXPECT_EQ(Map(quarter, 4, 2, 3, 1, ATO_ExposureContrast | ATO_Inversions), Point(3, 1));
+  EXPECT_TRUE(Map(quarter, 4, 2, 3, 1, ATO_Geometry) == Point(2, 0) &&
+              Map(quarter, 4, 2, 3, 1, ATO_ExposureContrast | ATO_Inversions) == Point(3, 1));
   // Other angles are carried and count as a transformation, but only mirror.
   const ImageTransformations odd = Rotated(45, true);
-  EXPECT_EQ(Map(odd, 4, 2, 0, 1, ATO_Geometry), Point(3, 1));
-  EXPECT_TRUE(odd.HasTransformationsOtherThan(ImageTransformations::kAllFlags));
+  EXPECT_TRUE(Map(odd, 4, 2, 0, 1, ATO_Geometry) == Point(3, 1) &&
+              odd.HasTransformationsOtherThan(ImageTransformations::kAllFlags));
 }
 
 // Colour and normal inversion exclude each other, so InvertColor twice undoes itself only when normal

@@ -72,24 +72,21 @@ TEST(KORDib24, FillsTouchOnlyTheirChannels) {
   for (int i = 0; i < 6; ++i)
     EXPECT_EQ(bitmap.GetPixel(i % 3, i / 3).ToCLR(), CLR(10, 20, 30));
   bitmap.FillWithTransparency(77);
-  EXPECT_EQ(AlphaOf(bitmap), Bytes(6, 77));
-  EXPECT_EQ(bitmap.GetPixel(2, 1), CLRA(10, 20, 30, 77));
+  EXPECT_TRUE(AlphaOf(bitmap) == Bytes(6, 77) && bitmap.GetPixel(2, 1) == CLRA(10, 20, 30, 77));
 }
 
 TEST(KORDib24, AlphaOperationsDoNothingWithoutMeaningfulAlpha) {
   KORDib24 bitmap = Patterned(4, 3, static_cast<unsigned char>(~KORDib24::kAlphaMeaningful));
   const Bytes before = PixelsOf(bitmap);
-  EXPECT_FALSE(bitmap.InvertAlpha());
-  EXPECT_FALSE(bitmap.ExtractAlphaChannel().has_value());
-  EXPECT_FALSE(bitmap.GetBlurredAlphaMask(2, 2, 8).has_value());
+  EXPECT_TRUE(!bitmap.InvertAlpha() && !bitmap.ExtractAlphaChannel().has_value() &&
+              !bitmap.GetBlurredAlphaMask(2, 2, 8).has_value());
   EXPECT_FALSE(bitmap.AddBevel(0.5f, 1, 3.0f, 8));
   bitmap.FillBackGroundWithColor(CLR(1, 2, 3));
   EXPECT_EQ(PixelsOf(bitmap), before);
 
   bitmap.SetFlags(KORDib24::kAlphaMeaningful);
   const Bytes alpha = AlphaOf(bitmap);
-  EXPECT_EQ(bitmap.ExtractAlphaChannel(), alpha);
-  EXPECT_TRUE(bitmap.InvertAlpha());
+  EXPECT_TRUE(bitmap.ExtractAlphaChannel() == alpha && bitmap.InvertAlpha());
   for (std::size_t i = 0; i < alpha.size(); ++i)
     EXPECT_EQ(AlphaOf(bitmap)[i], 255 - alpha[i]);
 }
@@ -138,9 +135,8 @@ TEST(KORDib24, BevelShadesBySlopeFromTheLightAndKeepsAlphaOnlyWhereFlat) {
   // One row: the slope of the mask is +255 then -255; lit from angle 0 the shade is the slope itself.
   KORDib24 lit = WithAlpha(4, 1, {0, 255, 255, 0});
   ASSERT_TRUE(lit.AddBevel(0.0f, 0, 1.0f, 4));
-  EXPECT_EQ(lit.GetPixel(0, 0), CLRA(100, 100, 100, 0));
-  EXPECT_EQ(lit.GetPixel(1, 0), CLRA(255, 255, 255, 0));
-  EXPECT_EQ(lit.GetPixel(2, 0), CLRA(100, 100, 100, 255));
+  EXPECT_TRUE(lit.GetPixel(0, 0) == CLRA(100, 100, 100, 0) && lit.GetPixel(1, 0) == CLRA(255, 255, 255, 0) &&
+              lit.GetPixel(2, 0) == CLRA(100, 100, 100, 255));
   EXPECT_EQ(lit.GetPixel(3, 0), CLRA(0, 0, 0, 0));
   // From the opposite side the shades change sign; a column responds to the sine instead.
   KORDib24 opposite = WithAlpha(4, 1, {0, 255, 255, 0});
@@ -177,8 +173,7 @@ TEST(KORDib24Chunk, KeptChunksAreWrittenBackByteForByteAndOnlyPreviewChunksAreRe
     other.WriteTyped<unsigned char>(0);
   }
   other.Rewind();
-  EXPECT_FALSE(keeper.Read(&other, false));
-  EXPECT_EQ(PixelsOf(keeper), PixelsOf(source));
+  EXPECT_TRUE(!keeper.Read(&other, false) && PixelsOf(keeper) == PixelsOf(source));
 }
 
 // A preview chunk holding flags (when given), a size and `rest`.
@@ -209,8 +204,9 @@ TEST(KORDib24Chunk, EmptySizesOldVersionsAndTheHostHook) {
   KORDib24 bitmap = Patterned(3, 3, 0x7);
   ZELMemoryStream empty(ChunkOf(0, 5, 0x3));
   ASSERT_TRUE(bitmap.Read(&empty, false));
-  EXPECT_EQ(std::make_tuple(bitmap.Width(), bitmap.Height(), bitmap.GetFlags()), std::make_tuple(1, 1, 0));
-  EXPECT_EQ(PixelsOf(bitmap), Bytes(4, 0));
+  EXPECT_TRUE(std::make_tuple(bitmap.Width(), bitmap.Height(), bitmap.GetFlags()) ==
+                  std::make_tuple(1, 1, 0) &&
+              PixelsOf(bitmap) == Bytes(4, 0));
 
   // The oldest format without a hook: white, then the stored flags.
   ZELMemoryStream old(ChunkOf(3, 2, 0x4), ZELByteOrder::LittleEndian, 449);
@@ -223,15 +219,14 @@ TEST(KORDib24Chunk, EmptySizesOldVersionsAndTheHostHook) {
   fptrReadGifHeaderPreview = PaintGreen;
   ZELMemoryStream hooked(ChunkOf(9, 9, -1, encoded.Bytes()), ZELByteOrder::LittleEndian, 300);
   bitmap.SetFlags(0x11);
-  EXPECT_TRUE(bitmap.Read(&hooked, false));
-  EXPECT_EQ(std::make_tuple(bitmap.Width(), bitmap.Height(), bitmap.GetFlags()), std::make_tuple(2, 3, 0));
+  EXPECT_TRUE(bitmap.Read(&hooked, false) && std::make_tuple(bitmap.Width(), bitmap.Height(),
+                                                             bitmap.GetFlags()) == std::make_tuple(2, 3, 0));
   ZELMemoryStream flagged(ChunkOf(9, 9, 0x11, encoded.Bytes()), ZELByteOrder::LittleEndian, 300);
-  EXPECT_TRUE(bitmap.Read(&flagged, false));
-  EXPECT_TRUE(bitmap.GetFlags() == 0x11 && bitmap.GetPixel(1, 2).ToCLR() == CLR(0, 255, 0));
+  EXPECT_TRUE(bitmap.Read(&flagged, false) && bitmap.GetFlags() == 0x11 &&
+              bitmap.GetPixel(1, 2).ToCLR() == CLR(0, 255, 0));
   const Bytes before = PixelsOf(bitmap);
   ZELMemoryStream refused(ChunkOf(9, 9, 0x1), ZELByteOrder::LittleEndian, 300);
-  EXPECT_FALSE(bitmap.Read(&refused, false));
-  EXPECT_TRUE(PixelsOf(bitmap) == before && bitmap.GetFlags() == 0x11);
+  EXPECT_TRUE(!bitmap.Read(&refused, false) && PixelsOf(bitmap) == before && bitmap.GetFlags() == 0x11);
   fptrReadGifHeaderPreview = nullptr;
 }
 

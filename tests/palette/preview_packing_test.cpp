@@ -233,8 +233,8 @@ TEST(PreviewPacking, EmptyBlocksAnywhereAndAPartialAlphaPlaneAreAccepted) {
     KORDib24 target = Sentinel();
     ASSERT_TRUE(ReadAndUnpackPreview(6, 5, &target, &partial));
     EXPECT_EQ(target.GetFlags(), alphaBytes == 30 ? 0x7 : 0x6) << "the other flag bits stay";
-    EXPECT_EQ(target.GetPixel(0, 0), CLRA(0x33, 0x22, 0x11, 0x99));
-    EXPECT_EQ(target.GetPixel(5, 4), CLRA(0x33, 0x22, 0x11, alphaBytes == 30 ? 0x99 : 0x00));
+    EXPECT_TRUE(target.GetPixel(0, 0) == CLRA(0x33, 0x22, 0x11, 0x99) &&
+                target.GetPixel(5, 4) == CLRA(0x33, 0x22, 0x11, alphaBytes == 30 ? 0x99 : 0x00));
   }
 }
 
@@ -288,17 +288,16 @@ TEST(PreviewPacking, APaletteFormPromisingMoreRowsThanItHoldsAllocatesNothing) {
   stream.Rewind();
   KORDib24 read = Sentinel();
   const AllocationTracker tracker;
-  EXPECT_FALSE(read.QuantizedRead(&stream));
-  EXPECT_TRUE(stream.GetError().Tag() == kPreviewTooLarge && tracker.Total() < 4096u);
-  EXPECT_TRUE(IsSentinel(read));
+  EXPECT_TRUE(!read.QuantizedRead(&stream) && stream.GetError().Tag() == kPreviewTooLarge &&
+              tracker.Total() < 4096u && IsSentinel(read));
 }
 
 TEST(PreviewPacking, WritersRefuseSizesTheBitmapDoesNotHave) {
   const KORDib24 bitmap(4, 4);
   ZELMemoryStream stream;
-  EXPECT_FALSE(PackAndWritePreview(0, 4, &bitmap, &stream, true));
-  EXPECT_FALSE(PackAndWritePreview(5, 4, &bitmap, &stream, false));
-  EXPECT_FALSE(WriteQuantizedPreview(4, 8, &bitmap, &stream));
+  EXPECT_TRUE(!PackAndWritePreview(0, 4, &bitmap, &stream, true) &&
+              !PackAndWritePreview(5, 4, &bitmap, &stream, false) &&
+              !WriteQuantizedPreview(4, 8, &bitmap, &stream));
   EXPECT_TRUE(stream.Bytes().empty());
 }
 
