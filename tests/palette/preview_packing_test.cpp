@@ -4,7 +4,9 @@
 
 #include <zlib.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <random>
 #include <set>
 
@@ -12,8 +14,22 @@
 #include "imagery/preview_packing.h"
 #include "imagery/quantizer.h"
 #include "imagery_host/stream.h"
-#include "palette/allocation_tracker.h"
 #include "palette/palette_support.h"
+
+// What operator new hands out on the calling thread while an AllocationTracker is alive, so that readers
+// can be held to what their input justifies. The array, sized and non-throwing forms the standard library
+// provides go through the replaced functions at the end of this file.
+namespace {
+thread_local int tracking = 0;
+thread_local std::size_t tracked = 0;
+
+struct AllocationTracker {
+  AllocationTracker() { ++tracking, tracked = 0; }
+  ~AllocationTracker() { --tracking; }
+  // Every request since construction: an upper bound of the peak.
+  std::size_t Total() const { return tracked; }
+};
+}  // namespace
 
 namespace imagery {
 namespace {
@@ -303,3 +319,18 @@ TEST(PreviewPacking, WritersRefuseSizesTheBitmapDoesNotHave) {
 
 }  // namespace
 }  // namespace imagery
+
+void* operator new(std::size_t size) {
+  if (tracking > 0)
+    tracked += size;
+  void* p = std::malloc(size ? size : 1);
+  if (p == nullptr)
+    throw std::bad_alloc();
+  return p;
+}
+void operator delete(void* p) noexcept {
+  std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+  std::free(p);
+}
