@@ -18,11 +18,10 @@
 namespace imagery {
 namespace {
 
-using palette_testing::Bytes;
-using palette_testing::PixelsOf;
+using namespace palette_testing;
 
 KORDib24 Patterned(int width, int height, unsigned char flags) {
-  return palette_testing::RandomBitmap(width, height, static_cast<unsigned>(width * 100 + height), flags);
+  return RandomBitmap(width, height, static_cast<unsigned>(width * 100 + height), flags);
 }
 
 // A bitmap with meaningful alpha given row by row.
@@ -235,8 +234,6 @@ TEST(KORDib24Chunk, EmptySizesOldVersionsAndTheHostHook) {
   EXPECT_TRUE(!bitmap.Read(&refused, false) && PixelsOf(bitmap) == before && bitmap.GetFlags() == 0x11);
   fptrReadGifHeaderPreview = nullptr;
 }
-
-using namespace palette_testing;
 
 struct FrameRun {
   bool result = false;
