@@ -34,11 +34,11 @@ TEST(HLS, KnownColoursRoundTripsAndBrighterThanWhite) {
   EXPECT_TRUE(HLSCLR(RGB(1.0f, 0.0f, 0.0f)) == HLSCLR(0.0f, 0.5f, 1.0f) &&
               ToCLRFLOAT(HLSCLR(0.0f, 0.5f, 0.0f)) == RGB(0.5f, 0.5f, 0.5f));
   EXPECT_NEAR(HLSCLR(RGB(1.0f, 0.0f, 1.0f)).h, 5.0f / 6.0f, 1e-6f);
-  EXPECT_EQ(ToCLRFLOAT(HLSCLR(0.3f, -0.1f, 1.0f)), RGB(0.0f, 0.0f, 0.0f));
-  EXPECT_TRUE(Near(ToCLRFLOAT(HLSCLR(-0.75f, 0.4f, 0.7f)), ToCLRFLOAT(HLSCLR(0.25f, 0.4f, 0.7f)), 1e-6f));
+  EXPECT_TRUE(ToCLRFLOAT(HLSCLR(0.3f, -0.1f, 1.0f)) == RGB(0.0f, 0.0f, 0.0f) &&
+              Near(ToCLRFLOAT(HLSCLR(-0.75f, 0.4f, 0.7f)), ToCLRFLOAT(HLSCLR(0.25f, 0.4f, 0.7f)), 1e-6f));
   // A known answer computed independently from the start value 37 and the 64-bit combine step.
-  EXPECT_EQ(hash_value(HLSCLR(0.25f, 0.5f, 1.0f)), 0x8f3f6fcc72158dc0ull);
-  EXPECT_EQ(hash_value(HLSCLR(0.0f, 0.5f, 0.0f)), hash_value(HLSCLR(-0.0f, 0.5f, -0.0f)));
+  EXPECT_TRUE(hash_value(HLSCLR(0.25f, 0.5f, 1.0f)) == 0x8f3f6fcc72158dc0ull &&
+              hash_value(HLSCLR(0.0f, 0.5f, 0.0f)) == hash_value(HLSCLR(-0.0f, 0.5f, -0.0f)));
   std::mt19937 random(11);
   std::uniform_real_distribution<float> unit(0.0f, 1.0f);
   for (int i = 0; i < 20000; ++i) {
@@ -54,9 +54,9 @@ TEST(HLS, KnownColoursRoundTripsAndBrighterThanWhite) {
   back.FromHLSGamma(h, l, s);
   EXPECT_EQ(back.Value(), 0x5A336699u);
   const HLSECLR bright(RGB(2.0f, 1.0f, 0.0f));
-  EXPECT_TRUE(bright.e == 2.0f && HLSECLR(RGB(0.2f, 0.4f, 0.6f)).e == 1.0f);
-  EXPECT_TRUE(Near(HLSCLR(bright).ToRGB(), HLSCLR(RGB(1.0f, 0.5f, 0.0f)).ToRGB(), 1e-6f));
-  EXPECT_TRUE(Near(ToCLRFLOAT(bright), {2.0f, 1.0f, 0.0f}, 1e-5f));
+  EXPECT_TRUE(bright.e == 2.0f && HLSECLR(RGB(0.2f, 0.4f, 0.6f)).e == 1.0f &&
+              Near(HLSCLR(bright).ToRGB(), HLSCLR(RGB(1.0f, 0.5f, 0.0f)).ToRGB(), 1e-6f) &&
+              Near(ToCLRFLOAT(bright), {2.0f, 1.0f, 0.0f}, 1e-5f));
   EXPECT_EQ(ToCLRFLOAT(HLSECLR(0.0f, 0.5f, 0.0f, -3.0f)), RGB(0.0f, 0.0f, 0.0f));
 }
 

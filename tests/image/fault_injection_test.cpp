@@ -6,11 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <new>
 #include <string>
+#include <tuple>
 
 #include "imagery/blur.h"
 #include "imagery/channel_ops.h"
@@ -25,6 +25,7 @@
 #include "imagery_host/stream.h"
 #include "support/image_support.h"
 #include "support/random_image.h"
+#include "support/text_picture.h"
 
 namespace imagery {
 namespace {
@@ -35,31 +36,10 @@ using testing_support::RandomImage;
 // Answers false when the operation reported a failure without throwing.
 using Operation = std::function<bool(Image&)>;
 
-struct State {
-  explicit State(const Image& image)
-      : impl(image.GetImpl()),
-        type(image.ImageType()),
-        width(image.Width()),
-        height(image.Height()),
-        gamma(image.GetGamma()),
-        bytes(PlaneBytes(image)),
-        backup(image.GetImplRef().HasDownSamplingBackup()) {}
-  const ImageImpl* impl;
-  EImageType type;
-  int width, height;
-  GammaValue gamma;
-  Bytes bytes;
-  bool backup;
-};
-
-void ExpectUnchanged(const Image& image, const State& before, const std::string& what) {
-  EXPECT_EQ(image.GetImpl(), before.impl) << what;
-  EXPECT_EQ(image.ImageType(), before.type) << what;
-  EXPECT_EQ(image.Width(), before.width) << what;
-  EXPECT_EQ(image.Height(), before.height) << what;
-  EXPECT_EQ(image.GetGamma(), before.gamma) << what;
-  EXPECT_TRUE(PlaneBytes(image) == before.bytes) << what << ": pixels changed";
-  EXPECT_EQ(image.GetImplRef().HasDownSamplingBackup(), before.backup) << what;
+// Everything a failed operation must leave as it was.
+auto StateOf(const Image& image) {
+  return std::make_tuple(image.GetImpl(), image.ImageType(), image.Width(), image.Height(), image.GetGamma(),
+                         PlaneBytes(image), image.GetImplRef().HasDownSamplingBackup());
 }
 
 // The plane allocations `operation` makes on `image`.
@@ -93,13 +73,12 @@ int FailEachAllocation(const Image& source, const Operation& operation, const st
     const std::string what = name + ", allocation " + std::to_string(k) + " of " + std::to_string(count);
     const std::unique_ptr<Image> image(source.DeepCopy());
     const Image sharer(*image);
-    const State before(*image);
+    const auto before = StateOf(*image);
     const int listed = ImageList::Instance().CountImages();
     bool fired = false;
     EXPECT_TRUE(RunFailing(*image, operation, k, fired)) << what << ": the failure went unreported";
     EXPECT_TRUE(fired) << what << ": the failure never fired";
-    ExpectUnchanged(*image, before, what);
-    ExpectUnchanged(sharer, before, what + " (second handle)");
+    EXPECT_TRUE(StateOf(*image) == before && StateOf(sharer) == before) << what;
     EXPECT_EQ(ImageList::Instance().CountImages(), listed) << what << ": the list holds a new implementation";
   }
   return count;
@@ -127,72 +106,77 @@ TEST(FaultInjection, TheArmedAllocationAloneFailsAndLeavesItsPlaneAsItWas) {
     EXPECT_EQ(testing::PlaneAllocationsBeforeFailure(), 0) << "a failure that fired disarms itself";
     EXPECT_NO_THROW(PixelPlane(2, 2, IT_RGB8, gamma::sRGB));
   }
-  EXPECT_TRUE(plane.Width() == 3 && plane.Height() == 2 && plane.Type() == IT_RGB8 && plane.ByteSize() == 24);
-  EXPECT_TRUE(PlaneBytes(plane) == Bytes(24, 0));
+  EXPECT_TRUE(plane.Width() == 3 && plane.Height() == 2 && plane.Type() == IT_RGB8 &&
+              plane.ByteSize() == 24 && PlaneBytes(plane) == Bytes(24, 0));
   { const testing::ScopedPlaneAllocationFailure failure(1); }
   EXPECT_NO_THROW(plane.Alloc(4, 4, IT_RGB8, gamma::sRGB)) << "leaving the scope disarms";
 }
 
-TEST(FaultInjection, ConversionsLeaveTheImageAsItWas) {
+TEST(FaultInjection, ConversionsChannelOperationsAndCropLeaveTheImageAsItWas) {
   const Image rgba8 = RandomImage(IT_RGBA8, 7, 5, gamma::sRGB, 1);
   const Image rgba32f = RandomImage(IT_RGBA32f, 6, 4, gamma::Linear, 2);
   const Image grey16 = RandomImage(IT_Grayscale16, 5, 6, gamma::Linear, 3);
-  FailEachAllocation(rgba32f, Void([](Image& i) { ToRGB8(i, gamma::sRGB, kKeepAlpha, CAI_Care); }), "ToRGB8");
-  FailEachAllocation(rgba8, Void([](Image& i) { ToRGB16(i, gamma::Linear, kKeepAlpha); }), "ToRGB16");
-  FailEachAllocation(grey16, Void([](Image& i) { ToRGB32f(i, kKeepAlpha); }), "ToRGB32f");
-  FailEachAllocation(rgba32f, Void([](Image& i) { ToRGBEA(i); }), "ToRGBEA");
-  FailEachAllocation(rgba8, Void([](Image& i) {
-                       ToGrayscale8(i, gamma::sRGB, CheckInImageList(true), AutoScaleGrayScale(true),
-                                    InvertGrayRange(false), CAI_Care);
-                     }),
-                     "ToGrayscale8");
-  FailEachAllocation(
-      rgba32f, Void([](Image& i) { ToGrayscale16(i, CheckInImageList(true), AutoScaleGrayScale(false)); }),
-      "ToGrayscale16");
-  FailEachAllocation(
-      rgba8, Void([](Image& i) { ToGrayScale32f(i, CheckInImageList(true), AutoScaleGrayScale(true)); }),
-      "ToGrayScale32f");
+  const Image rgba16 = RandomImage(IT_RGBA16, 5, 5, gamma::Linear, 5);
+  const std::tuple<const char*, const Image*, std::function<void(Image&)>> cases[] = {
+      {"ToRGB8", &rgba32f, [](Image& i) { ToRGB8(i, gamma::sRGB, kKeepAlpha, CAI_Care); }},
+      {"ToRGB16", &rgba8, [](Image& i) { ToRGB16(i, gamma::Linear, kKeepAlpha); }},
+      {"ToRGB32f", &grey16, [](Image& i) { ToRGB32f(i, kKeepAlpha); }},
+      {"ToRGBEA", &rgba32f, [](Image& i) { ToRGBEA(i); }},
+      {"ToGrayscale8", &rgba8,
+       [](Image& i) {
+         ToGrayscale8(i, gamma::sRGB, CheckInImageList(true), AutoScaleGrayScale(true),
+                      InvertGrayRange(false), CAI_Care);
+       }},
+      {"ToGrayscale16", &rgba32f,
+       [](Image& i) { ToGrayscale16(i, CheckInImageList(true), AutoScaleGrayScale(false)); }},
+      {"ToGrayScale32f", &rgba8,
+       [](Image& i) { ToGrayScale32f(i, CheckInImageList(true), AutoScaleGrayScale(true)); }},
+      {"DiscardAlphaInformation", &rgba16,
+       [](Image& i) { DiscardAlphaInformation(i, CheckInImageList(true), CAI_Care); }},
+      {"InvertAlpha", &rgba16, [](Image& i) { InvertAlpha(i, IM_NewImpl); }},
+      {"RGBToBGR", &rgba8, [](Image& i) { RGBToBGR(i, IM_NewImpl); }},
+      {"InvertColorNoGamma", &rgba8, [](Image& i) { InvertColorNoGamma(i, IM_NewImpl); }},
+      {"CropImage", &rgba8,
+       [](Image& i) {
+         CropImage(i, {1, 2}, {4ul, 2ul});
+       }},
+      {"ReframeImage", &rgba16,
+       [](Image& i) {
+         ReframeImage(i, {-2, 1}, {9ul, 3ul});
+       }},
+  };
+  for (const auto& [name, source, operation] : cases)
+    FailEachAllocation(*source, Void(operation), name);
   for (EImageType target : {IT_RGB8, IT_RGBEA, IT_RGBA16, IT_Grayscale32f})
     FailEachAllocation(rgba8, Void([target](Image& i) { ToImageType(i, target, true); }),
                        "ToImageType " + std::to_string(target));
-}
-
-TEST(FaultInjection, ChannelOperationsAndCropLeaveTheImageAsItWas) {
-  const Image rgba8 = RandomImage(IT_RGBA8, 7, 5, gamma::sRGB, 4);
-  const Image rgba16 = RandomImage(IT_RGBA16, 5, 5, gamma::Linear, 5);
-  FailEachAllocation(rgba16,
-                     Void([](Image& i) { DiscardAlphaInformation(i, CheckInImageList(true), CAI_Care); }),
-                     "DiscardAlphaInformation");
   FailEachAllocation(
       rgba8,
       [](Image& i) { return ExtractAlphaInformation(i, CheckInImageList(true), InvertGrayRange(true)); },
       "ExtractAlphaInformation");
-  FailEachAllocation(rgba16, Void([](Image& i) { InvertAlpha(i, IM_NewImpl); }), "InvertAlpha");
-  FailEachAllocation(rgba8, Void([](Image& i) { RGBToBGR(i, IM_NewImpl); }), "RGBToBGR");
-  FailEachAllocation(rgba8, Void([](Image& i) { InvertColorNoGamma(i, IM_NewImpl); }), "InvertColorNoGamma");
-  FailEachAllocation(rgba8, Void([](Image& i) { CropImage(i, {1, 2}, {4ul, 2ul}); }), "CropImage");
-  FailEachAllocation(rgba16, Void([](Image& i) { ReframeImage(i, {-2, 1}, {9ul, 3ul}); }), "ReframeImage");
 }
 
 TEST(FaultInjection, ResampleBlurAndMipMapsLeaveTheImageAsItWas) {
   const Image rgba8 = RandomImage(IT_RGBA8, 12, 9, gamma::sRGB, 6);
   const Image grey = RandomImage(IT_Grayscale32f, 9, 12, gamma::Linear, 7);
-  ResampleOpts options;
-  options.careAboutIncorporation = CAI_Care;
-  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 5, 4, options); }), "Resample down");
-  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 20, 17, options); }), "Resample up");
-  FailEachAllocation(grey, Void([options](Image& i) { Resample(i, 4, 20, options); }),
-                     "Resample down and up");
-  options.keepAspectRatio = true;
-  options.whiteMargin = true;
-  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 7, 7, options); }),
-                     "Resample with margins");
-  // In place, the pixels from before become the implementation's backup: that plane is allocated too.
-  options.implManagement = IM_InPlace;
-  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 8, 8, options); }), "Resample in place");
-  options.keepAspectRatio = false;
-  FailEachAllocation(rgba8, Void([options](Image& i) { Resample(i, 20, 4, options); }),
-                     "Resample in place, up and down");
+  // Size, margins and the in-place form, where the pixels from before become the implementation's backup
+  // (a plane allocated too).
+  const struct {
+    const Image* source;
+    int width, height;
+    bool margins;
+    ImplManagement management;
+  } resamples[] = {{&rgba8, 5, 4, false, IM_NewImpl}, {&rgba8, 20, 17, false, IM_NewImpl},
+                   {&grey, 4, 20, false, IM_NewImpl}, {&rgba8, 7, 7, true, IM_NewImpl},
+                   {&rgba8, 8, 8, true, IM_InPlace},  {&rgba8, 20, 4, false, IM_InPlace}};
+  for (const auto& r : resamples) {
+    ResampleOpts options;
+    options.careAboutIncorporation = CAI_Care;
+    options.keepAspectRatio = options.whiteMargin = r.margins;
+    options.implManagement = r.management;
+    FailEachAllocation(*r.source, Void([&](Image& i) { Resample(i, r.width, r.height, options); }),
+                       "Resample to " + std::to_string(r.width) + " x " + std::to_string(r.height));
+  }
   FailEachAllocation(rgba8, Void([](Image& i) { Blur(i, BuildGaussianBlurKernel(1.5f, 0.8f, 3, 2)); }),
                      "Blur");
   FailEachAllocation(grey, Void([](Image& i) { Blur(i, BuildConstantBlurKernel(2, 1)); }), "Blur grey");
@@ -259,54 +243,18 @@ TEST(FaultInjection, ReadingIncorporatedBitsFailsWithTheStreamErrorAndKeepsTheTa
   }
 }
 
-// Damaged data fails the same way: the target keeps its implementation rather than a placeholder.
-TEST(FaultInjection, AStreamCutShortLeavesTheTargetAsItWas) {
-  const Image written = RandomImage(IT_RGBA8, 6, 5, gamma::Linear, 11);
-  ZELMemoryStream out;
-  ASSERT_TRUE(written.Write(&out, true, false));
-  Bytes bytes = out.Bytes();
-  bytes.resize(bytes.size() - 7);
-  Image target = RandomImage(IT_RGB16, 3, 4, gamma::Linear, 12);
-  const Image sharer(target);
-  const State before(target);
-  ZELMemoryStream in(bytes);
-  EXPECT_FALSE(target.Read(&in, IT_RGBA8));
-  ExpectUnchanged(target, before, "cut stream");
-  ExpectUnchanged(sharer, before, "cut stream (second handle)");
-}
-
-// A picture file is "width height grey alpha"; the reader makes the image the way host readers do,
-// through a handle of its own that it then assigns.
-zel::ErrorCode ReadPicture(Image* image, const ZELPath& path, EImageType type, int*, const ReadOptions&) {
-  std::ifstream in(path.local_string());
-  int width = 0, height = 0;
-  float grey = 0, alpha = 1;
-  if (!(in >> width >> height >> grey >> alpha))
-    return zel::ErrorCode::Io("not a picture");
-  Image loaded(width, height, type, gamma::Linear);
-  for (int i = 0; i < width * height; ++i)
-    loaded.SetPixelRGBA(i % width, i / width, LinearRGBA_T<float>(grey, grey, grey, alpha), ATO_None);
-  // A mip chain makes the reload allocate more than one plane.
-  ComputeMipMapCombined(loaded, nullptr, GammaCorrectFlag(false), MipMapMethod::Standard);
-  loaded.SetFilePath(path);
-  loaded.UpdateLastModif();
-  *image = loaded;
-  return zel::ErrorCode();
-}
-
-class FaultInjectionReload : public ::testing::Test {
+class FaultInjectionReload : public testing_support::TextPictureTest {
  protected:
-  void SetUp() override { ImageFactory::GetInstance().SetAdditionalFeaturesFunc(&ReadPicture); }
-  void TearDown() override { ImageFactory::GetInstance().SetAdditionalFeaturesFunc(nullptr); }
-  testing_support::TempFolder folder_;
+  void SetUp() override {
+    TextPictureTest::SetUp();
+    testing_support::TextPictures::withMipMaps = true;
+  }
 };
 
 TEST_F(FaultInjectionReload, AReaderFailingMidReloadKeepsTheOldVersionCurrent) {
   const ZELPath path = folder_.Write("picture.txt", "6 4 0.25 1");
   for (bool synchronized : {false, true}) {
-    Image image;
-    int extra = 0;
-    ASSERT_TRUE(image.ReadFromSource(path, IT_RGBA8, extra, ReadOptions()).IsOk());
+    Image image = ReadPicture(path, IT_RGBA8);
     image.GetImplRef().Synchronized(synchronized);
     folder_.Write("picture.txt", "6 4 0.75 0.5");
     testing_support::Touch(path);
@@ -317,7 +265,7 @@ TEST_F(FaultInjectionReload, AReaderFailingMidReloadKeepsTheOldVersionCurrent) {
                              handle.GetImpl(), zellib::TaggedValue<bool, ForceReloadOnUpdateTag>(false));
       return updated && !handle.GetImpl()->IsMostRecentVersion();
     };
-    const State before(image);
+    const auto before = StateOf(image);
     const int listed = ImageList::Instance().CountImages();
     for (int k = 1;; ++k) {
       const std::string what = "reload, allocation " + std::to_string(k);
@@ -331,7 +279,7 @@ TEST_F(FaultInjectionReload, AReaderFailingMidReloadKeepsTheOldVersionCurrent) {
       }
       EXPECT_TRUE(failed) << what;
       EXPECT_TRUE(image.GetImpl()->IsMostRecentVersion()) << what;
-      ExpectUnchanged(image, before, what);
+      EXPECT_TRUE(StateOf(image) == before) << what;
       EXPECT_EQ(ImageList::Instance().CountImages(), listed) << what;
     }
     EXPECT_TRUE(image.UpdateImage());

@@ -1,5 +1,6 @@
-// Image implementations: registration, file paths and tracking, version chains and their shared record,
-// mip chains, the down-sampling backup, pixel moves and checksums, and the copy of properties.
+// Pixel planes and image implementations: row padding and addresses, copies, moves and RG encoding;
+// registration, file paths and tracking, version chains and their shared record, mip chains, the
+// down-sampling backup, pixel moves and checksums, and the copy of properties.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include "imagery/image_factory.h"
 #include "imagery/image_impl.h"
 #include "imagery/image_list.h"
+#include "imagery/pixel_plane.h"
 #include "imagery_host/logger.h"
 #include "support/image_support.h"
 
@@ -30,9 +32,9 @@ bool Listed(const ImageImpl* impl) {
 TEST(ImageImpl, NewImplementationsAreZeroedAndRegisteredWhenLargerThanOnePixelOrGivenARelativePath) {
   auto big = Hold(NewImpl(5, 3, IT_RGBA16)), tiny = Hold(NewImpl(1, 1)), relative = Hold(NewImpl(1, 1));
   const unsigned char* bytes = big->Plane().Data();
-  EXPECT_EQ(std::count(bytes, bytes + 40, 0), 40);
-  EXPECT_TRUE(Listed(big.get()) && !Listed(tiny.get()) && big->UniqueId() != tiny->UniqueId());
-  EXPECT_TRUE(big->Synchronized() && !big->IsWorkCopy() && big->GetPtype() == PT_UNDEFINED);
+  EXPECT_TRUE(std::count(bytes, bytes + 40, 0) == 40 && Listed(big.get()) && !Listed(tiny.get()) &&
+              big->UniqueId() != tiny->UniqueId() && big->Synchronized() && !big->IsWorkCopy() &&
+              big->GetPtype() == PT_UNDEFINED);
   // A relative path is kept as given when the file is nowhere, and made absolute when it is found in the
   // current directory.
   tiny->SetFilePath(ZELPath(L"/nowhere/brick.png"));
@@ -66,9 +68,8 @@ TEST(ImageImpl, VersionChainsShareOneRecordAndReleaseTheirVersions) {
   // With the second version held elsewhere, releasing the first frees only the first; the last release
   // frees the rest of the chain, and every freed version leaves the list.
   second->AddRef();
-  EXPECT_TRUE(!first->RemoveRef() && first->RemoveRef());
-  EXPECT_TRUE(destroyed.load() == 2 && Listed(second) && Listed(third));
-  EXPECT_TRUE(second->RemoveRef());
+  EXPECT_TRUE(!first->RemoveRef() && first->RemoveRef() && destroyed.load() == 2 && Listed(second) &&
+              Listed(third) && second->RemoveRef());
   EXPECT_TRUE(destroyed.load() == 4 && !Listed(second) && !Listed(third));
 }
 
@@ -98,8 +99,8 @@ TEST(ImageImpl, MipChainsAndTheirSelection) {
   EXPECT_TRUE(levels[2].Gamma() == GammaValue(2.2f) && impl->MipMapLevels_Gamma() == 9);
   EXPECT_EQ(&impl->MipGamma(3), &impl->Plane()) << "invalid levels read level 0";
   impl->ValidateMipMaps(true, false);
-  EXPECT_TRUE(&impl->MipGamma(3) == &levels[2] && &impl->MipGamma(20) == &levels.back());
-  EXPECT_TRUE(&impl->MipGamma(0) == &impl->Plane() && &impl->MipNoGamma(3) == &impl->Plane());
+  EXPECT_TRUE(&impl->MipGamma(3) == &levels[2] && &impl->MipGamma(20) == &levels.back() &&
+              &impl->MipGamma(0) == &impl->Plane() && &impl->MipNoGamma(3) == &impl->Plane());
   impl->AllocateMipMapNoGamma();
   EXPECT_EQ(impl->MipNoGamma(1).Gamma(), gamma::Linear) << "the linear chain is separate";
   // Gamma changes invalidate the gamma chain only; "not set" and 0 are ignored.
@@ -133,17 +134,18 @@ TEST(ImageImpl, DownSamplingBackup) {
   impl->Plane().Data()[7] = 42;
   impl->CreateBackupDownSampling();
   impl->Plane().Data()[7] = 1;
-  impl->Plane().Alloc(333, 1, IT_Grayscale8, gamma::sRGB);
-  EXPECT_EQ(impl->DownSamplingRate(), 3);
-  impl->Plane().Alloc(400, 1, IT_Grayscale8, gamma::sRGB);
-  EXPECT_EQ(impl->DownSamplingRate(), 3);  // 2.5 rounds up
+  // 1000 / 333 and 2.5, rounded to the nearest.
+  for (const int width : {333, 400}) {
+    impl->Plane().Alloc(width, 1, IT_Grayscale8, gamma::sRGB);
+    EXPECT_EQ(impl->DownSamplingRate(), 3) << width;
+  }
   int width = 0, height = 0;
   impl->OriginalSize(width, height);
   EXPECT_EQ(width * 10000 + height, 1000 * 10000 + 2);
   impl->AllocateMipMapGamma();
   impl->ReloadBackupDownSampling();
-  EXPECT_TRUE(impl->Width() == 1000 && impl->Height() == 2 && impl->Plane().Data()[7] == 42);
-  EXPECT_TRUE(!impl->ValidMipMapsGamma() && impl->HasDownSamplingBackup());
+  EXPECT_TRUE(impl->Width() == 1000 && impl->Height() == 2 && impl->Plane().Data()[7] == 42 &&
+              !impl->ValidMipMapsGamma() && impl->HasDownSamplingBackup());
   impl->Plane().Alloc(0, 0, IT_Grayscale8, gamma::sRGB);
   EXPECT_EQ(impl->DownSamplingRate(), 0);
 }
@@ -200,8 +202,8 @@ TEST(ImageImpl, FileTrackingAndGammaChangeLog) {
   EXPECT_FALSE(impl->IImplTestFileExists());
   folder.Write("brick.png");
   testing_support::Touch(file);
-  EXPECT_TRUE(!impl->IImplTestFileExists() && impl->IsUpToDate());
-  EXPECT_TRUE(other->IImplTestFileExists(file) && !other->IImplTestFileExists(ZELPath(L"/no/such.png")));
+  EXPECT_TRUE(!impl->IImplTestFileExists() && impl->IsUpToDate() && other->IImplTestFileExists(file) &&
+              !other->IImplTestFileExists(ZELPath(L"/no/such.png")));
 
   // One line per change of gamma.
   other->SetFilePath(ZELPath(L"/maps/brick.png"));
@@ -214,6 +216,58 @@ TEST(ImageImpl, FileTrackingAndGammaChangeLog) {
   expected << "gamma DEBUG Imagery/ImageImpl SetGamma:530: Set gamma of ImageImpl  0x"
            << static_cast<const void*>(other.get()) << " \"/maps/brick.png\" from -2 to 2.2\n";
   EXPECT_EQ(testing::internal::GetCapturedStderr(), expected.str());
+}
+
+TEST(PixelPlane, RowsArePaddedToFourBytes) {
+  // Width, height, format, bytes per line, bytes; unknown formats take one byte per pixel.
+  // clang-format off
+  const struct { int width, height; EImageType type; int bytesPerLine; std::uint64_t size; } cases[] = {
+      {5, 3, IT_RGB8, 16, 48}, {5, 3, IT_RGBA8, 20, 60}, {3, 1, IT_Grayscale8, 4, 4}, {3, 2, IT_RGB16, 20, 40},
+      {7, 2, IT_RGBA32f, 112, 224}, {0, 5, IT_RGB8, 0, 0}, {4, 0, IT_RGB8, 12, 0}, {3, 2, EImageType(40), 4, 8}};
+  // clang-format on
+  for (const auto& c : cases) {
+    PixelPlane plane(c.width, c.height, c.type, gamma::sRGB);
+    EXPECT_TRUE(plane.BytesPerLine() == c.bytesPerLine && plane.ByteSize() == c.size &&
+                (plane.Data() == nullptr) == (c.size == 0))
+        << c.width << "x" << c.height << " type " << int(c.type);
+    EXPECT_TRUE(c.size == 0 ||
+                plane.PixelAddress(2, 1) - plane.Data() == c.bytesPerLine + 2 * plane.BytesPerPixel());
+  }
+  PixelPlane empty, undefined(3, 2, IT_UNDEFINED, gamma::Linear);
+  EXPECT_TRUE(empty.Type() == IT_UNDEFINED && empty.Gamma() == gamma::NotSet && !empty.IsAllocated() &&
+              undefined.BytesPerPixel() + undefined.ByteSize() == 0u);
+  // Impossible sizes throw and leave the plane as it was.
+  PixelPlane plane(2, 2, IT_RGB8, gamma::sRGB);
+  EXPECT_THROW(plane.Alloc(1 << 30, 1 << 30, IT_RGBA32f, gamma::Linear), std::bad_alloc);
+  EXPECT_TRUE(plane.Width() == 2 && plane.Type() == IT_RGB8);
+}
+
+TEST(PixelPlane, CopiesOnlyBetweenPlanesOfTheSameShapeMovesTakeEverythingAndRGEncodingIsForEightBitColour) {
+  PixelPlane source(3, 2, IT_RGB8, gamma::sRGB), same(3, 2, IT_RGEncoded, gamma::Linear),
+      other(2, 3, IT_RGB8, gamma::sRGB);
+  for (std::uint64_t i = 0; i < source.ByteSize(); ++i)
+    source.Data()[i] = static_cast<unsigned char>(i + 1);
+  // Same size and byte count, other format: the bytes (padding too) are copied, the format stays.
+  same.CopyFrom(source);
+  other.Zero();
+  other.CopyFrom(source);
+  EXPECT_TRUE(std::memcmp(same.Data(), source.Data(), 24) == 0 && same.Type() == IT_RGEncoded &&
+              same.Gamma() == gamma::Linear);
+  EXPECT_EQ(std::count(other.Data(), other.Data() + other.ByteSize(), 0), 24);
+
+  const unsigned char* bytes = source.Data();
+  PixelPlane moved(std::move(source));
+  EXPECT_TRUE(moved.Data() == bytes && source.Data() == nullptr && source.Type() == IT_UNDEFINED &&
+              moved.BytesPerLine() == 12 && moved.Width() == 3 && moved.Height() == 2 &&
+              moved.PixelAddress(1, 1) == bytes + 15);
+
+  PixelPlane rgba(1, 1, IT_RGBA8, gamma::sRGB), grey(1, 1, IT_Grayscale16, gamma::sRGB);
+  rgba.SetRGEncoded(true);
+  rgba.SetRGEncoded(true);
+  grey.SetRGEncoded(true);
+  EXPECT_TRUE(rgba.Type() == IT_RGEncodedAlpha && grey.Type() == IT_Grayscale16);
+  rgba.SetRGEncoded(false);
+  EXPECT_EQ(rgba.Type(), IT_RGBA8);
 }
 
 }  // namespace

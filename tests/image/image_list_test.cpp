@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -15,6 +14,7 @@
 #include "imagery/image_factory.h"
 #include "imagery/image_list.h"
 #include "support/image_support.h"
+#include "support/text_picture.h"
 
 namespace imagery {
 namespace {
@@ -95,40 +95,10 @@ TEST(ImageList, HandlesAndRegistrationFromManyThreadsWhileTheListIsScanned) {
   EXPECT_EQ(destroyed.load(), 1);
 }
 
-// The tests' picture files: a text line "width height grey alpha"; the reader makes an image of the
-// requested format filled with that grey and alpha.
-std::atomic<int> g_reads{0};
-ReadOptions g_lastOptions;
+using testing_support::TextPictures;
 
-zel::ErrorCode ReadTestPicture(Image* image, const ZELPath& path, EImageType type, int*,
-                               const ReadOptions& options) {
-  std::ifstream in(path.local_string());
-  int width = 0, height = 0;
-  float grey = 0, alpha = 1;
-  if (!(in >> width >> height >> grey >> alpha) || width < 1 || height < 1)
-    return zel::ErrorCode::Io("not a test picture");
-  g_reads++;
-  g_lastOptions = options;
-  std::unique_ptr<Image> loaded(ImageFactory::GetInstance().Build(
-      width, height, type > IT_RGEncodedAlpha ? IT_RGBA8 : type, gamma::Linear));
-  for (int i = 0; i < width * height; ++i)
-    loaded->SetPixelRGBA(i % width, i / width, LinearRGBA_T<float>(grey, grey, grey, alpha), ATO_None);
-  loaded->SetFilePath(path);
-  loaded->UpdateLastModif();
-  *image = *loaded;
-  return zel::ErrorCode();
-}
-
-class ImageListFiles : public ::testing::Test {
+class ImageListFiles : public testing_support::TextPictureTest {
  protected:
-  void SetUp() override { ImageFactory::GetInstance().SetAdditionalFeaturesFunc(&ReadTestPicture); }
-  void TearDown() override { ImageFactory::GetInstance().SetAdditionalFeaturesFunc(nullptr); }
-  static Image Read(const ZELPath& path, EImageType type) {
-    Image image;
-    int extra = 0;
-    EXPECT_TRUE(image.ReadFromSource(path, type, extra, ReadOptions()).IsOk());
-    return image;
-  }
   static float Grey(const Image& image) {
     float grey = -1;
     image.GetPixelGrayscale(0, 0, grey, ATO_None);
@@ -139,12 +109,11 @@ class ImageListFiles : public ::testing::Test {
   }
 
   ImageList& list_ = ImageList::Instance();
-  testing_support::TempFolder folder_;
 };
 
 TEST_F(ImageListFiles, UpdateReloadsFilesChangedOnDiskAndHandlesFollow) {
   const ZELPath path = folder_.Write("rock.txt", "2 2 0.25 1");
-  Image image = Read(path, IT_RGB8);
+  Image image = ReadPicture(path, IT_RGB8);
   ImageImpl* old = image.GetImpl();
   EXPECT_TRUE(!list_.NeedUpdate(old, Force(false)) && list_.NeedUpdate(old, Force(true)));
   old->SetLastModif(old->LastModif() - 1);
@@ -153,26 +122,26 @@ TEST_F(ImageListFiles, UpdateReloadsFilesChangedOnDiskAndHandlesFollow) {
   EXPECT_FALSE(list_.Update(old, Force(false)));
   folder_.Write("rock.txt", "2 2 0.75 1");
   Touch(path);
-  EXPECT_TRUE(list_.Update(old, Force(false)) && !old->IsMostRecentVersion());
-  EXPECT_TRUE(image.UpdateImage() && !image.UpdateImage());
+  EXPECT_TRUE(list_.Update(old, Force(false)) && !old->IsMostRecentVersion() && image.UpdateImage() &&
+              !image.UpdateImage());
   EXPECT_NEAR(Grey(image), 0.75f, 1.0f / 255);
   // Forced, an unchanged file is read again; a file that cannot be read leaves the version in place, and
   // so does a missing reader.
-  const int reads = g_reads.load();
-  EXPECT_TRUE(list_.Update(image.GetImpl(), Force(true)) && g_reads.load() == reads + 1);
-  EXPECT_TRUE(g_lastOptions.isReload && g_lastOptions.bypassReaderCache);
+  const int reads = TextPictures::reads.load();
+  EXPECT_TRUE(list_.Update(image.GetImpl(), Force(true)) && TextPictures::reads.load() == reads + 1 &&
+              TextPictures::lastOptions.isReload && TextPictures::lastOptions.bypassReaderCache);
   image.UpdateImage();
   folder_.Write("rock.txt", "broken");
   EXPECT_FALSE(list_.Update(image.GetImpl(), Force(true)));
   ImageFactory::GetInstance().SetAdditionalFeaturesFunc(nullptr);
-  EXPECT_FALSE(list_.DoUpdate(image.GetImpl()));
-  EXPECT_TRUE(image.GetImpl()->IsMostRecentVersion());
+  EXPECT_TRUE(!list_.DoUpdate(image.GetImpl()) && image.GetImpl()->IsMostRecentVersion());
   EXPECT_NEAR(Grey(image), 0.75f, 1.0f / 255);
 }
 
 TEST_F(ImageListFiles, UpdateSynchronizedReloadsAndShortensChainsAndReducedTexturesStayReduced) {
   const ZELPath path = folder_.Write("sand.txt", "3 2 0.2 1");
-  Image image = Read(path, IT_RGB8), unsynchronised = Read(folder_.Write("mud.txt", "3 2 0.2 1"), IT_RGB8);
+  Image image = ReadPicture(path, IT_RGB8),
+        unsynchronised = ReadPicture(folder_.Write("mud.txt", "3 2 0.2 1"), IT_RGB8);
   ImageImpl* first = image.GetImpl();
   unsynchronised.Synchronized(false);
   folder_.Write("mud.txt", "3 2 0.9 1");
@@ -189,46 +158,44 @@ TEST_F(ImageListFiles, UpdateSynchronizedReloadsAndShortensChainsAndReducedTextu
   EXPECT_TRUE(unsynchronised.IsMostRecentVersion());
   EXPECT_NEAR(Grey(unsynchronised), 0.2f, 1.0f / 255);
   const ZELPath big = folder_.Write("big.txt", "8 4 0.5 1");
-  Image reduced = Read(big, IT_RGB8);
+  Image reduced = ReadPicture(big, IT_RGB8);
   reduced.GetImplRef().CreateBackupDownSampling();
   reduced.GetImplRef().Plane().Alloc(4, 2, IT_RGB8, gamma::Linear);
   Touch(big);
-  EXPECT_TRUE(list_.Update(reduced.GetImpl(), Force(false)) && reduced.UpdateImage());
-  EXPECT_EQ(reduced.Width() * 10 + reduced.Height(), 42);
+  EXPECT_TRUE(list_.Update(reduced.GetImpl(), Force(false)) && reduced.UpdateImage() &&
+              reduced.Width() * 10 + reduced.Height() == 42);
 }
 
 TEST_F(ImageListFiles, LoadSharesAnUpToDateRegisteredVersionButNoPlaceholderOrWorkCopy) {
   const ZELPath path = folder_.Write("brick.txt", "4 3 0.5 1");
-  Image first = Read(path, IT_RGB8);
+  Image first = ReadPicture(path, IT_RGB8);
   Image second, third, none;
   // Known under another name too.
   first.AddOriginalLocation(ZELString(L"/elsewhere/brick.txt"));
-  EXPECT_TRUE(Load(second, path, IT_RGB8) && Load(third, ZELPath(L"/elsewhere/brick.txt"), IT_RGB8));
-  EXPECT_TRUE(second.GetImpl() == first.GetImpl() && third.GetImpl() == first.GetImpl());
-  EXPECT_FALSE(Load(none, ZELPath(), IT_RGB8) || Load(none, path, IT_UNDEFINED));
+  EXPECT_TRUE(Load(second, path, IT_RGB8) && Load(third, ZELPath(L"/elsewhere/brick.txt"), IT_RGB8) &&
+              second.GetImpl() == first.GetImpl() && third.GetImpl() == first.GetImpl() &&
+              !(Load(none, ZELPath(), IT_RGB8) || Load(none, path, IT_UNDEFINED)));
   EXPECT_FALSE(Load(none, ZELPath(L"/nonexistent/other.txt"), IT_RGB8));
   Touch(path);
   EXPECT_FALSE(Load(none, path, IT_RGB8)) << "a changed file is not shared";
   const ZELPath tiny = folder_.Write("tiny.txt", "1 1 0.5 1"),
                 worked = folder_.Write("work.txt", "3 3 0.5 1");
-  Image placeholder = Read(tiny, IT_RGB8), original = Read(worked, IT_RGB8);
+  Image placeholder = ReadPicture(tiny, IT_RGB8), original = ReadPicture(worked, IT_RGB8);
   std::unique_ptr<Image> work(original.DeepCopy());
   work->UpdateLastModif();
   original.Reset();
-  EXPECT_FALSE(Load(none, tiny, IT_RGB8) || Load(none, worked, IT_RGB8));
-  EXPECT_TRUE(none.IsEmpty());
+  EXPECT_TRUE(!(Load(none, tiny, IT_RGB8) || Load(none, worked, IT_RGB8)) && none.IsEmpty());
 }
 
 // Another thread's lookup must never be handed a version whose pixels are still being written.
 TEST_F(ImageListFiles, AVersionIsFoundOnlyOnceItsWriterHasFinishedIt) {
   const ZELPath path = folder_.Write("leaf.txt", "4 3 0.5 0.5");
-  const Image original = Read(path, IT_RGBA8);
+  const Image original = ReadPicture(path, IT_RGBA8);
   for (const NewPixels pixels : {NewPixels::Unset, NewPixels::ZeroedForWriter}) {
     Image converting(original), other;
     const std::unique_ptr<Image> keeper(converting.ShallowCopy());
     converting.NewImplFromExisting(IT_RGBA32f, gamma::Linear, CAI_Care, keeper.get(), pixels);
-    EXPECT_FALSE(list_.Contains(converting.GetImpl()));
-    EXPECT_FALSE(Load(other, path, IT_RGBA32f));
+    EXPECT_TRUE(!list_.Contains(converting.GetImpl()) && !Load(other, path, IT_RGBA32f));
     converting.GetImplRef().PixelsWritten();
     EXPECT_TRUE(Load(other, path, IT_RGBA32f) && other.GetImpl() == converting.GetImpl());
   }
@@ -248,29 +215,28 @@ TEST_F(ImageListFiles, AVersionIsFoundOnlyOnceItsWriterHasFinishedIt) {
     SCOPED_TRACE(i);
     Image changed(original);
     operations[i](changed);
-    EXPECT_NE(changed.GetImpl(), original.GetImpl());
-    EXPECT_TRUE(list_.Contains(changed.GetImpl()));
+    EXPECT_TRUE(changed.GetImpl() != original.GetImpl() && list_.Contains(changed.GetImpl()));
   }
 }
 
 TEST_F(ImageListFiles, LoadFallsBackToAnotherFormatAndConvertsIt) {
   const ZELPath path = folder_.Write("glass.txt", "5 2 0.25 0.5");
-  Image rgba = Read(path, IT_RGBA8), rgb, grey;
+  Image rgba = ReadPicture(path, IT_RGBA8), rgb, grey;
   EXPECT_TRUE(Load(rgb, path, IT_RGB8) && rgb.ImageType() == IT_RGB8 && rgb.GetImpl() != rgba.GetImpl());
   EXPECT_EQ(rgba.ImageType(), IT_RGBA8) << "the shared version is untouched";
   EXPECT_FLOAT_EQ(Grey(rgb), Grey(rgba));
   // 16-bit grey may not stand on 8-bit colour; 8-bit grey may.
-  EXPECT_FALSE(Load(grey, path, IT_Grayscale16));
-  EXPECT_TRUE(Load(grey, path, IT_Grayscale8) && grey.ImageType() == IT_Grayscale8);
+  EXPECT_TRUE(!Load(grey, path, IT_Grayscale16) && Load(grey, path, IT_Grayscale8) &&
+              grey.ImageType() == IT_Grayscale8);
   EXPECT_NEAR(Grey(grey), Grey(rgba), 1.0f / 255);
 }
 
 TEST_F(ImageListFiles, ReplaceReachesEveryFormatOfTheFile) {
   const ZELPath path = folder_.Write("wall.txt", "4 4 0.2 1");
-  Image colour = Read(path, IT_RGB8), grey = Read(path, IT_Grayscale16);
-  list_.Replace(path, Read(folder_.Write("new_wall.txt", "4 4 0.8 1"), IT_RGBA8));
-  EXPECT_TRUE(colour.UpdateImage() && grey.UpdateImage());
-  EXPECT_TRUE(colour.ImageType() == IT_RGB8 && grey.ImageType() == IT_Grayscale16);
+  Image colour = ReadPicture(path, IT_RGB8), grey = ReadPicture(path, IT_Grayscale16);
+  list_.Replace(path, ReadPicture(folder_.Write("new_wall.txt", "4 4 0.8 1"), IT_RGBA8));
+  EXPECT_TRUE(colour.UpdateImage() && grey.UpdateImage() && colour.ImageType() == IT_RGB8 &&
+              grey.ImageType() == IT_Grayscale16);
   EXPECT_NEAR(Grey(colour), 0.8f, 1.0f / 255);
   EXPECT_NEAR(Grey(grey), 0.8f, 1.0f / 255);
   // Replacing from a file, and the no-loop link.

@@ -37,8 +37,8 @@ TEST(Image, HandlesShareTheImplementationAndCompareByTransformationsAndAttribute
   EXPECT_TRUE(a.GetImpl() == defaultImpl && a.IsEmpty() && a == b);
   a.SetFilePath(ZELPath(L"/maps/brick.png"));
   ImageList::Instance().AddImpl(defaultImpl);
-  EXPECT_TRUE(!a.IsEmpty() && b.IsEmpty() && defaultImpl->FilePath().empty());
-  EXPECT_FALSE(ImageList::Instance().Contains(defaultImpl));
+  EXPECT_TRUE(!a.IsEmpty() && b.IsEmpty() && defaultImpl->FilePath().empty() &&
+              !ImageList::Instance().Contains(defaultImpl));
 
   Image original(4, 4, IT_RGB8, GammaValue(2.2f)), copy(original);
   EXPECT_TRUE(copy.GetImpl() == original.GetImpl() && copy == original && copy.GetImpl()->References() == 2);
@@ -46,8 +46,8 @@ TEST(Image, HandlesShareTheImplementationAndCompareByTransformationsAndAttribute
   copy.ExtraAttributes().put("Source", "scan");
   EXPECT_FALSE(copy == original);
   copy.Swap(original);
-  EXPECT_TRUE(original.GetMirrorX() && !copy.GetMirrorX() && copy.ExtraAttributes().empty());
-  EXPECT_EQ(original.ExtraAttributes().get<std::string>("Source"), "scan");
+  EXPECT_TRUE(original.GetMirrorX() && !copy.GetMirrorX() && copy.ExtraAttributes().empty() &&
+              original.ExtraAttributes().get<std::string>("Source") == "scan");
   Image other(copy);
   other.ExtraAttributes().put("Source", "scan");
   Image& alias = other;
@@ -69,8 +69,8 @@ TEST(Image, CopyOnWriteKeepsOtherHandlesOnTheOldPixels) {
               pixel == LinearRGBA_T<float>(0, 0, 0, 0));
   EXPECT_TRUE(image.Width() == 10 && image.Height() == 5 && image.GetPtype() == PT_Color &&
               image.GetMirrorY());
-  EXPECT_TRUE(image.FilePath() == ZELPath(L"/maps/brick.png") && image.Title() == ZELString(L"Brick"));
-  EXPECT_TRUE(other.GetImpl() == old && old->References() == 1 && old->Plane().Data()[0] == 1);
+  EXPECT_TRUE(image.FilePath() == ZELPath(L"/maps/brick.png") && image.Title() == ZELString(L"Brick") &&
+              other.GetImpl() == old && old->References() == 1 && old->Plane().Data()[0] == 1);
 
   // The sole holder's old implementation dies once its properties are copied, whether a temporary copy
   // or a keeper sharing it holds it meanwhile; a keeper on another implementation keeps nothing alive.
@@ -136,8 +136,8 @@ TEST(Image, NewImagesTakeTheCurrentGammasAndDummiesAreMarkedInTheAttributesAndLo
             "image WARN Imagery/Image SetDummy:2550: Dummy image: PT_UNDEFINED \n"
             "image WARN Imagery/Image SetDummy:2550: Dummy image: PT_NormalMap /maps/brick.png\n");
   settings = saved;
-  EXPECT_TRUE(dummy->GetGamma() == GammaValue(2.0f) && Image(*dummy).IsDummy() && !Image().IsDummy());
-  EXPECT_EQ(dummy->ExtraAttributes().get<std::string>("IsDummy"), "true");
+  EXPECT_TRUE(dummy->GetGamma() == GammaValue(2.0f) && Image(*dummy).IsDummy() && !Image().IsDummy() &&
+              dummy->ExtraAttributes().get<std::string>("IsDummy") == "true");
   dummy->SetDummy(false);
   EXPECT_TRUE(!dummy->IsDummy() && dummy->ExtraAttributes().get<std::string>("IsDummy") == "false");
 }

@@ -44,12 +44,21 @@ class PlaneMemory : public ::testing::Test {
     ::config::xml::SetProperty(config::PlaneCacheMegabytes.name, megabytes,
                                config::PlaneCacheMegabytes.project);
   }
-  static bool Cached() {
+  static constexpr bool kCached =
 #if defined(__linux__)
-    return true;
+      true;
 #else
-    return false;
+      false;
 #endif
+};
+
+// The tests of the cache itself.
+class PlaneCache : public PlaneMemory {
+ protected:
+  void SetUp() override {
+    if (!kCached)
+      GTEST_SKIP() << "planes come from the heap here";
+    PlaneMemory::SetUp();
   }
 };
 
@@ -62,41 +71,33 @@ TEST_F(PlaneMemory, ZeroFilledImagesReadAsZeroAlsoOnReusedDirtyBlocks) {
       ASSERT_EQ(plane.Data()[i], 0) << "round " << round << " byte " << i;
     std::memset(plane.Data(), 0xAB, static_cast<std::size_t>(plane.ByteSize()));
   }
-  if (Cached()) {
-    EXPECT_EQ(GetPlaneMemoryStatistics().reusedBlocks - reusedBefore, 2u);
-  }
+  EXPECT_TRUE(!kCached || GetPlaneMemoryStatistics().reusedBlocks - reusedBefore == 2u);
 }
 
-TEST_F(PlaneMemory, LargePlanesStartOnHugePageBoundaries) {
-  if (!Cached())
-    GTEST_SKIP() << "planes come from the heap here";
+TEST_F(PlaneCache, LargePlanesStartOnHugePageBoundaries) {
   Image image = GreyImageOfMiB(3);
   EXPECT_EQ(reinterpret_cast<std::uintptr_t>(image.GetImplRef().Plane().Data()) % (2 * kMiB), 0u);
 }
 
-TEST_F(PlaneMemory, TheCacheNeverKeepsMoreThanItsLimitAndDropsTheOldestFirst) {
-  if (!Cached())
-    GTEST_SKIP() << "planes come from the heap here";
+TEST_F(PlaneCache, TheCacheNeverKeepsMoreThanItsLimitDropsTheOldestFirstAndEmptiesWithTheScene) {
   SetLimitMiB(10.0f);
   {
-    Image first = GreyImageOfMiB(4);
-    Image second = GreyImageOfMiB(3);
-    Image third = GreyImageOfMiB(5);
-    Image tooLarge = GreyImageOfMiB(12);
+    Image first = GreyImageOfMiB(4), second = GreyImageOfMiB(3), third = GreyImageOfMiB(5),
+          tooLarge = GreyImageOfMiB(12);
   }
   // Dropped in reverse order: 12 MiB passes the limit alone and goes back at once; 5 + 3 fit, then the
   // 4 MiB block pushes the total to 12 and the oldest (5) leaves.
   PlaneMemoryStatistics statistics = GetPlaneMemoryStatistics();
-  EXPECT_EQ(statistics.cachedBytes, 7 * kMiB);
-  EXPECT_EQ(statistics.cachedBlocks, 2u);
+  EXPECT_TRUE(statistics.cachedBytes == 7 * kMiB && statistics.cachedBlocks == 2u);
 
   // The 4 MiB block fits a 4 MiB plane best; the 3 MiB block is left.
   {
     Image again = GreyImageOfMiB(4);
     EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 3 * kMiB);
   }
+  ImageFactory::GetInstance().GetImageList()->OnSceneClosed();
+  EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 0u) << "closing the scene returns the cache";
   // A larger block serves a smaller plane and gives back its excess.
-  ReleaseCachedPlaneMemory();
   { Image large = GreyImageOfMiB(8); }
   {
     Image small = GreyImageOfMiB(2);
@@ -108,22 +109,10 @@ TEST_F(PlaneMemory, TheCacheNeverKeepsMoreThanItsLimitAndDropsTheOldestFirst) {
   SetLimitMiB(0.0f);
   { Image off = GreyImageOfMiB(4); }
   statistics = GetPlaneMemoryStatistics();
-  EXPECT_EQ(statistics.cachedBytes, 0u);
-  EXPECT_EQ(statistics.cachedBlocks, 0u);
+  EXPECT_TRUE(statistics.cachedBytes == 0u && statistics.cachedBlocks == 0u);
 }
 
-TEST_F(PlaneMemory, ClosingTheSceneReturnsTheCache) {
-  if (!Cached())
-    GTEST_SKIP() << "planes come from the heap here";
-  { Image image = GreyImageOfMiB(4); }
-  EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 4 * kMiB);
-  ImageFactory::GetInstance().GetImageList()->OnSceneClosed();
-  EXPECT_EQ(GetPlaneMemoryStatistics().cachedBytes, 0u);
-}
-
-TEST_F(PlaneMemory, AnUnusableLimitTurnsTheCacheOff) {
-  if (!Cached())
-    GTEST_SKIP() << "planes come from the heap here";
+TEST_F(PlaneCache, AnUnusableLimitTurnsTheCacheOff) {
   for (float limit : {-5.0f, std::numeric_limits<float>::quiet_NaN()}) {
     SetLimitMiB(limit);
     { Image image = GreyImageOfMiB(4); }
@@ -133,9 +122,7 @@ TEST_F(PlaneMemory, AnUnusableLimitTurnsTheCacheOff) {
 
 #if IMAGERY_TEST_ASAN
 // Mapped blocks are not the heap's, so AddressSanitizer sees overruns only where the cache poisons.
-TEST_F(PlaneMemory, AddressSanitizerSeesWritesPastAPlaneAndIntoCachedBlocks) {
-  if (!Cached())
-    GTEST_SKIP() << "planes come from the heap here";
+TEST_F(PlaneCache, AddressSanitizerSeesWritesPastAPlaneAndIntoCachedBlocks) {
   ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_DEATH(
       {

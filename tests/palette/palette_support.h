@@ -12,6 +12,19 @@ namespace imagery::palette_testing {
 
 using Bytes = std::vector<unsigned char>;
 
+inline Bytes PixelsOf(const KORDib24& bitmap) {
+  return Bytes(bitmap.GetBits(), bitmap.GetBits() + bitmap.GetImageSize());
+}
+
+inline KORDib24 RandomBitmap(int width, int height, unsigned draw, unsigned char flags) {
+  std::mt19937 random(draw);
+  KORDib24 bitmap(width, height);
+  for (std::size_t i = 0; i < bitmap.GetImageSize(); ++i)
+    bitmap.GetBits()[i] = static_cast<unsigned char>(random());
+  bitmap.SetFlags(flags);
+  return bitmap;
+}
+
 // A picture of 3-byte pixels, row after row without padding: smooth gradients, noise, hard edges and a
 // flat area large enough to fill one histogram cell past its 16-bit count.
 inline Bytes TestPicture(int width, int height, unsigned draw) {

@@ -1,5 +1,6 @@
-// The palette quantiser: against the JPEG library's two-pass quantiser as a black box, against a
-// brute-force nearest-colour reference, its process-wide settings, and its use from several threads.
+// The palette quantiser: against the JPEG library's two-pass quantiser as a black box (which also checks
+// that plain mapping picks the nearest entry, ties to the lower index), on pictures with few colours, its
+// process-wide settings, and its use from several threads.
 #include <gtest/gtest.h>
 
 // jpeglib.h uses FILE without declaring it.
@@ -120,104 +121,53 @@ TEST_P(AgainstJpegLibrary, SamePaletteAndSameIndicesOnTheDecodedPixels) {
 INSTANTIATE_TEST_SUITE_P(ColoursAndDithering, AgainstJpegLibrary,
                          ::testing::Combine(::testing::Values(256, 64, 8), ::testing::Bool()));
 
-// --- Properties checked by brute force ---------------------------------------------------------------------
-
-int WeightedDistance(const Quantised& q, int index, int c0, int c1, int c2) {
-  const int d0 = 2 * (c0 - q.palette[0][index]);
-  const int d1 = 3 * (c1 - q.palette[1][index]);
-  const int d2 = c2 - q.palette[2][index];
-  return d0 * d0 + d1 * d1 + d2 * d2;
-}
-
-TEST(Quantizer, PlainMappingPicksTheNearestEntryToEachCellCentreWithTiesToTheLowerIndex) {
-  for (const auto& [width, height, desired] :
-       {std::tuple{97, 61, 256}, std::tuple{33, 17, 8}, std::tuple{1, 1, 8}}) {
-    const Bytes pixels = TestPicture(width, height, 11);
-    const Quantised q = QuantiseWithHelper(pixels, width, height, desired, false);
-    ASSERT_GE(q.colours, 1);
-    ASSERT_LE(q.colours, desired);
-    std::size_t wrong = 0;
-    for (std::size_t i = 0; i < q.indices.size(); ++i) {
-      const int c0 = CellCentre(0, pixels[i * 3]), c1 = CellCentre(1, pixels[i * 3 + 1]),
-                c2 = CellCentre(2, pixels[i * 3 + 2]);
-      int best = 0;
-      for (int k = 1; k < q.colours; ++k)
-        if (WeightedDistance(q, k, c0, c1, c2) < WeightedDistance(q, best, c0, c1, c2))
-          best = k;
-      wrong += q.indices[i] != best;
-    }
-    EXPECT_EQ(wrong, 0u) << width << " x " << height;
-  }
-}
-
-TEST(Quantizer, FewerCellsThanColoursGiveOneEntryPerCellAtItsWeightedCentre) {
-  // A uniform picture: one entry, the centre of its cell, every index 0 (with or without dithering, as
-  // the error against that centre never leaves the cell).
-  for (bool dither : {false, true}) {
-    const Bytes uniform = [] {
-      Bytes p;
-      for (int i = 0; i < 5 * 3; ++i)
-        p.insert(p.end(), {201, 33, 90});
-      return p;
-    }();
-    const Quantised q = QuantiseWithHelper(uniform, 5, 3, 256, dither);
-    ASSERT_EQ(q.colours, 1);
-    EXPECT_EQ(q.palette[0][0], CellCentre(0, 201));
-    EXPECT_EQ(q.palette[1][0], CellCentre(1, 33));
-    EXPECT_EQ(q.palette[2][0], CellCentre(2, 90));
-    EXPECT_EQ(q.indices, Bytes(15, 0));
-  }
-  // Twelve pixels in twelve distinct cells: twelve entries, each the centre of one cell, and every pixel
-  // mapped to its own cell's entry.
-  Bytes pixels;
-  std::set<std::tuple<int, int, int>> centres;
-  for (int i = 0; i < 12; ++i) {
-    const int c0 = i * 20, c1 = 255 - i * 21, c2 = (i * 77) % 256;
-    pixels.insert(pixels.end(), {static_cast<unsigned char>(c0), static_cast<unsigned char>(c1),
-                                 static_cast<unsigned char>(c2)});
-    centres.insert({CellCentre(0, c0), CellCentre(1, c1), CellCentre(2, c2)});
-  }
-  const Quantised q = QuantiseWithHelper(pixels, 12, 1, 256, false);
-  ASSERT_EQ(q.colours, 12);
-  std::set<std::tuple<int, int, int>> palette;
-  for (int i = 0; i < q.colours; ++i)
-    palette.insert({q.palette[0][i], q.palette[1][i], q.palette[2][i]});
-  EXPECT_EQ(palette, centres);
+// Pictures with fewer occupied cells than colours asked for: one entry per cell, at its centre, and every
+// pixel mapped to its own cell's entry, dithered or not (the error against a cell's centre never leaves
+// the cell).
+TEST(Quantizer, FewerCellsThanColoursGiveOneEntryPerCellAtItsCentre) {
+  Bytes uniform, distinct;
+  for (int i = 0; i < 15; ++i)
+    uniform.insert(uniform.end(), {201, 33, 90});
   for (int i = 0; i < 12; ++i)
-    EXPECT_EQ(std::make_tuple(int{q.palette[0][q.indices[i]]}, int{q.palette[1][q.indices[i]]},
-                              int{q.palette[2][q.indices[i]]}),
-              std::make_tuple(CellCentre(0, pixels[i * 3]), CellCentre(1, pixels[i * 3 + 1]),
-                              CellCentre(2, pixels[i * 3 + 2])));
+    distinct.insert(distinct.end(),
+                    {static_cast<unsigned char>(i * 20), static_cast<unsigned char>(255 - i * 21),
+                     static_cast<unsigned char>(i * 77 % 256)});
+  for (const auto& [pixels, dither] :
+       {std::pair{&uniform, false}, std::pair{&uniform, true}, std::pair{&distinct, false}}) {
+    const int count = static_cast<int>(pixels->size() / 3);
+    const Quantised q = QuantiseWithHelper(*pixels, count, 1, 256, dither);
+    std::set<std::tuple<int, int, int>> centres, palette;
+    for (int k = 0; k < q.colours; ++k)
+      palette.insert({q.palette[0][k], q.palette[1][k], q.palette[2][k]});
+    for (int i = 0; i < count; ++i) {
+      const unsigned char* p = &(*pixels)[static_cast<std::size_t>(i) * 3];
+      const auto centre = std::make_tuple(CellCentre(0, p[0]), CellCentre(1, p[1]), CellCentre(2, p[2]));
+      centres.insert(centre);
+      const int k = q.indices[static_cast<std::size_t>(i)];
+      ASSERT_LT(k, q.colours);
+      EXPECT_EQ(std::make_tuple(int{q.palette[0][k]}, int{q.palette[1][k]}, int{q.palette[2][k]}), centre)
+          << i;
+    }
+    EXPECT_TRUE(q.colours == static_cast<int>(centres.size()) && palette == centres)
+        << count << " " << dither;
+  }
 }
 
-// --- Settings and buffers
-// -----------------------------------------------------------------------------------
+// --- Settings, buffers and threads ---------------------------------------------------------------------
 
 TEST(Quantizer, AHelperPutsBackTheSettingsItFoundAndClampsSizesBelowOne) {
-  int width, height, desired, actual;
-  bool dither;
-  {
-    QuantizationHelper before;
-    width = before.GetImageWidth(), height = before.GetImageHeight();
-    desired = before.GetDesiredNumberOfColors(), actual = before.GetActualNumberOfColors();
-    dither = before.GetDitherColors();
-  }
+  const auto settings = [](const QuantizationHelper& q) {
+    return std::make_tuple(q.GetImageWidth(), q.GetImageHeight(), q.GetDesiredNumberOfColors(),
+                           q.GetActualNumberOfColors(), q.GetDitherColors(), q.IsPrepared());
+  };
+  const auto before = settings(QuantizationHelper());
   {
     QuantizationHelper q;
     q.SetDesiredNumberOfColors(100);
-    q.init(0, -5, !dither, 77);
-    EXPECT_EQ(q.GetImageWidth(), 1);
-    EXPECT_EQ(q.GetImageHeight(), 1);
-    EXPECT_EQ(q.GetActualNumberOfColors(), 77);
-    EXPECT_TRUE(q.IsPrepared());
+    q.init(0, -5, !std::get<4>(before), 77);
+    EXPECT_EQ(settings(q), std::make_tuple(1, 1, 100, 77, !std::get<4>(before), true));
   }
-  QuantizationHelper after;
-  EXPECT_EQ(after.GetImageWidth(), width);
-  EXPECT_EQ(after.GetImageHeight(), height);
-  EXPECT_EQ(after.GetDesiredNumberOfColors(), desired);
-  EXPECT_EQ(after.GetActualNumberOfColors(), actual);
-  EXPECT_EQ(after.GetDitherColors(), dither);
-  EXPECT_FALSE(after.IsPrepared());
+  EXPECT_TRUE(settings(QuantizationHelper()) == before && !std::get<5>(before));
 }
 
 TEST(Quantizer, ADesiredCountOutsideEightTo256PreparesNothingAndRowsAreIgnored) {
@@ -238,27 +188,22 @@ TEST(Quantizer, ADesiredCountOutsideEightTo256PreparesNothingAndRowsAreIgnored) 
   }
 }
 
-// --- Threads
-// -------------------------------------------------------------------------------------------------
-
 TEST(Quantizer, ThreadsQuantisingAtOnceGetWhatEachGetsAloneDirectlyOrThroughPreviews) {
   constexpr int kThreads = 4, kRounds = 3;
   struct Job {
-    Bytes pixels;
     int width, height, desired;
     bool dither;
+    Bytes pixels;
     Quantised alone;
+  };
+  const auto quantise = [](const Job& j) {
+    return QuantiseWithHelper(j.pixels, j.width, j.height, j.desired, j.dither);
   };
   std::vector<Job> jobs;
   for (int i = 0; i < kThreads; ++i) {
-    Job job{TestPicture(40 + 13 * i, 30 + 7 * i, 100 + i),
-            40 + 13 * i,
-            30 + 7 * i,
-            i % 2 ? 64 : 256,
-            i % 2 == 0,
-            {}};
-    job.alone = QuantiseWithHelper(job.pixels, job.width, job.height, job.desired, job.dither);
-    jobs.push_back(std::move(job));
+    Job& job = jobs.emplace_back(Job{40 + 13 * i, 30 + 7 * i, i % 2 ? 64 : 256, i % 2 == 0, {}, {}});
+    job.pixels = TestPicture(job.width, job.height, 100 + static_cast<unsigned>(i));
+    job.alone = quantise(job);
   }
   // Quantised preview writers take the same quantiser: their chunks must not depend on who else runs.
   KORDib24 preview(37, 21);
@@ -280,9 +225,10 @@ TEST(Quantizer, ThreadsQuantisingAtOnceGetWhatEachGetsAloneDirectlyOrThroughPrev
     threads.emplace_back([&, i] {
       const Job& job = jobs[i];
       for (int round = 0; round < kRounds; ++round) {
-        const Quantised q = QuantiseWithHelper(job.pixels, job.width, job.height, job.desired, job.dither);
-        mismatches[i] += q.colours != job.alone.colours || q.indices != job.alone.indices ||
-                         q.palette[0] != job.alone.palette[0] || q.palette[2] != job.alone.palette[2];
+        const Quantised q = quantise(job);
+        mismatches[i] += std::tie(q.colours, q.indices, q.palette[0], q.palette[1], q.palette[2]) !=
+                         std::tie(job.alone.colours, job.alone.indices, job.alone.palette[0],
+                                  job.alone.palette[1], job.alone.palette[2]);
       }
     });
   for (std::thread& thread : threads)
