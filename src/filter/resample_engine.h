@@ -476,14 +476,19 @@ void DownsampleRows(const TaskUniforms& u, const Source& source, Destination& de
       source.readRow(sourceRow, s.decoded.data());
       const float* from = s.decoded.data();
       for (std::size_t x = 0; x < content; ++x) {
-        float* sum = sums + x * C;
+        // In locals, which nothing else can reach, so they stay in registers across the parts.
+        float sum[C];
+        std::copy(sums + x * C, sums + (x + 1) * C, sum);
+        float total = totals[x];
         for (std::size_t k = first[x]; k < first[x + 1]; ++k) {
           const float weight = parts[k].part * rowPart;
           const float* colour = from + parts[k].column * C;
           for (int c = 0; c < C; ++c)
             sum[c] += weight * colour[c];
-          totals[x] += weight;
+          total += weight;
         }
+        std::copy(sum, sum + C, sums + x * C);
+        totals[x] = total;
       }
     }
     for (std::size_t x = 0; x < content; ++x) {
