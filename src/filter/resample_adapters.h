@@ -11,6 +11,7 @@
 
 #include <glm/vec2.hpp>
 
+#include "convert/target_encoding.h"
 #include "cpu/cpu_level.h"
 #include "imagery/color.h"
 #include "imagery/detail/pixel_io.h"
@@ -70,8 +71,11 @@ class TypedAccess {
     assert(T == IT_UNDEFINED ? plane.Type() >= IT_UNDEFINED : plane.Type() == T);
     if (writable)
       encoder_.emplace(plane.Gamma());
-    if constexpr (LayoutOf(T).colour == SampleKind::Code8)
+    if constexpr (LayoutOf(T).colour == SampleKind::Code8) {
       decodeRow_ = imagery::detail::SRGBRowDecoder8(cpu::Active());
+      if (cpu::Active() >= cpu::Level::SSE2)
+        scaleAlpha_ = &convert::ScaleRow<cpu::Level::SSE2, unsigned char>;
+    }
   }
 
   // Whole rows as linear floats, RowChannels() to a pixel in the order the pixel's samples are stored,
@@ -114,8 +118,20 @@ class TypedAccess {
     if constexpr (L.colour == SampleKind::Code8) {
       encoder_->encoder.EncodeRow(linear, bytes, count * L.bytes);
       if constexpr (L.alphaKind != SampleKind::None) {
-        for (std::size_t i = 0; i < count; ++i)
-          imagery::detail::WriteAlpha<T>(bytes + i * L.bytes, linear[i * L.bytes + L.alpha]);
+        // Alpha, encoded above through the gamma, rewritten in pieces by the vector form of WriteAlpha's
+        // rounding: pixel by pixel, its clamps became branches that random alpha mispredicts.
+        constexpr std::size_t kPiece = 64;
+        float alpha[kPiece];
+        unsigned char codes[kPiece];
+        for (std::size_t done = 0; done < count;) {
+          const std::size_t n = std::min(kPiece, count - done);
+          for (std::size_t i = 0; i < n; ++i)
+            alpha[i] = linear[(done + i) * L.bytes + L.alpha];
+          scaleAlpha_(alpha, codes, static_cast<int>(n));
+          for (std::size_t i = 0; i < n; ++i)
+            bytes[(done + i) * L.bytes + L.alpha] = codes[i];
+          done += n;
+        }
       }
     } else {
       std::memcpy(bytes, linear, count * L.bytes);
@@ -198,6 +214,8 @@ class TypedAccess {
   imagery::detail::TypedDecoder<T, PixelConversion::Gamma> decoder_;
   bool srgb_;
   imagery::detail::SRGBDecodeRowFunction decodeRow_ = nullptr;
+  void (*scaleAlpha_)(const float*, unsigned char*,
+                      int) = &convert::ScaleRow<cpu::Level::Scalar, unsigned char>;
   std::optional<imagery::detail::TypedEncoder<T, PixelConversion::Gamma>> encoder_;
 };
 
