@@ -385,8 +385,11 @@ void UpsampleRows(const Source& source, Destination& target, const Pixel& margin
       const float fx = column.fraction;
       const float* a = from + column.first * C;
       const float* b = from + column.second * C;
+      // Through a local, which `from` cannot alias, so that the channels go as one vector.
+      float blended[C];
       for (int c = 0; c < C; ++c)
-        to[c] = gx * a[c] + fx * b[c];
+        blended[c] = gx * a[c] + fx * b[c];
+      std::copy(blended, blended + C, to);
     }
   };
   const auto row = [&](std::int64_t y, int thread) {
