@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 #include <vector>
 
@@ -383,13 +384,15 @@ void UpsampleRows(const Source& source, Destination& target, const Pixel& margin
       const interp2D::AxisSample& column = columns[i];
       const float gx = 1.0f - column.fraction;
       const float fx = column.fraction;
-      const float* a = from + column.first * C;
-      const float* b = from + column.second * C;
-      // Through a local, which `from` cannot alias, so that the channels go as one vector.
+      // Through locals copied whole, so that the channels go as one vector.
+      float a[C];
+      float b[C];
       float blended[C];
+      std::memcpy(a, from + column.first * C, sizeof a);
+      std::memcpy(b, from + column.second * C, sizeof b);
       for (int c = 0; c < C; ++c)
         blended[c] = gx * a[c] + fx * b[c];
-      std::copy(blended, blended + C, to);
+      std::memcpy(to, blended, sizeof blended);
     }
   };
   const auto row = [&](std::int64_t y, int thread) {
@@ -485,7 +488,8 @@ void DownsampleRows(const TaskUniforms& u, const Source& source, Destination& de
         float total = totals[x];
         for (std::size_t k = first[x]; k < first[x + 1]; ++k) {
           const float weight = parts[k].part * rowPart;
-          const float* colour = from + parts[k].column * C;
+          float colour[C];
+          std::memcpy(colour, from + parts[k].column * C, sizeof colour);
           for (int c = 0; c < C; ++c)
             sum[c] += weight * colour[c];
           total += weight;
