@@ -370,6 +370,24 @@ bool ResizeOutputBufferAndCheckSizes(const Source& source, Destination& destinat
 namespace Detail {
 namespace Resample {
 
+// A source row blended across at `count` columns into `to`, as interp2D::Bilinear does on each row.
+// Pixels go through locals copied whole, so that their channels blend as one vector.
+template <int C>
+void BlendAcross(const interp2D::AxisSample* columns, std::size_t count, const float* from, float* to) {
+  for (std::size_t i = 0; i < count; ++i, to += C) {
+    const float gx = 1.0f - columns[i].fraction;
+    const float fx = columns[i].fraction;
+    float a[C];
+    float b[C];
+    float blended[C];
+    std::memcpy(a, from + columns[i].first * C, sizeof a);
+    std::memcpy(b, from + columns[i].second * C, sizeof b);
+    for (int c = 0; c < C; ++c)
+      blended[c] = gx * a[c] + fx * b[c];
+    std::memcpy(to, blended, sizeof blended);
+  }
+}
+
 // upsample through the row form, C floats to a pixel: each source row decoded and blended across once
 // per thread that needs it (the last two are kept), then rows blended down, with the arithmetic of
 // interp2D::Bilinear channel by channel in the same order.
@@ -379,22 +397,6 @@ void UpsampleRows(const Source& source, Destination& target, const Pixel& margin
                   ThreadStateDispatcher& dispatcher, InterruptorAndProgress& control, bool parallel) {
   const std::size_t content = columns.size();
   std::vector<RowScratch> slots(ThreadSlots(height));
-  const auto blendAcross = [&](const float* from, float* to) {
-    for (std::size_t i = 0; i < content; ++i, to += C) {
-      const interp2D::AxisSample& column = columns[i];
-      const float gx = 1.0f - column.fraction;
-      const float fx = column.fraction;
-      // Through locals copied whole, so that the channels go as one vector.
-      float a[C];
-      float b[C];
-      float blended[C];
-      std::memcpy(a, from + column.first * C, sizeof a);
-      std::memcpy(b, from + column.second * C, sizeof b);
-      for (int c = 0; c < C; ++c)
-        blended[c] = gx * a[c] + fx * b[c];
-      std::memcpy(to, blended, sizeof blended);
-    }
-  };
   const auto row = [&](std::int64_t y, int thread) {
     if (y < u.beginY || y >= u.endY) {
       FillSpan(target, y, 0, width, marginColour);
@@ -419,7 +421,7 @@ void UpsampleRows(const Source& source, Destination& target, const Pixel& margin
         // Never the slot holding the other row this one is blended with.
         slot = s.held[0] == wanted[1 - k] ? 1 : 0;
         source.readRow(wanted[k], s.decoded.data());
-        blendAcross(s.decoded.data(), s.rows[slot].data());
+        BlendAcross<C>(columns.data(), content, s.decoded.data(), s.rows[slot].data());
         s.held[slot] = wanted[k];
       }
       blended[k] = s.rows[slot].data();
