@@ -445,6 +445,29 @@ struct ColumnPart {
   float part;
 };
 
+// One source row's share of a destination row's box sums: each content pixel adds its column parts
+// in order, with weight column part x `rowPart`. Sums and weights go through locals, which nothing else
+// can reach, so that they stay in registers and the channels add as one vector.
+template <int C>
+void AddRow(const ColumnPart* parts, const std::size_t* first, std::size_t content, float rowPart,
+            const float* from, float* sums, float* totals) {
+  for (std::size_t x = 0; x < content; ++x) {
+    float sum[C];
+    std::memcpy(sum, sums + x * C, sizeof sum);
+    float total = totals[x];
+    for (std::size_t k = first[x]; k < first[x + 1]; ++k) {
+      const float weight = parts[k].part * rowPart;
+      float colour[C];
+      std::memcpy(colour, from + parts[k].column * C, sizeof colour);
+      for (int c = 0; c < C; ++c)
+        sum[c] += weight * colour[c];
+      total += weight;
+    }
+    std::memcpy(sums + x * C, sum, sizeof sum);
+    totals[x] = total;
+  }
+}
+
 // downsample through the row form, C floats to a pixel: the destination row's sums and weights gathered
 // source row by source row, each decoded once per destination row that covers it; every pixel still
 // adds its parts in the order of the box filter's walk, with SurfaceWeightedAccumulator's arithmetic.
@@ -482,32 +505,17 @@ void DownsampleRows(const TaskUniforms& u, const Source& source, Destination& de
     float rowPart = 0.0f;
     while (NextPart(position, rowEnd, sourceRow, rowPart)) {
       source.readRow(sourceRow, s.decoded.data());
-      const float* from = s.decoded.data();
-      for (std::size_t x = 0; x < content; ++x) {
-        // In locals, which nothing else can reach, so they stay in registers across the parts.
-        float sum[C];
-        std::copy(sums + x * C, sums + (x + 1) * C, sum);
-        float total = totals[x];
-        for (std::size_t k = first[x]; k < first[x + 1]; ++k) {
-          const float weight = parts[k].part * rowPart;
-          float colour[C];
-          std::memcpy(colour, from + parts[k].column * C, sizeof colour);
-          for (int c = 0; c < C; ++c)
-            sum[c] += weight * colour[c];
-          total += weight;
-        }
-        std::copy(sum, sum + C, sums + x * C);
-        totals[x] = total;
-      }
+      AddRow<C>(parts.data(), first.data(), content, rowPart, s.decoded.data(), sums, totals);
     }
     for (std::size_t x = 0; x < content; ++x) {
-      float* sum = sums + x * C;
-      if (totals[x] > 0.0f) {
+      float sum[C];
+      std::memcpy(sum, sums + x * C, sizeof sum);
+      const float total = totals[x];
+      if (total > 0.0f) {
         for (int c = 0; c < C; ++c)
-          sum[c] = sum[c] / totals[x];
-      } else {
-        std::copy(empty, empty + C, sum);
+          sum[c] = sum[c] / total;
       }
+      std::memcpy(sums + x * C, total > 0.0f ? sum : empty, sizeof sum);
     }
     FillSpan(destination, y, 0, u.beginX, marginColour);
     destination.writeRow(At(u.beginX, y), sums, content);
