@@ -432,7 +432,8 @@ void UpsampleRows(const Source& source, Destination& target, const Pixel& margin
     for (std::size_t i = 0; i < content * C; ++i)
       out[i] = gy * blended[0][i] + fy * blended[1][i];
     FillSpan(target, y, 0, u.beginX, marginColour);
-    target.writeRow(At(u.beginX, y), out, content);
+    if (content > 0)
+      target.writeRow(At(u.beginX, y), out, content);
     FillSpan(target, y, u.endX, width, marginColour);
   };
   RunRowsOnThreads(height, width * height, parallel, dispatcher, control, row);
@@ -518,7 +519,8 @@ void DownsampleRows(const TaskUniforms& u, const Source& source, Destination& de
       std::memcpy(sums + x * C, total > 0.0f ? sum : empty, sizeof sum);
     }
     FillSpan(destination, y, 0, u.beginX, marginColour);
-    destination.writeRow(At(u.beginX, y), sums, content);
+    if (content > 0)
+      destination.writeRow(At(u.beginX, y), sums, content);
     FillSpan(destination, y, u.endX, width, marginColour);
   };
   RunRowsOnThreads(height, u.sourceWidth * u.sourceHeight, parallel, dispatcher, control, row);
