@@ -5,16 +5,20 @@
 #include <algorithm>
 #include <cassert>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <type_traits>
 
 #include <glm/vec2.hpp>
 
+#include "convert/target_encoding.h"
+#include "cpu/cpu_level.h"
 #include "imagery/color.h"
 #include "imagery/detail/pixel_io.h"
 #include "imagery/image.h"
 #include "imagery/image_impl.h"
 #include "imagery/pixel_access.h"
+#include "pixel/srgb_rows.h"
 
 namespace imagery {
 
@@ -32,6 +36,10 @@ namespace detail {
 // Through the runtime cursors: one switch on the format per pixel. These are ConstPixelAccess::
 // GetPixelRGB(A) and PixelAccess::SetPixelRGB(A) exactly.
 struct RuntimeAccess {
+  template <class Pixel>
+  static constexpr int RowChannels() {
+    return 0;
+  }
   RuntimeAccess(const PixelPlane&, bool) {}
   static void Read(const PixelPlane& plane, const Position& p, LinearRGB_T<float>& c) {
     ConstPixelAccess(plane, static_cast<int>(p.x), static_cast<int>(p.y)).GetPixelRGB(c);
@@ -58,10 +66,87 @@ struct RuntimeAccess {
 template <EImageType T>
 class TypedAccess {
  public:
-  TypedAccess(const PixelPlane& plane, bool writable) : decoder_(plane.Gamma()) {
+  TypedAccess(const PixelPlane& plane, bool writable)
+      : decoder_(plane.Gamma()), srgb_(plane.Gamma().IsSRGB()) {
     assert(T == IT_UNDEFINED ? plane.Type() >= IT_UNDEFINED : plane.Type() == T);
     if (writable)
       encoder_.emplace(plane.Gamma());
+    if constexpr (LayoutOf(T).colour == SampleKind::Code8) {
+      decodeRow_ = imagery::detail::SRGBRowDecoder8(cpu::Active());
+      if (cpu::Active() >= cpu::Level::SSE2)
+        scaleAlpha_ = &convert::ScaleRow<cpu::Level::SSE2, unsigned char>;
+    }
+  }
+
+  // Whole rows as linear floats, RowChannels() to a pixel in the order the pixel's samples are stored,
+  // each decoded and encoded exactly as Read() and Write() do: formats whose every sample is an 8-bit
+  // code (colour through the gamma, alpha as a fraction) or a float, carrying exactly the channels of
+  // the pixel kind. 0 for every other format. 8-bit rows need the sRGB gamma besides (RowsExact()).
+  template <class Pixel>
+  static constexpr int RowChannels() {
+    constexpr bool kAlpha = std::is_same_v<Pixel, LinearRGBA_T<float>>;
+    constexpr FormatLayout L = LayoutOf(T);
+    constexpr int kChannels = kAlpha ? 4 : 3;
+    if constexpr (L.grey || L.alphaKind != (kAlpha ? L.colour : SampleKind::None)) {
+      return 0;
+    } else if constexpr (L.colour == SampleKind::Code8) {
+      return imagery::detail::kUsesTables<T, PixelConversion::Gamma> && L.bytes == kChannels ? kChannels : 0;
+    } else {
+      return L.colour == SampleKind::Float32 && L.bytes == 4 * kChannels ? kChannels : 0;
+    }
+  }
+  bool RowsExact() const { return LayoutOf(T).colour != SampleKind::Code8 || srgb_; }
+  // Row y, the whole width, into `linear`.
+  void ReadRow(const PixelPlane& plane, long long y, float* linear) const {
+    constexpr FormatLayout L = LayoutOf(T);
+    const unsigned char* bytes = Address(plane, Position(0, static_cast<unsigned long>(y)));
+    const auto count = static_cast<std::size_t>(std::max(plane.Width(), 0));
+    if constexpr (L.colour == SampleKind::Code8) {
+      decodeRow_(bytes, linear, count * L.bytes);
+      if constexpr (L.alphaKind != SampleKind::None) {
+        for (std::size_t i = 0; i < count; ++i)
+          imagery::detail::ReadAlpha<T>(bytes + i * L.bytes, linear[i * L.bytes + L.alpha]);
+      }
+    } else {
+      std::memcpy(linear, bytes, count * L.bytes);
+    }
+  }
+  // `count` pixels from p to the right, from `linear` in the layout of ReadRow.
+  void WriteLinearRow(PixelPlane& plane, const Position& p, const float* linear, std::size_t count) const {
+    constexpr FormatLayout L = LayoutOf(T);
+    unsigned char* bytes = Address(plane, p);
+    if constexpr (L.colour == SampleKind::Code8) {
+      encoder_->encoder.EncodeRow(linear, bytes, count * L.bytes);
+      if constexpr (L.alphaKind != SampleKind::None) {
+        // Alpha, encoded above through the gamma, rewritten in pieces by the vector form of WriteAlpha's
+        // rounding: pixel by pixel, its clamps became branches that random alpha mispredicts.
+        constexpr std::size_t kPiece = 64;
+        float alpha[kPiece];
+        unsigned char codes[kPiece];
+        for (std::size_t done = 0; done < count;) {
+          const std::size_t n = std::min(kPiece, count - done);
+          for (std::size_t i = 0; i < n; ++i)
+            alpha[i] = linear[(done + i) * L.bytes + L.alpha];
+          scaleAlpha_(alpha, codes, static_cast<int>(n));
+          for (std::size_t i = 0; i < n; ++i)
+            bytes[(done + i) * L.bytes + L.alpha] = codes[i];
+          done += n;
+        }
+      }
+    } else {
+      std::memcpy(bytes, linear, count * L.bytes);
+    }
+  }
+  // A colour as one pixel of such a row.
+  template <class Pixel>
+  static void ToRow(const Pixel& c, float* linear) {
+    constexpr FormatLayout L = LayoutOf(T);
+    constexpr int kSample = L.colour == SampleKind::Code8 ? 1 : 4;
+    linear[L.red / kSample] = c.r;
+    linear[L.green / kSample] = c.g;
+    linear[L.blue / kSample] = c.b;
+    if constexpr (std::is_same_v<Pixel, LinearRGBA_T<float>>)
+      linear[L.alpha / kSample] = c.a;
   }
   void Read(const PixelPlane& plane, const Position& p, LinearRGB_T<float>& c) const {
     imagery::detail::ReadRGB<T>(Address(plane, p), decoder_, c);
@@ -127,6 +212,10 @@ class TypedAccess {
   }
 
   imagery::detail::TypedDecoder<T, PixelConversion::Gamma> decoder_;
+  bool srgb_;
+  imagery::detail::SRGBDecodeRowFunction decodeRow_ = nullptr;
+  void (*scaleAlpha_)(const float*, unsigned char*,
+                      int) = &convert::ScaleRow<cpu::Level::Scalar, unsigned char>;
   std::optional<imagery::detail::TypedEncoder<T, PixelConversion::Gamma>> encoder_;
 };
 
@@ -138,6 +227,8 @@ template <class Pixel, class Access = detail::RuntimeAccess>
 class ImageAdapter {
  public:
   using PixelType = Pixel;
+  // Floats to a pixel of the row form (see TypedAccess), 0 without one.
+  static constexpr int kRowChannels = Access::template RowChannels<Pixel>();
 
   // Read-only.
   explicit ImageAdapter(const Image& image) : plane_(&image.GetImplRef().Plane()), access_(*plane_, false) {}
@@ -162,6 +253,15 @@ class ImageAdapter {
     assert(writable_ != nullptr);
     access_.Write(*writable_, p, c);
   }
+  // The row form, where kRowChannels is not 0: whether it gives this image's values exactly, row y
+  // decoded, `count` pixels written from p to the right, a colour as one pixel of a row.
+  bool rowsExact() const { return access_.RowsExact(); }
+  void readRow(long long y, float* linear) const { access_.ReadRow(*plane_, y, linear); }
+  void writeRow(const Position& p, const float* linear, std::size_t count) const {
+    assert(writable_ != nullptr);
+    access_.WriteLinearRow(*writable_, p, linear, count);
+  }
+  static void toRow(const Pixel& c, float* linear) { Access::ToRow(c, linear); }
   // set() of `count` pixels from p to the right, in one go.
   void setRow(const Position& p, const Pixel* values, std::size_t count) const {
     assert(writable_ != nullptr);

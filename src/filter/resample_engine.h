@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 #include <vector>
 
@@ -220,20 +221,23 @@ inline TaskUniforms MakeTaskUniforms(const ResampleSize& source, const ResampleS
   return u;
 }
 
-// Runs row(y) for y in [0, rows). Parallel when asked and `pixels` exceeds kSequentialPixelLimit: over
-// the host's pool with the caller's interruptor and progress. Otherwise on the calling thread: the
-// progress gets `rows` steps, the interruptor is asked before each row (the first no ends the loop) and
-// the progress advances after each.
+// Runs row(y, thread) for y in [0, rows), `thread` being below ThreadSlots(rows) except in the rare
+// case where the pool gives the loop more threads than that answer foresaw. Parallel when asked and
+// `pixels` exceeds kSequentialPixelLimit: over the host's pool with the caller's interruptor and
+// progress. Otherwise on the calling thread (thread 0): the progress gets `rows` steps, the interruptor
+// is asked before each row (the first no ends the loop) and the progress advances after each.
 template <class Row>
-void RunRows(std::int64_t rows, std::int64_t pixels, bool parallel, ThreadStateDispatcher& dispatcher,
-             InterruptorAndProgress& control, const Row& row) {
+void RunRowsOnThreads(std::int64_t rows, std::int64_t pixels, bool parallel,
+                      ThreadStateDispatcher& dispatcher, InterruptorAndProgress& control, const Row& row) {
   if (parallel && pixels > kSequentialPixelLimit) {
     multiproc::ParallelLoopOptions options;
     options.maxThreads = -2;
     const Row* body = &row;
     multiproc::ParallelizedFor(
         0, rows, control.interruptor, control.progress,
-        [body](long long y, const multiproc::ParallelContext*) { (*body)(static_cast<std::int64_t>(y)); },
+        [body](long long y, const multiproc::ParallelContext* context) {
+          (*body)(static_cast<std::int64_t>(y), context->threadIndex);
+        },
         dispatcher, options);
     return;
   }
@@ -241,9 +245,21 @@ void RunRows(std::int64_t rows, std::int64_t pixels, bool parallel, ThreadStateD
   for (std::int64_t y = 0; y < rows; ++y) {
     if (!control.ShouldContinue())
       break;
-    row(y);
+    row(y, 0);
     control.progress.Step();
   }
+}
+
+// The threads RunRowsOnThreads may use for `rows` rows.
+inline std::size_t ThreadSlots(std::int64_t rows) {
+  return static_cast<std::size_t>(std::max(multiproc::GetOptimizedMaxJobThreadAllowed(-2, rows), 1));
+}
+
+// RunRowsOnThreads for rows that need no scratch of their own.
+template <class Row>
+void RunRows(std::int64_t rows, std::int64_t pixels, bool parallel, ThreadStateDispatcher& dispatcher,
+             InterruptorAndProgress& control, const Row& row) {
+  RunRowsOnThreads(rows, pixels, parallel, dispatcher, control, [&row](std::int64_t y, int) { row(y); });
 }
 
 inline ResampleSize At(std::int64_t x, std::int64_t y) {
@@ -298,6 +314,36 @@ inline bool NextPart(float& position, float end, std::int64_t& index, float& par
   return true;
 }
 
+// Floats to a pixel of the adapter's row form (0 without one).
+template <class Adapter, class = void>
+struct RowChannelsOf : std::integral_constant<int, 0> {};
+template <class Adapter>
+struct RowChannelsOf<Adapter, std::void_t<decltype(Adapter::kRowChannels)>>
+    : std::integral_constant<int, Adapter::kRowChannels> {};
+
+// Whether resampling may go a row at a time through the adapters' row form: source and destination of
+// one kind (so of one sample order) with a row form that gives their values exactly.
+template <class Source, class Destination>
+bool UsesRows(const Source& source, const Destination& destination) {
+  if constexpr (std::is_same_v<Source, Destination> && RowChannelsOf<Source>::value > 0)
+    return source.rowsExact() && destination.rowsExact();
+  else
+    return false;
+}
+
+// Scratch rows of one thread, allocated on its first row.
+struct RowScratch {
+  std::vector<float> decoded;       // a source row
+  std::vector<float> rows[2];       // source rows blended across, or sums and weights
+  std::vector<float> out;           // the destination row's content
+  std::int64_t held[2] = {-1, -1};  // the source rows in `rows`
+};
+
+// The scratch of `thread`, or `spare` for a thread beyond the slots.
+inline RowScratch& ScratchOf(std::vector<RowScratch>& slots, int thread, RowScratch& spare) {
+  return static_cast<std::size_t>(thread) < slots.size() ? slots[static_cast<std::size_t>(thread)] : spare;
+}
+
 }  // namespace Resample
 }  // namespace Detail
 
@@ -321,6 +367,168 @@ bool ResizeOutputBufferAndCheckSizes(const Source& source, Destination& destinat
   return false;
 }
 
+namespace Detail {
+namespace Resample {
+
+// A source row blended across at `count` columns into `to`, as interp2D::Bilinear does on each row.
+// Pixels go through locals copied whole, so that their channels blend as one vector.
+template <int C>
+void BlendAcross(const interp2D::AxisSample* columns, std::size_t count, const float* from, float* to) {
+  for (std::size_t i = 0; i < count; ++i, to += C) {
+    const float gx = 1.0f - columns[i].fraction;
+    const float fx = columns[i].fraction;
+    float a[C];
+    float b[C];
+    float blended[C];
+    std::memcpy(a, from + columns[i].first * C, sizeof a);
+    std::memcpy(b, from + columns[i].second * C, sizeof b);
+    for (int c = 0; c < C; ++c)
+      blended[c] = gx * a[c] + fx * b[c];
+    std::memcpy(to, blended, sizeof blended);
+  }
+}
+
+// upsample through the row form, C floats to a pixel: each source row decoded and blended across once
+// per thread that needs it (the last two are kept), then rows blended down, with the arithmetic of
+// interp2D::Bilinear channel by channel in the same order.
+template <int C, class Pixel, class Source, class Destination>
+void UpsampleRows(const Source& source, Destination& target, const Pixel& marginColour, const TaskUniforms& u,
+                  const std::vector<interp2D::AxisSample>& columns, std::int64_t width, std::int64_t height,
+                  ThreadStateDispatcher& dispatcher, InterruptorAndProgress& control, bool parallel) {
+  const std::size_t content = columns.size();
+  std::vector<RowScratch> slots(ThreadSlots(height));
+  const auto row = [&](std::int64_t y, int thread) {
+    if (y < u.beginY || y >= u.endY) {
+      FillSpan(target, y, 0, width, marginColour);
+      return;
+    }
+    const float position = (static_cast<float>(y - u.beginY) + 0.5f) * u.scaleY;
+    const interp2D::AxisSample rowSample =
+        interp2D::SampleAxis(position, u.sourceHeight, interp2D::BA_ClampToEdge);
+    RowScratch spare;
+    RowScratch& s = ScratchOf(slots, thread, spare);
+    if (s.out.empty()) {
+      s.decoded.resize(static_cast<std::size_t>(u.sourceWidth) * C);
+      s.rows[0].resize(content * C);
+      s.rows[1].resize(content * C);
+      s.out.resize(content * C);
+    }
+    const float* blended[2];
+    const std::int64_t wanted[2] = {rowSample.first, rowSample.second};
+    for (int k = 0; k < 2; ++k) {
+      int slot = s.held[0] == wanted[k] ? 0 : s.held[1] == wanted[k] ? 1 : -1;
+      if (slot < 0) {
+        // Never the slot holding the other row this one is blended with.
+        slot = s.held[0] == wanted[1 - k] ? 1 : 0;
+        source.readRow(wanted[k], s.decoded.data());
+        BlendAcross<C>(columns.data(), content, s.decoded.data(), s.rows[slot].data());
+        s.held[slot] = wanted[k];
+      }
+      blended[k] = s.rows[slot].data();
+    }
+    const float gy = 1.0f - rowSample.fraction;
+    const float fy = rowSample.fraction;
+    float* out = s.out.data();
+    for (std::size_t i = 0; i < content * C; ++i)
+      out[i] = gy * blended[0][i] + fy * blended[1][i];
+    FillSpan(target, y, 0, u.beginX, marginColour);
+    if (content > 0)
+      target.writeRow(At(u.beginX, y), out, content);
+    FillSpan(target, y, u.endX, width, marginColour);
+  };
+  RunRowsOnThreads(height, width * height, parallel, dispatcher, control, row);
+}
+
+// A content column's parts of the box filter's walk across: parts[first[x - beginX]] up to
+// parts[first[x - beginX + 1]].
+struct ColumnPart {
+  std::int64_t column;
+  float part;
+};
+
+// One source row's share of a destination row's box sums: each content pixel adds its column parts
+// in order, with weight column part x `rowPart`. Sums and weights go through locals, which nothing else
+// can reach, so that they stay in registers and the channels add as one vector.
+template <int C>
+void AddRow(const ColumnPart* parts, const std::size_t* first, std::size_t content, float rowPart,
+            const float* from, float* sums, float* totals) {
+  for (std::size_t x = 0; x < content; ++x) {
+    float sum[C];
+    std::memcpy(sum, sums + x * C, sizeof sum);
+    float total = totals[x];
+    for (std::size_t k = first[x]; k < first[x + 1]; ++k) {
+      const float weight = parts[k].part * rowPart;
+      float colour[C];
+      std::memcpy(colour, from + parts[k].column * C, sizeof colour);
+      for (int c = 0; c < C; ++c)
+        sum[c] += weight * colour[c];
+      total += weight;
+    }
+    std::memcpy(sums + x * C, sum, sizeof sum);
+    totals[x] = total;
+  }
+}
+
+// downsample through the row form, C floats to a pixel: the destination row's sums and weights gathered
+// source row by source row, each decoded once per destination row that covers it; every pixel still
+// adds its parts in the order of the box filter's walk, with SurfaceWeightedAccumulator's arithmetic.
+template <int C, class Pixel, class Source, class Destination>
+void DownsampleRows(const TaskUniforms& u, const Source& source, Destination& destination,
+                    const std::vector<ColumnPart>& parts, const std::vector<std::size_t>& first,
+                    std::int64_t width, std::int64_t height, const Pixel& emptyColour,
+                    const Pixel& marginColour, ThreadStateDispatcher& dispatcher,
+                    InterruptorAndProgress& control, bool parallel) {
+  const std::size_t content = first.size() - 1;
+  const auto sourceHeight = static_cast<float>(u.sourceHeight);
+  float empty[C];
+  Destination::toRow(emptyColour, empty);
+  std::vector<RowScratch> slots(ThreadSlots(height));
+  const auto row = [&](std::int64_t y, int thread) {
+    if (y < u.beginY || y >= u.endY) {
+      FillSpan(destination, y, 0, width, marginColour);
+      return;
+    }
+    RowScratch spare;
+    RowScratch& s = ScratchOf(slots, thread, spare);
+    if (s.out.empty()) {
+      s.decoded.resize(static_cast<std::size_t>(u.sourceWidth) * C);
+      s.rows[0].resize(content);
+      s.out.resize(content * C);
+    }
+    float* sums = s.out.data();
+    float* totals = s.rows[0].data();
+    std::fill(sums, sums + content * C, 0.0f);
+    std::fill(totals, totals + content, 0.0f);
+    const float y0 = static_cast<float>(y - u.beginY) * u.scaleY;
+    float position = std::clamp(y0, 0.0f, sourceHeight);
+    const float rowEnd = std::clamp(y0 + u.scaleY, 0.0f, sourceHeight);
+    std::int64_t sourceRow = 0;
+    float rowPart = 0.0f;
+    while (NextPart(position, rowEnd, sourceRow, rowPart)) {
+      source.readRow(sourceRow, s.decoded.data());
+      AddRow<C>(parts.data(), first.data(), content, rowPart, s.decoded.data(), sums, totals);
+    }
+    for (std::size_t x = 0; x < content; ++x) {
+      float sum[C];
+      std::memcpy(sum, sums + x * C, sizeof sum);
+      const float total = totals[x];
+      if (total > 0.0f) {
+        for (int c = 0; c < C; ++c)
+          sum[c] = sum[c] / total;
+      }
+      std::memcpy(sums + x * C, total > 0.0f ? sum : empty, sizeof sum);
+    }
+    FillSpan(destination, y, 0, u.beginX, marginColour);
+    if (content > 0)
+      destination.writeRow(At(u.beginX, y), sums, content);
+    FillSpan(destination, y, u.endX, width, marginColour);
+  };
+  RunRowsOnThreads(height, u.sourceWidth * u.sourceHeight, parallel, dispatcher, control, row);
+}
+
+}  // namespace Resample
+}  // namespace Detail
+
 // Bilinear enlargement, one destination row at a time. Outside the content rectangle: the margin
 // colour. Inside, pixel (x, y) is the source interpolated (clamped addressing on both axes) at
 // u = ((x - beginX) + 0.5) x scaleX, v = ((y - beginY) + 0.5) x scaleY.
@@ -340,6 +548,13 @@ void upsample(const Source& source, Destination* destination, const Pixel& margi
     columns.push_back(interp2D::SampleAxis(position, u.sourceWidth, interp2D::BA_ClampToEdge));
   }
   Destination& target = *destination;
+  if constexpr (Detail::Resample::RowChannelsOf<Source>::value > 0) {
+    if (Detail::Resample::UsesRows(source, target)) {
+      Detail::Resample::UpsampleRows<Detail::Resample::RowChannelsOf<Source>::value>(
+          source, target, marginColour, u, columns, width, height, dispatcher, control, parallel);
+      return;
+    }
+  }
   const auto row = [&](std::int64_t y) {
     if (y < u.beginY || y >= u.endY) {
       Detail::Resample::FillSpan(target, y, 0, width, marginColour);
@@ -379,10 +594,7 @@ void downsample(const Detail::Resample::TaskUniforms& u, const Source& source, D
   const auto sourceHeight = static_cast<float>(u.sourceHeight);
   // Every row walks the same column parts: those of content column x are parts[first[x - beginX]] up to
   // parts[first[x - beginX + 1]].
-  struct ColumnPart {
-    std::int64_t column;
-    float part;
-  };
+  using Detail::Resample::ColumnPart;
   std::vector<ColumnPart> parts;
   std::vector<std::size_t> first;
   first.reserve(static_cast<std::size_t>(std::max<std::int64_t>(u.endX - u.beginX, 0)) + 1);
@@ -396,6 +608,15 @@ void downsample(const Detail::Resample::TaskUniforms& u, const Source& source, D
       parts.push_back(part);
   }
   first.push_back(parts.size());
+  if constexpr (Detail::Resample::RowChannelsOf<Source>::value > 0 &&
+                std::is_same_v<Accumulator, SurfaceWeightedAccumulator<Pixel>>) {
+    if (Detail::Resample::UsesRows(source, destination)) {
+      Detail::Resample::DownsampleRows<Detail::Resample::RowChannelsOf<Source>::value>(
+          u, source, destination, parts, first, width, height, emptyColour, marginColour, dispatcher, control,
+          parallel);
+      return;
+    }
+  }
 
   const auto row = [&](std::int64_t y) {
     if (y < u.beginY || y >= u.endY) {

@@ -104,12 +104,16 @@ TEST(Resample, EveryFormatFollowsTheDocumentedArithmetic) {
       {150, 20, 340, 40, true, false}, {1, 1, 3, 2, false, false},        {5, 3, 2, 2, false, false},
       {7, 1, 3, 1, false, true},       {3, 5, 7, 9, false, false},        {9, 4, 4, 4, true, false},
       {3, 2, 11, 5, true, true},       {6, 9, 10, 4, true, false},        {150, 20, 131, 9, false, false},
-      {40, 10, 133, 30, true, false},  {61, 47, 23, 19, false, true},     {23, 19, 61, 47, true, true}};
+      {40, 10, 133, 30, true, false},  {61, 47, 23, 19, false, true},     {23, 19, 61, 47, true, true},
+      {1, 37, 1, 90, false, false},    {41, 1, 13, 1, false, false},      {2, 300, 7, 701, false, true},
+      {303, 77, 101, 7, false, false}, {97, 31, 13, 29, true, false}};
   unsigned draw = 1;
   for (EImageType type : kAllFormats) {
-    const GammaValue gamma =
-        IsGammaEncoded(type) ? (type % 2 ? gamma::sRGB : GammaValue(1.8f)) : gamma::Linear;
     for (const auto& c : cases) {
+      // Gamma-encoded formats alternate between sRGB, whose 8-bit rows are resampled a row at a time,
+      // and another curve, which goes pixel by pixel.
+      const GammaValue gamma =
+          IsGammaEncoded(type) ? ((type + (&c - cases)) % 2 ? gamma::sRGB : GammaValue(1.8f)) : gamma::Linear;
       SCOPED_TRACE(::testing::Message() << "format " << type << ", case " << &c - cases);
       const Image image = RandomImage(type, c.w, c.h, gamma, draw++);
       const bool crossed = !c.keep && (c.targetW - c.w) * (c.targetH - c.h) < 0;
