@@ -308,6 +308,12 @@ __attribute__((target("avx2"))) std::size_t CombineBGRA8AVX2(const unsigned char
   return x;
 }
 
+// GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised reads.
+#pragma GCC diagnostic push
+#if !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#pragma GCC diagnostic ignored "-Wuninitialized"
 template <bool kTable>
 __attribute__((target("avx512f"))) std::size_t CombineBGRA8AVX512(const unsigned char* row0,
                                                                   const unsigned char* row1,
@@ -354,6 +360,8 @@ __attribute__((target("avx512f"))) std::size_t CombineBGRA8AVX512(const unsigned
   }
   return x;
 }
+
+#pragma GCC diagnostic pop
 
 __attribute__((target("avx2"))) std::size_t ScaleRowAVX2(const float* values, unsigned char* codes,
                                                          std::size_t count) {

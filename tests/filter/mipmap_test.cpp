@@ -10,6 +10,7 @@
 #include <random>
 #include <vector>
 
+#include "cpu/cpu_level.h"
 #include "imagery/mipmap.h"
 #include "imagery/resample.h"
 #include "support/random_image.h"
@@ -203,6 +204,40 @@ TEST(MipMapTest, EveryFormatMethodAndChainMatchesThePlainChain) {
               ("format " + std::to_string(type) + " method " + std::to_string(static_cast<int>(method)) +
                " " + std::to_string(shape.width) + "x" + std::to_string(shape.height))
                   .c_str());
+        }
+      }
+    }
+  }
+}
+
+// The formats with row kernels, wide enough for whole vector blocks and a rest, one pixel wide or high,
+// and large enough for the pool; transparent patches make footprints whose alphas are all 0. Every
+// processor level, on one thread and on the pool.
+TEST(MipMapTest, RowKernelsMatchThePlainChainAtEveryLevelAndThreadCount) {
+  const Shape shapes[] = {{75, 41}, {1, 300}, {300, 1}, {1030, 520}};
+  unsigned draw = 900;
+  for (const EImageType type : {IT_RGBA8, IT_RGB8, IT_Grayscale8, IT_RGBA32f}) {
+    for (const Shape& shape : shapes) {
+      Image source = RandomImage(type, shape.width, shape.height,
+                                 IsGammaEncoded(type) ? gamma::sRGB : gamma::Linear, draw++);
+      for (int y = 0; y < shape.height && HasAlpha(type); ++y)
+        for (int x = 0; x < shape.width; ++x)
+          if ((x / 4 + y / 4) % 3 == 0)
+            source.SetPixelAlpha(x, y, 0.0f, ATO_None);
+      for (const bool gammaCorrect : {false, true}) {
+        const bool gammaPath = UsesGammaMipMaps(source, GammaCorrectFlag(gammaCorrect));
+        const std::vector<Image> expected = ReferenceChain(source, gammaPath, M::Standard, nullptr, nullptr);
+        for (int level = 0; level <= static_cast<int>(cpu::Detected()); ++level) {
+          for (const int threads : {1, 0}) {
+            const std::string what = "format " + std::to_string(type) + " " + std::to_string(shape.width) +
+                                     "x" + std::to_string(shape.height) + " at " +
+                                     cpu::Name(static_cast<cpu::Level>(level)) + (threads ? " on one thread" : "");
+            const cpu::ScopedLevel scoped(static_cast<cpu::Level>(level));
+            const tools::ScopedJobThreadLimit limit(threads);
+            Image image(*std::unique_ptr<Image>(source.DeepCopy()));
+            ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(gammaCorrect), M::Standard);
+            ExpectChain(image, gammaPath, expected, what.c_str());
+          }
         }
       }
     }
