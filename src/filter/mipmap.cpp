@@ -213,7 +213,8 @@ std::size_t ScaleRowNone(const float*, unsigned char*, std::size_t) {
 }
 
 // Planar blue, green, red and alpha codes (`count` each, one after the other) into BGRA pixels.
-using InterleaveKernel = std::size_t (*)(const unsigned char* codes, unsigned char* pixels, std::size_t count);
+using InterleaveKernel = std::size_t (*)(const unsigned char* codes, unsigned char* pixels,
+                                         std::size_t count);
 
 std::size_t InterleaveNone(const unsigned char*, unsigned char*, std::size_t) {
   return 0;
@@ -273,7 +274,8 @@ __attribute__((target("avx2"))) std::size_t CombineBGRA8AVX2(const unsigned char
     __m256i p[4];
     for (int r = 0; r < 2; ++r) {
       const unsigned char* row = (r == 0 ? row0 : row1) + 8 * x;
-      const __m256i first = _mm256_permutevar8x32_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(row)), split);
+      const __m256i first =
+          _mm256_permutevar8x32_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(row)), split);
       const __m256i second =
           _mm256_permutevar8x32_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(row + 32)), split);
       p[2 * r] = _mm256_permute2x128_si256(first, second, 0x20);
@@ -300,7 +302,8 @@ __attribute__((target("avx2"))) std::size_t CombineBGRA8AVX2(const unsigned char
                                       _mm256_mul_ps(a[2], v[2])),
                         _mm256_mul_ps(a[3], v[3])),
           inverse);
-      const __m256 mean = _mm256_mul_ps(_mm256_add_ps(_mm256_add_ps(_mm256_add_ps(v[0], v[1]), v[2]), v[3]), quarter);
+      const __m256 mean =
+          _mm256_mul_ps(_mm256_add_ps(_mm256_add_ps(_mm256_add_ps(v[0], v[1]), v[2]), v[3]), quarter);
       _mm256_storeu_ps(planes[c] + x, _mm256_blendv_ps(weighted, mean, empty));
     }
     _mm256_storeu_ps(planes[3] + x, _mm256_mul_ps(s, quarter));
@@ -353,7 +356,8 @@ __attribute__((target("avx512f"))) std::size_t CombineBGRA8AVX512(const unsigned
                                       _mm512_mul_ps(a[2], v[2])),
                         _mm512_mul_ps(a[3], v[3])),
           inverse);
-      const __m512 mean = _mm512_mul_ps(_mm512_add_ps(_mm512_add_ps(_mm512_add_ps(v[0], v[1]), v[2]), v[3]), quarter);
+      const __m512 mean =
+          _mm512_mul_ps(_mm512_add_ps(_mm512_add_ps(_mm512_add_ps(v[0], v[1]), v[2]), v[3]), quarter);
       _mm512_storeu_ps(planes[c] + x, _mm512_mask_blend_ps(empty, weighted, mean));
     }
     _mm512_storeu_ps(planes[3] + x, _mm512_mul_ps(s, quarter));
@@ -438,14 +442,18 @@ class StandardRows {
   static constexpr std::size_t kColours = kGrey ? 1 : 3;
   static constexpr std::size_t kPlanes = kColours + (HasAlpha(T) ? 1 : 0);
   // Pixels of 8-bit codes with 8-bit alpha or none: encoded a whole row at a time.
-  static constexpr bool kCodes8 =
-      L.colour == SampleKind::Code8 && L.alphaKind != SampleKind::Float32 && L.alphaKind != SampleKind::Code16;
-  static constexpr bool kFloats =
-      L.colour == SampleKind::Float32 && (L.alphaKind == SampleKind::Float32 || L.alphaKind == SampleKind::None);
+  static constexpr bool kCodes8 = L.colour == SampleKind::Code8 && L.alphaKind != SampleKind::Float32 &&
+                                  L.alphaKind != SampleKind::Code16;
+  static constexpr bool kFloats = L.colour == SampleKind::Float32 &&
+                                  (L.alphaKind == SampleKind::Float32 || L.alphaKind == SampleKind::None);
 
  public:
   StandardRows(const PixelPlane& from, PixelPlane& to)
-      : from_(from), to_(to), decoder_(from.Gamma()), encoder_(to.Gamma()), kernels_(KernelsFor(cpu::Active())) {
+      : from_(from),
+        to_(to),
+        decoder_(from.Gamma()),
+        encoder_(to.Gamma()),
+        kernels_(KernelsFor(cpu::Active())) {
     if constexpr (T == IT_RGBA8 && kTables)
       table_ = decoder_.table.Data();
   }
@@ -481,7 +489,8 @@ class StandardRows {
     if constexpr (T == IT_RGBA8) {
       // A source one pixel wide pairs its column with itself, which the kernels do not.
       if (from_.Width() > 1)
-        done = (kTables ? kernels_.combineTable : kernels_.combineFractions)(row0, row1, table_, planes, width);
+        done =
+            (kTables ? kernels_.combineTable : kernels_.combineFractions)(row0, row1, table_, planes, width);
     }
     const int lastColumn = from_.Width() - 1;
     constexpr std::ptrdiff_t kBytes = L.bytes;
