@@ -3,7 +3,8 @@
 // already in use (the chain allocates its levels every time, as users pay it). With OpenCV, the same
 // halvings by cv::resize(INTER_AREA) level by level on the stored bytes, without gamma, whose time
 // divides ours in "ratio_gamma_to_opencv" and in "ratio_no_gamma_to_opencv" (our linear chain, the
-// same arithmetic as OpenCV's apart from our alpha weighting). The chain runs on the calling thread.
+// same arithmetic as OpenCV's apart from our alpha weighting). The chain cuts its large levels into bands
+// of rows on the host's pool; OpenCV with its default threading.
 #include <chrono>
 #include <cstring>
 #include <memory>

@@ -5,13 +5,20 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <vector>
 
-#include "filter/resample_adapters.h"
+#include "cpu/cpu_level.h"
+#include "imagery/detail/pixel_io.h"
 #include "imagery/image_impl.h"
 #include "imagery/pixel_access.h"
+#include "imagery/pixel_tasks.h"
 #include "imagery/resample.h"
+
+#if defined(IMAGERY_X86_64)
+#include <immintrin.h>
+#endif
 
 namespace imagery {
 namespace {
@@ -184,116 +191,388 @@ void MipMapLoopCombined(const PixelPlane& from, PixelPlane& to, const AlphaLevel
   });
 }
 
-// The standard loop for colour formats, a row at a time with the same values as MipMapLoopCombined:
-// the four footprint pixels of a destination row are decoded into planar runs (even and odd columns of
-// both source rows), so that each pixel's sums, still added in footprint order, are computed for many
-// pixels at once; gamma-encoded 8-bit rows are then encoded by the row encoder.
+// Row kernels of the Standard loop for 8-bit BGRA sources: the alpha-weighted colour and the mean alpha
+// of `count` destination pixels, whose footprints start at row0 and row1 (every footprint has its odd
+// column), into planar linear blue, green, red and alpha. Colour codes are decoded by `table` (256
+// linear values), or as plain fractions when it is null. Each returns how many pixels it did, a
+// multiple of its width; the plain loop does the rest. Lane for lane the arithmetic of the plain loop.
+using CombineBGRA8Kernel = std::size_t (*)(const unsigned char* row0, const unsigned char* row1,
+                                           const float* table, float* const* planes, std::size_t count);
+
+std::size_t CombineBGRA8None(const unsigned char*, const unsigned char*, const float*, float* const*,
+                             std::size_t) {
+  return 0;
+}
+
+// Codes of linear values that are stored without gamma (alpha, and every channel of the linear chain),
+// ScaleTo8 value for value. Each returns how many it did, a multiple of its width.
+using ScaleRowKernel = std::size_t (*)(const float* values, unsigned char* codes, std::size_t count);
+
+std::size_t ScaleRowNone(const float*, unsigned char*, std::size_t) {
+  return 0;
+}
+
+// Planar blue, green, red and alpha codes (`count` each, one after the other) into BGRA pixels.
+using InterleaveKernel = std::size_t (*)(const unsigned char* codes, unsigned char* pixels,
+                                         std::size_t count);
+
+std::size_t InterleaveNone(const unsigned char*, unsigned char*, std::size_t) {
+  return 0;
+}
+
+#if defined(IMAGERY_X86_64)
+std::size_t ScaleRowSSE2(const float* values, unsigned char* codes, std::size_t count) {
+  const __m128 max = _mm_set1_ps(255.0f), half = _mm_set1_ps(0.5f), zero = _mm_setzero_ps();
+  std::size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    __m128i four[4];
+    for (int k = 0; k < 4; ++k) {
+      // max(scaled, 0) and min(scaled, 255) are ScaleToCode's two selections, NaN included.
+      const __m128 scaled =
+          _mm_min_ps(_mm_max_ps(_mm_mul_ps(_mm_loadu_ps(values + i + 4 * k), max), zero), max);
+      const __m128i whole = _mm_cvttps_epi32(scaled);
+      const __m128 fraction = _mm_sub_ps(scaled, _mm_cvtepi32_ps(whole));
+      four[k] = _mm_sub_epi32(whole, _mm_castps_si128(_mm_cmpge_ps(fraction, half)));
+    }
+    const __m128i bytes =
+        _mm_packus_epi16(_mm_packs_epi32(four[0], four[1]), _mm_packs_epi32(four[2], four[3]));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(codes + i), bytes);
+  }
+  return i;
+}
+
+std::size_t InterleaveSSE2(const unsigned char* codes, unsigned char* pixels, std::size_t count) {
+  std::size_t x = 0;
+  for (; x + 16 <= count; x += 16) {
+    const auto plane = [&](std::size_t k) {
+      return _mm_loadu_si128(reinterpret_cast<const __m128i*>(codes + k * count + x));
+    };
+    const __m128i blue = plane(0), green = plane(1), red = plane(2), alpha = plane(3);
+    const __m128i bgLow = _mm_unpacklo_epi8(blue, green), bgHigh = _mm_unpackhi_epi8(blue, green);
+    const __m128i raLow = _mm_unpacklo_epi8(red, alpha), raHigh = _mm_unpackhi_epi8(red, alpha);
+    __m128i* out = reinterpret_cast<__m128i*>(pixels + 4 * x);
+    _mm_storeu_si128(out, _mm_unpacklo_epi16(bgLow, raLow));
+    _mm_storeu_si128(out + 1, _mm_unpackhi_epi16(bgLow, raLow));
+    _mm_storeu_si128(out + 2, _mm_unpacklo_epi16(bgHigh, raHigh));
+    _mm_storeu_si128(out + 3, _mm_unpackhi_epi16(bgHigh, raHigh));
+  }
+  return x;
+}
+#endif
+
+#if defined(IMAGERY_X86_64) && defined(__GNUC__)
+template <bool kTable>
+__attribute__((target("avx2"))) std::size_t CombineBGRA8AVX2(const unsigned char* row0,
+                                                             const unsigned char* row1, const float* table,
+                                                             float* const* planes, std::size_t count) {
+  // Even source pixels to the low half, odd ones to the high half.
+  const __m256i split = _mm256_setr_epi32(0, 2, 4, 6, 1, 3, 5, 7);
+  const __m256i low8 = _mm256_set1_epi32(0xFF);
+  const __m256 inv255 = _mm256_set1_ps(kInv255), quarter = _mm256_set1_ps(0.25f), zero = _mm256_setzero_ps();
+  std::size_t x = 0;
+  for (; x + 8 <= count; x += 8) {
+    __m256i p[4];
+    for (int r = 0; r < 2; ++r) {
+      const unsigned char* row = (r == 0 ? row0 : row1) + 8 * x;
+      const __m256i first =
+          _mm256_permutevar8x32_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(row)), split);
+      const __m256i second =
+          _mm256_permutevar8x32_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(row + 32)), split);
+      p[2 * r] = _mm256_permute2x128_si256(first, second, 0x20);
+      p[2 * r + 1] = _mm256_permute2x128_si256(first, second, 0x31);
+    }
+    const auto decode = [&](__m256i codes) __attribute__((target("avx2"))) {
+      if constexpr (kTable)
+        return _mm256_i32gather_ps(table, codes, 4);
+      else
+        return _mm256_mul_ps(_mm256_cvtepi32_ps(codes), inv255);
+    };
+    __m256 a[4];
+    for (int i = 0; i < 4; ++i)
+      a[i] = _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_srli_epi32(p[i], 24)), inv255);
+    const __m256 s = _mm256_add_ps(_mm256_add_ps(_mm256_add_ps(a[0], a[1]), a[2]), a[3]);
+    const __m256 inverse = _mm256_div_ps(_mm256_set1_ps(1.0f), s);
+    const __m256 empty = _mm256_cmp_ps(s, zero, _CMP_LE_OQ);
+    for (int c = 0; c < 3; ++c) {
+      __m256 v[4];
+      for (int i = 0; i < 4; ++i)
+        v[i] = decode(_mm256_and_si256(_mm256_srli_epi32(p[i], 8 * c), low8));
+      const __m256 weighted = _mm256_mul_ps(
+          _mm256_add_ps(_mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(a[0], v[0]), _mm256_mul_ps(a[1], v[1])),
+                                      _mm256_mul_ps(a[2], v[2])),
+                        _mm256_mul_ps(a[3], v[3])),
+          inverse);
+      const __m256 mean =
+          _mm256_mul_ps(_mm256_add_ps(_mm256_add_ps(_mm256_add_ps(v[0], v[1]), v[2]), v[3]), quarter);
+      _mm256_storeu_ps(planes[c] + x, _mm256_blendv_ps(weighted, mean, empty));
+    }
+    _mm256_storeu_ps(planes[3] + x, _mm256_mul_ps(s, quarter));
+  }
+  return x;
+}
+
+// GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised reads.
+#pragma GCC diagnostic push
+#if !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#pragma GCC diagnostic ignored "-Wuninitialized"
+template <bool kTable>
+__attribute__((target("avx512f"))) std::size_t CombineBGRA8AVX512(const unsigned char* row0,
+                                                                  const unsigned char* row1,
+                                                                  const float* table, float* const* planes,
+                                                                  std::size_t count) {
+  const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+  const __m512i odd = _mm512_add_epi32(even, _mm512_set1_epi32(1));
+  const __m512i low8 = _mm512_set1_epi32(0xFF);
+  const __m512 inv255 = _mm512_set1_ps(kInv255), quarter = _mm512_set1_ps(0.25f), zero = _mm512_setzero_ps();
+  std::size_t x = 0;
+  for (; x + 16 <= count; x += 16) {
+    __m512i p[4];
+    for (int r = 0; r < 2; ++r) {
+      const unsigned char* row = (r == 0 ? row0 : row1) + 8 * x;
+      const __m512i first = _mm512_loadu_si512(row), second = _mm512_loadu_si512(row + 64);
+      p[2 * r] = _mm512_permutex2var_epi32(first, even, second);
+      p[2 * r + 1] = _mm512_permutex2var_epi32(first, odd, second);
+    }
+    const auto decode = [&](__m512i codes) __attribute__((target("avx512f"))) {
+      if constexpr (kTable)
+        return _mm512_i32gather_ps(codes, table, 4);
+      else
+        return _mm512_mul_ps(_mm512_cvtepi32_ps(codes), inv255);
+    };
+    __m512 a[4];
+    for (int i = 0; i < 4; ++i)
+      a[i] = _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_srli_epi32(p[i], 24)), inv255);
+    const __m512 s = _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(a[0], a[1]), a[2]), a[3]);
+    const __m512 inverse = _mm512_div_ps(_mm512_set1_ps(1.0f), s);
+    const __mmask16 empty = _mm512_cmp_ps_mask(s, zero, _CMP_LE_OQ);
+    for (int c = 0; c < 3; ++c) {
+      __m512 v[4];
+      for (int i = 0; i < 4; ++i)
+        v[i] = decode(_mm512_and_si512(_mm512_srli_epi32(p[i], 8 * c), low8));
+      const __m512 weighted = _mm512_mul_ps(
+          _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(a[0], v[0]), _mm512_mul_ps(a[1], v[1])),
+                                      _mm512_mul_ps(a[2], v[2])),
+                        _mm512_mul_ps(a[3], v[3])),
+          inverse);
+      const __m512 mean =
+          _mm512_mul_ps(_mm512_add_ps(_mm512_add_ps(_mm512_add_ps(v[0], v[1]), v[2]), v[3]), quarter);
+      _mm512_storeu_ps(planes[c] + x, _mm512_mask_blend_ps(empty, weighted, mean));
+    }
+    _mm512_storeu_ps(planes[3] + x, _mm512_mul_ps(s, quarter));
+  }
+  return x;
+}
+
+#pragma GCC diagnostic pop
+
+__attribute__((target("avx2"))) std::size_t ScaleRowAVX2(const float* values, unsigned char* codes,
+                                                         std::size_t count) {
+  const __m256 max = _mm256_set1_ps(255.0f), half = _mm256_set1_ps(0.5f), zero = _mm256_setzero_ps();
+  std::size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    __m256i eight[2];
+    for (int k = 0; k < 2; ++k) {
+      const __m256 scaled =
+          _mm256_min_ps(_mm256_max_ps(_mm256_mul_ps(_mm256_loadu_ps(values + i + 8 * k), max), zero), max);
+      const __m256i whole = _mm256_cvttps_epi32(scaled);
+      const __m256 fraction = _mm256_sub_ps(scaled, _mm256_cvtepi32_ps(whole));
+      eight[k] = _mm256_sub_epi32(whole, _mm256_castps_si256(_mm256_cmp_ps(fraction, half, _CMP_GE_OQ)));
+    }
+    // Packing works within 128-bit lanes: the words come out as lanes 0, 2, 1, 3 of the codes.
+    const __m256i words = _mm256_permute4x64_epi64(_mm256_packs_epi32(eight[0], eight[1]), 0xD8);
+    const __m128i bytes = _mm_packus_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(codes + i), bytes);
+  }
+  return i;
+}
+#endif
+
+// Kernels of one processor level.
+struct StandardKernels {
+  CombineBGRA8Kernel combineTable = &CombineBGRA8None;
+  CombineBGRA8Kernel combineFractions = &CombineBGRA8None;
+  ScaleRowKernel scale = &ScaleRowNone;
+  InterleaveKernel interleave = &InterleaveNone;
+};
+
+StandardKernels KernelsFor(cpu::Level level) {
+  StandardKernels k;
+  switch (level) {
+#if defined(IMAGERY_X86_64) && defined(__GNUC__)
+    case cpu::Level::AVX512:
+      k.combineTable = &CombineBGRA8AVX512<true>;
+      k.combineFractions = &CombineBGRA8AVX512<false>;
+      k.scale = &ScaleRowAVX2;
+      k.interleave = &InterleaveSSE2;
+      break;
+    case cpu::Level::AVX2:
+      k.combineTable = &CombineBGRA8AVX2<true>;
+      k.combineFractions = &CombineBGRA8AVX2<false>;
+      k.scale = &ScaleRowAVX2;
+      k.interleave = &InterleaveSSE2;
+      break;
+#endif
+#if defined(IMAGERY_X86_64)
+    case cpu::Level::SSE2:
+      k.scale = &ScaleRowSSE2;
+      k.interleave = &InterleaveSSE2;
+      break;
+#endif
+    default:
+      break;
+  }
+  return k;
+}
+
+// Levels of fewer destination pixels are computed on the calling thread: handing them to the pool
+// costs more than they take.
+constexpr long long kPoolLevelPixels = 2LL * kPixelsPerTask;
+
+// The Standard loop a row at a time, with the values of MipMapLoopCombined (colour formats) and
+// MipMapLoopStandardGrayscale (grey formats): each destination row's footprints are combined into
+// planar linear runs (blue, green, red, alpha; grey formats one run), which are then encoded and stored
+// a row at a time. Large levels are cut into bands of rows on the pool; each band writes its own rows.
 template <class Access, EImageType T>
-class StandardRowsRGBA {
+class StandardRows {
+  static constexpr FormatLayout L = LayoutOf(T);
+  static constexpr bool kGrey = L.grey;
+  static constexpr bool kTables = detail::kUsesTables<T, Access::kConversion>;
+  static constexpr std::size_t kColours = kGrey ? 1 : 3;
+  static constexpr std::size_t kPlanes = kColours + (HasAlpha(T) ? 1 : 0);
+  // Pixels of 8-bit codes with 8-bit alpha or none: encoded a whole row at a time.
+  static constexpr bool kCodes8 = L.colour == SampleKind::Code8 && L.alphaKind != SampleKind::Float32 &&
+                                  L.alphaKind != SampleKind::Code16;
+  static constexpr bool kFloats = L.colour == SampleKind::Float32 &&
+                                  (L.alphaKind == SampleKind::Float32 || L.alphaKind == SampleKind::None);
+
  public:
-  StandardRowsRGBA(const PixelPlane& from, PixelPlane& to)
+  StandardRows(const PixelPlane& from, PixelPlane& to)
       : from_(from),
         to_(to),
-        source_(from, 0, 0),
-        destination_(to, 0, 0),
-        rowWriter_(to, true),
-        width_(to.Width()),
-        runs_(static_cast<std::size_t>(width_) * 16),
-        out_(static_cast<std::size_t>(width_)) {}
+        decoder_(from.Gamma()),
+        encoder_(to.Gamma()),
+        kernels_(KernelsFor(cpu::Active())) {
+    if constexpr (T == IT_RGBA8 && kTables)
+      table_ = decoder_.table.Data();
+  }
 
-  void Run() {
-    const int lastRow = from_.Height() - 1;
-    for (int y = 0; y < to_.Height(); ++y) {
-      Decode(2 * y, 0);
-      Decode(std::min(2 * y + 1, lastRow), 2);
-      Combine();
-      Write(y);
+  void Run() const {
+    const int width = to_.Width(), height = to_.Height();
+    if (static_cast<long long>(width) * height < kPoolLevelPixels) {
+      Rows(0, height);
+      return;
     }
+    ProcessPixelTasks(
+        width, height, [this](int first, int end) { Rows(first, end); }, kPixelsPerTask);
   }
 
  private:
-  // Channel c (r, g, b, a) of footprint pixel i (p00, p10, p01, p11).
-  float* Run(int i, int c) { return runs_.data() + static_cast<std::size_t>(width_) * (4 * i + c); }
+  void Rows(int first, int end) const {
+    const std::size_t width = static_cast<std::size_t>(to_.Width());
+    std::vector<float> linear(width * kPlanes);
+    std::vector<unsigned char> codes(kCodes8 ? width * kPlanes : 0);
+    float* planes[4] = {};
+    for (std::size_t k = 0; k < kPlanes; ++k)
+      planes[k] = linear.data() + k * width;
+    const int lastRow = from_.Height() - 1;
+    for (int y = first; y < end; ++y) {
+      Combine(from_.Row(2 * y), from_.Row(std::min(2 * y + 1, lastRow)), planes, width);
+      Store(planes, codes.data(), to_.Row(y), width);
+    }
+  }
 
-  // Source row `row` into footprint pixels `first` (even columns) and first + 1 (odd columns).
-  void Decode(int row, int first) {
+  void Combine(const unsigned char* row0, const unsigned char* row1, float* const* planes,
+               std::size_t width) const {
+    std::size_t done = 0;
+    if constexpr (T == IT_RGBA8) {
+      // A source one pixel wide pairs its column with itself, which the kernels do not.
+      if (from_.Width() > 1)
+        done =
+            (kTables ? kernels_.combineTable : kernels_.combineFractions)(row0, row1, table_, planes, width);
+    }
     const int lastColumn = from_.Width() - 1;
-    LinearRGB_T<float> c;
-    float a = 1.0f;
-    for (int x = 0; x < width_; ++x) {
-      for (int k = 0; k < 2; ++k) {
-        source_.MoveTo(std::min(2 * x + k, lastColumn), row);
-        source_.GetPixelRGB(c);
-        source_.GetPixelAlpha(a);
-        const std::size_t i = static_cast<std::size_t>(x);
-        Run(first + k, 0)[i] = c.r;
-        Run(first + k, 1)[i] = c.g;
-        Run(first + k, 2)[i] = c.b;
-        Run(first + k, 3)[i] = a;
+    constexpr std::ptrdiff_t kBytes = L.bytes;
+    for (std::size_t x = done; x < width; ++x) {
+      const int x0 = 2 * static_cast<int>(x), x1 = std::min(x0 + 1, lastColumn);
+      const unsigned char* p[4] = {row0 + x0 * kBytes, row0 + x1 * kBytes, row1 + x0 * kBytes,
+                                   row1 + x1 * kBytes};
+      if constexpr (kGrey) {
+        float grey[4];
+        for (int i = 0; i < 4; ++i)
+          detail::ReadGrey<T>(p[i], decoder_, grey[i]);
+        planes[0][x] = Sum4(grey) * 0.25f;
+      } else {
+        LinearRGB_T<float> colour[4];
+        float alpha[4];
+        for (int i = 0; i < 4; ++i) {
+          detail::ReadRGB<T>(p[i], decoder_, colour[i]);
+          detail::ReadAlpha<T>(p[i], alpha[i]);
+        }
+        const float s = Sum4(alpha);
+        const LinearRGB_T<float> mixed = AlphaWeighted(colour, alpha, s);
+        planes[0][x] = mixed.b;
+        planes[1][x] = mixed.g;
+        planes[2][x] = mixed.r;
+        if constexpr (kPlanes == 4)
+          planes[3][x] = s * 0.25f;
       }
     }
   }
 
-  void Combine() {
-    SumAlphas(Run(0, 3), Run(1, 3), Run(2, 3), Run(3, 3), sums_.data(), inverses_.data(), width_);
-    float LinearRGB_T<float>::*const channels[3] = {&LinearRGB_T<float>::r, &LinearRGB_T<float>::g,
-                                                    &LinearRGB_T<float>::b};
-    for (int c = 0; c < 3; ++c) {
-      float* result = mixed_.data() + static_cast<std::size_t>(width_) * c;
-      MixChannel(Run(0, 3), Run(1, 3), Run(2, 3), Run(3, 3), Run(0, c), Run(1, c), Run(2, c), Run(3, c),
-                 sums_.data(), inverses_.data(), result, width_);
-      for (int x = 0; x < width_; ++x)
-        out_[static_cast<std::size_t>(x)].*channels[c] = result[x];
-    }
-    for (int x = 0; x < width_; ++x)
-      out_[static_cast<std::size_t>(x)].a = sums_[static_cast<std::size_t>(x)] * 0.25f;
+  void ScaleRow(const float* values, unsigned char* codes, std::size_t count) const {
+    const std::size_t done = kernels_.scale(values, codes, count);
+    for (std::size_t i = done; i < count; ++i)
+      codes[i] = detail::ScaleTo8(values[i]);
   }
 
-  // Separate runs that the compiler may take several pixels at a time.
-  static void SumAlphas(const float* __restrict a0, const float* __restrict a1, const float* __restrict a2,
-                        const float* __restrict a3, float* __restrict sums, float* __restrict inverses,
-                        int n) {
-    for (int x = 0; x < n; ++x) {
-      sums[x] = ((a0[x] + a1[x]) + a2[x]) + a3[x];
-      inverses[x] = 1.0f / sums[x];
-    }
-  }
-  static void MixChannel(const float* __restrict a0, const float* __restrict a1, const float* __restrict a2,
-                         const float* __restrict a3, const float* __restrict c0, const float* __restrict c1,
-                         const float* __restrict c2, const float* __restrict c3, const float* __restrict sums,
-                         const float* __restrict inverses, float* __restrict result, int n) {
-    for (int x = 0; x < n; ++x) {
-      const float weighted =
-          (((a0[x] * c0[x] + a1[x] * c1[x]) + a2[x] * c2[x]) + a3[x] * c3[x]) * inverses[x];
-      const float mean = (((c0[x] + c1[x]) + c2[x]) + c3[x]) * 0.25f;
-      result[x] = sums[x] <= 0.0f ? mean : weighted;
-    }
-  }
-
-  void Write(int y) {
-    if constexpr (Access::kConversion == PixelConversion::Gamma) {
-      rowWriter_.WriteRow(to_, ResamplingHelpers::Position(0, static_cast<unsigned long>(y)), out_.data(),
-                          out_.size());
+  void Store(float* const* planes, unsigned char* codes, unsigned char* row, std::size_t width) const {
+    if constexpr (kCodes8) {
+      // The planes lie one after the other: colour codes of a row in one call of the encoder.
+      unsigned char* colourCodes = kGrey ? row : codes;
+      if constexpr (kTables)
+        encoder_.encoder.EncodeRow(planes[0], colourCodes, kColours * width);
+      else
+        ScaleRow(planes[0], colourCodes, kColours * width);
+      if constexpr (kPlanes == 4)
+        ScaleRow(planes[3], codes + 3 * width, width);
+      if constexpr (!kGrey) {
+        std::size_t done = kPlanes == 4 ? kernels_.interleave(codes, row, width) : 0;
+        for (std::size_t x = done; x < width; ++x) {
+          unsigned char* pixel = row + x * L.bytes;
+          pixel[L.blue] = codes[x];
+          pixel[L.green] = codes[width + x];
+          pixel[L.red] = codes[2 * width + x];
+          if constexpr (kPlanes == 4)
+            pixel[L.alpha] = codes[3 * width + x];
+        }
+      }
+    } else if constexpr (kFloats) {
+      const int offsets[4] = {L.blue, L.green, L.red, L.alpha};
+      for (std::size_t x = 0; x < width; ++x) {
+        unsigned char* pixel = row + x * L.bytes;
+        for (std::size_t k = 0; k < kPlanes; ++k)
+          std::memcpy(pixel + offsets[k], planes[k] + x, sizeof(float));
+      }
     } else {
-      destination_.MoveTo(0, y);
-      for (const LinearRGBA_T<float>& c : out_) {
-        destination_.SetPixelRGBA(c, c.a);
-        destination_.Next();
+      for (std::size_t x = 0; x < width; ++x) {
+        unsigned char* pixel = row + x * L.bytes;
+        if constexpr (kGrey)
+          detail::WriteGrey<T>(pixel, encoder_, planes[0][x]);
+        else
+          detail::WriteRGBA<T>(pixel, encoder_, LinearRGB_T<float>(planes[2][x], planes[1][x], planes[0][x]),
+                               kPlanes == 4 ? planes[3][x] : 1.0f);
       }
     }
   }
 
   const PixelPlane& from_;
   PixelPlane& to_;
-  ConstTypedPixelAccess<T, Access::kConversion> source_;
-  TypedPixelAccess<T, Access::kConversion> destination_;
-  ResamplingHelpers::detail::TypedAccess<T> rowWriter_;
-  int width_;
-  std::vector<float> runs_;
-  std::vector<float> mixed_ = std::vector<float>(static_cast<std::size_t>(width_) * 3);
-  std::vector<float> sums_ = std::vector<float>(static_cast<std::size_t>(width_));
-  std::vector<float> inverses_ = std::vector<float>(static_cast<std::size_t>(width_));
-  std::vector<LinearRGBA_T<float>> out_;
+  detail::TypedDecoder<T, Access::kConversion> decoder_;
+  detail::TypedEncoder<T, Access::kConversion> encoder_;
+  StandardKernels kernels_;
+  const float* table_ = nullptr;
 };
 
 template <class Access, EImageType T>
@@ -431,10 +710,7 @@ void ComputeOwnLevel(MipMapMethod method, const PixelPlane& from, PixelPlane& to
     default:
       break;
   }
-  if constexpr (kGrey)
-    MipMapLoopStandardGrayscale<Access, T>(from, to);
-  else
-    StandardRowsRGBA<Access, T>(from, to).Run();
+  StandardRows<Access, T>(from, to).Run();
 }
 
 // An opacity map's no-gamma chain, by the grey form of `method`.

@@ -1,15 +1,14 @@
 // Mip-map chains: every format, method and chain against a plain chain written from the arithmetic
-// (footprints, alpha weights, the min-or-max rule, the error diffusion), opacity maps of the same and of
-// another size, the known small cases, which chain is filled when, and the alpha coverage that the sharp
-// methods keep on foliage.
+// (footprints, alpha weights, the min-or-max rule, the error diffusion), the row kernels at every
+// processor level and thread count, opacity maps of the same and of another size, the known small cases,
+// which chain is filled when, and the alpha coverage report.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <memory>
-#include <random>
 #include <vector>
 
+#include "cpu/cpu_level.h"
 #include "imagery/mipmap.h"
 #include "imagery/resample.h"
 #include "support/random_image.h"
@@ -31,29 +30,13 @@ struct Px {
 
 Px Read(const PixelPlane& plane, int x, int y, bool gammaPath) {
   Px p;
-  if (gammaPath) {
-    const ConstPixelAccess cursor(plane, x, y);
+  const auto read = [&](const auto& cursor) {
     cursor.GetPixelRGB(p.c);
     cursor.GetPixelGrayscale(p.g);
     cursor.GetPixelAlpha(p.a);
-  } else {
-    const ConstPixelAccessNoGamma cursor(plane, x, y);
-    cursor.GetPixelRGB(p.c);
-    cursor.GetPixelGrayscale(p.g);
-    cursor.GetPixelAlpha(p.a);
-  }
+  };
+  gammaPath ? read(ConstPixelAccess(plane, x, y)) : read(ConstPixelAccessNoGamma(plane, x, y));
   return p;
-}
-
-template <class F>
-void Write(PixelPlane& plane, int x, int y, bool gammaPath, F f) {
-  if (gammaPath) {
-    PixelAccess cursor(plane, x, y);
-    f(cursor);
-  } else {
-    PixelAccessNoGamma cursor(plane, x, y);
-    f(cursor);
-  }
 }
 
 float Sharp(const float* v, float candidate) {
@@ -119,7 +102,7 @@ void ReferenceLevel(const PixelPlane& from, PixelPlane& to, bool gammaPath, M me
         for (const auto& [t, w] : targets)
           *t = {t->r + err.r * w, t->g + err.g * w, t->b + err.b * w, t->a + err.a * w};
       }
-      Write(to, x, y, gammaPath, [&](auto& cursor) {
+      const auto write = [&](auto&& cursor) {
         if (greyOnly)
           cursor.SetPixelGrayscale(alpha);
         else if (grey && alphaLevel == nullptr)
@@ -129,7 +112,8 @@ void ReferenceLevel(const PixelPlane& from, PixelPlane& to, bool gammaPath, M me
           cursor.SetPixelGrayscale(colour.r);
         else
           cursor.SetPixelRGBA(colour, alpha);
-      });
+      };
+      gammaPath ? write(PixelAccess(to, x, y)) : write(PixelAccessNoGamma(to, x, y));
     }
   }
 }
@@ -185,24 +169,60 @@ struct Shape {
   int width, height;
 };
 
+// Computes the chain of a copy of `source` and compares it with the plain chain.
+void CheckChain(const Image& source, bool gammaCorrect, M method,
+                const std::vector<Image>* expected = nullptr) {
+  const bool gammaPath = UsesGammaMipMaps(source, GammaCorrectFlag(gammaCorrect));
+  Image image(*std::unique_ptr<Image>(source.DeepCopy()));
+  ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(gammaCorrect), method);
+  ExpectChain(image, gammaPath,
+              expected != nullptr ? *expected : ReferenceChain(source, gammaPath, method, nullptr, nullptr),
+              ("format " + std::to_string(source.ImageType()) + " method " +
+               std::to_string(static_cast<int>(method)) + " " + std::to_string(source.Width()) + "x" +
+               std::to_string(source.Height()) + " gamma " + std::to_string(gammaCorrect))
+                  .c_str());
+}
+
 TEST(MipMapTest, EveryFormatMethodAndChainMatchesThePlainChain) {
-  const Shape shapes[] = {{7, 5}, {1, 8}, {8, 1}, {5, 3}, {16, 9}};
   unsigned draw = 100;
   for (const EImageType type : kAllFormats) {
     for (const M method : kMethods) {
+      for (const Shape& shape : {Shape{7, 5}, Shape{1, 8}, Shape{8, 1}, Shape{5, 3}, Shape{16, 9}}) {
+        const GammaValue gamma = !IsGammaEncoded(type) ? gamma::Linear
+                                 : draw % 2            ? gamma::sRGB
+                                                       : GammaValue(2.2f);
+        const Image image = RandomImage(type, shape.width, shape.height, gamma, draw++);
+        for (const bool gammaCorrect : {false, true})
+          CheckChain(image, gammaCorrect, method);
+      }
+    }
+  }
+}
+
+// The formats with row kernels, wide enough for whole vector blocks and a rest, one pixel wide or high,
+// and large enough for the pool; transparent patches make footprints whose alphas are all 0. Every
+// processor level, on one thread and on the pool.
+TEST(MipMapTest, RowKernelsMatchThePlainChainAtEveryLevelAndThreadCount) {
+  unsigned draw = 900;
+  for (const EImageType type : {IT_RGBA8, IT_RGB8, IT_Grayscale8, IT_RGBA32f}) {
+    for (const Shape& shape : {Shape{75, 41}, Shape{1, 300}, Shape{300, 1}, Shape{1030, 520}}) {
+      Image source = RandomImage(type, shape.width, shape.height,
+                                 IsGammaEncoded(type) ? gamma::sRGB : gamma::Linear, draw++);
+      for (int y = 0; y < shape.height && HasAlpha(type); ++y)
+        for (int x = 0; x < shape.width; ++x)
+          if ((x / 4 + y / 4) % 3 == 0)
+            source.SetPixelAlpha(x, y, 0.0f, ATO_None);
       for (const bool gammaCorrect : {false, true}) {
-        for (const Shape& shape : shapes) {
-          const GammaValue gamma = !IsGammaEncoded(type) ? gamma::Linear
-                                   : draw % 2            ? gamma::sRGB
-                                                         : GammaValue(2.2f);
-          Image image = RandomImage(type, shape.width, shape.height, gamma, draw++);
-          ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(gammaCorrect), method);
-          const bool gammaPath = UsesGammaMipMaps(image, GammaCorrectFlag(gammaCorrect));
-          ExpectChain(
-              image, gammaPath, ReferenceChain(image, gammaPath, method, nullptr, nullptr),
-              ("format " + std::to_string(type) + " method " + std::to_string(static_cast<int>(method)) +
-               " " + std::to_string(shape.width) + "x" + std::to_string(shape.height))
-                  .c_str());
+        const std::vector<Image> expected = ReferenceChain(
+            source, UsesGammaMipMaps(source, GammaCorrectFlag(gammaCorrect)), M::Standard, nullptr, nullptr);
+        for (int level = 0; level <= static_cast<int>(cpu::Detected()); ++level) {
+          for (const int threads : {1, 0}) {
+            SCOPED_TRACE(std::string(cpu::Name(static_cast<cpu::Level>(level))) +
+                         (threads ? " one thread" : ""));
+            const cpu::ScopedLevel scoped(static_cast<cpu::Level>(level));
+            const tools::ScopedJobThreadLimit limit(threads);
+            CheckChain(source, gammaCorrect, M::Standard, &expected);
+          }
         }
       }
     }
@@ -279,12 +299,6 @@ TEST(MipMapTest, KnownSmallCases) {
   EXPECT_EQ(Level(odd, 1, 1, 0).r, 7.5f);
   EXPECT_EQ(Level(odd, 2, 0, 0).r, 6.5f);
 
-  // 1 x 8: the single column pairs with itself, rows pair up.
-  Image column = FloatImage(1, 8, [](int, int y) { return LinearRGBA_T<float>(y, y, y, 1.0f); });
-  ComputeMipMapCombined(column, nullptr, GammaCorrectFlag(false), M::Standard);
-  for (int j = 0; j < 4; ++j)
-    EXPECT_EQ(Level(column, 1, 0, j).g, 2.0f * j + 0.5f);
-
   // Standard: the opaque pixel's colour with a quarter of its alpha; all transparent, the plain mean.
   Image weighted = FloatImage(4, 2, [](int x, int y) {
     const bool opaque = x == 1 && y == 1;
@@ -297,12 +311,11 @@ TEST(MipMapTest, KnownSmallCases) {
   // The threshold keeps the smallest alpha unless the mean reaches the middle.
   const float alphas[3][4] = {{0, 0, 0, 1}, {0, 1, 1, 1}, {0.2f, 0.4f, 0.6f, 0.8f}};
   const float expected[3] = {0.0f, 1.0f, 0.8f};
-  for (int k = 0; k < 3; ++k) {
-    Image image =
-        FloatImage(2, 2, [&](int x, int y) { return LinearRGBA_T<float>(1, 1, 1, alphas[k][x + 2 * y]); });
-    ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(false), M::SharpAlphaFixedThreshold);
-    EXPECT_EQ(Level(image, 1, 0, 0).a, expected[k]) << k;
-  }
+  Image image = FloatImage(
+      6, 2, [&](int x, int y) { return LinearRGBA_T<float>(1, 1, 1, alphas[x / 2][x % 2 + 2 * y]); });
+  ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(false), M::SharpAlphaFixedThreshold);
+  for (int k = 0; k < 3; ++k)
+    EXPECT_EQ(Level(image, 1, k, 0).a, expected[k]) << k;
 
   // A one-pixel checkerboard of alpha dithers to alphas of 0 or 1, alternating along the first row.
   Image checker =
@@ -311,10 +324,7 @@ TEST(MipMapTest, KnownSmallCases) {
   for (int y = 0; y < 4; ++y) {
     for (int x = 0; x < 8; ++x) {
       const float a = Level(checker, 1, x, y).a;
-      EXPECT_TRUE(a == 0.0f || a == 1.0f) << x << "," << y;
-      if (y == 0) {
-        EXPECT_EQ(a, x % 2 == 0 ? 1.0f : 0.0f) << x;
-      }
+      EXPECT_TRUE(y == 0 ? a == (x % 2 == 0 ? 1.0f : 0.0f) : a == 0.0f || a == 1.0f) << x << "," << y;
     }
   }
 }
@@ -347,73 +357,21 @@ TEST(MipMapTest, WhichChainIsFilledAndWhen) {
   EXPECT_TRUE(Chain(single, true).empty());
 }
 
-// Leaves on a transparent background: elongated blobs with hard (0 or 1) alpha and wavy outlines,
-// overlapping into clumps, over a noisy green.
-Image Foliage(int size, unsigned draw) {
-  Image image(size, size, IT_RGBA8, gamma::sRGB);
-  std::mt19937 random(draw);
-  std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-  std::vector<float> cover(static_cast<std::size_t>(size * size), 0.0f);
-  for (int leaf = 0; leaf < 70; ++leaf) {
-    const float cx = unit(random) * size, cy = unit(random) * size, angle = unit(random) * 3.14159f;
-    const float length = 10.0f + unit(random) * 22.0f, width = 4.0f + unit(random) * 7.0f;
-    const float ca = std::cos(angle), sa = std::sin(angle), lobes = 3.0f + std::floor(unit(random) * 4.0f);
-    for (int y = 0; y < size; ++y) {
-      for (int x = 0; x < size; ++x) {
-        // Wrapped, as a tiling texture is.
-        float dx = x - cx, dy = y - cy;
-        dx -= size * std::round(dx / size);
-        dy -= size * std::round(dy / size);
-        const float u = (dx * ca + dy * sa) / length, v = (-dx * sa + dy * ca) / width;
-        const float wave = 1.0f + 0.2f * std::sin(lobes * std::atan2(v, u));
-        if (u * u + v * v < wave * wave)
-          cover[static_cast<std::size_t>(y * size + x)] = 1.0f;
-      }
-    }
+// The fraction of pixels whose alpha is above the threshold, per level of the chosen chain; level 0
+// alone without a computed chain; formats without alpha are fully covered.
+TEST(MipMapTest, AlphaCoverageReport) {
+  Image image =
+      FloatImage(4, 2, [](int x, int) { return LinearRGBA_T<float>(0, 0, 0, x < 3 ? 1.0f : 0.0f); });
+  ASSERT_EQ(MipMapAlphaCoverage(image, GammaCorrectFlag(false), 0.5f).size(), 1u);
+  ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(false), M::Standard);
+  const std::vector<MipMapCoverage> report = MipMapAlphaCoverage(image, GammaCorrectFlag(false), 0.5f);
+  ASSERT_EQ(report.size(), 3u);
+  // Level 1 alphas 1 and 0.5 (not above the threshold); level 2 is their mean over clamped rows.
+  const float covered[3] = {0.75f, 0.5f, 1.0f};
+  for (int level = 0; level < 3; ++level) {
+    EXPECT_EQ(report[level].width, 4 >> level);
+    EXPECT_EQ(report[level].covered, covered[level]) << level;
   }
-  for (int y = 0; y < size; ++y) {
-    for (int x = 0; x < size; ++x) {
-      const float a = cover[static_cast<std::size_t>(y * size + x)];
-      image.SetPixelRGBA(x, y, {0.1f + 0.2f * unit(random), 0.3f + 0.5f * unit(random), 0.05f, a}, ATO_None);
-    }
-  }
-  return image;
-}
-
-// Alpha-tested foliage seen from afar: the fraction of pixels above alpha 0.5 per level.
-TEST(MipMapTest, SharpMethodsKeepTheAlphaCoverageOfFoliage) {
-  const Image foliage = Foliage(256, 21);
-  std::vector<MipMapCoverage> reports[4];
-  for (const M method : kMethods) {
-    Image image(*std::unique_ptr<Image>(foliage.DeepCopy()));
-    ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(true), method);
-    reports[static_cast<int>(method)] = MipMapAlphaCoverage(image, GammaCorrectFlag(true), 0.5f);
-  }
-  const std::vector<MipMapCoverage>& standard = reports[0];
-  ASSERT_EQ(standard.size(), 9u);
-  EXPECT_EQ(standard[5].width, 8);
-  const float coverage0 = standard[0].covered;
-  ASSERT_GT(coverage0, 0.3f);
-  ASSERT_LT(coverage0, 0.6f);
-  // Nearest samples the coverage; the dither carries what each level rounds away to its neighbours.
-  for (const M method : {M::SharpAlphaNearest, M::SharpAlphaDither}) {
-    for (int level = 1; level <= 5; ++level)
-      EXPECT_NEAR(reports[static_cast<int>(method)][level].covered, coverage0, 0.05f) << level;
-  }
-  // The fixed threshold settles ties (two opaque of four) as opaque, so leaves grow level after level:
-  // coverage is never lost, but it is gained.
-  const std::vector<MipMapCoverage>& threshold = reports[static_cast<int>(M::SharpAlphaFixedThreshold)];
-  for (int level = 1; level < 9; ++level)
-    EXPECT_GE(threshold[level].covered, threshold[level - 1].covered - 0.02f) << level;
-  EXPECT_GT(threshold[5].covered, coverage0 + 0.1f);
-  // Averaging softens alpha until clumps of leaves fall below the threshold.
-  EXPECT_LT(standard[6].covered, coverage0 - 0.1f);
-  EXPECT_EQ(standard[8].covered, 0.0f);
-
-  // Without a computed chain, level 0 alone; colour formats without alpha are fully covered.
-  const std::vector<MipMapCoverage> alone = MipMapAlphaCoverage(foliage, GammaCorrectFlag(true), 0.5f);
-  ASSERT_EQ(alone.size(), 1u);
-  EXPECT_EQ(alone[0].covered, coverage0);
   EXPECT_EQ(MipMapAlphaCoverage(Image(4, 4, IT_RGB8), GammaCorrectFlag(false), 0.5f)[0].covered, 1.0f);
 }
 
