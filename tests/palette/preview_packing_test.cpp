@@ -320,7 +320,8 @@ TEST(PreviewPacking, WritersRefuseSizesTheBitmapDoesNotHave) {
 }  // namespace
 }  // namespace imagery
 
-void* operator new(std::size_t size) {
+// Out of line, so that the compiler never pairs an inlined malloc or free with a new or delete it sees.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   if (tracking > 0)
     tracked += size;
   void* p = std::malloc(size ? size : 1);
@@ -328,9 +329,9 @@ void* operator new(std::size_t size) {
     throw std::bad_alloc();
   return p;
 }
-void operator delete(void* p) noexcept {
+[[gnu::noinline]] void operator delete(void* p) noexcept {
   std::free(p);
 }
-void operator delete(void* p, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept {
   std::free(p);
 }
