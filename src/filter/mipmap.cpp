@@ -9,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+#include "convert/target_encoding.h"
 #include "cpu/cpu_level.h"
 #include "imagery/detail/pixel_io.h"
 #include "imagery/image_impl.h"
@@ -204,14 +205,6 @@ std::size_t CombineBGRA8None(const unsigned char*, const unsigned char*, const f
   return 0;
 }
 
-// Codes of linear values that are stored without gamma (alpha, and every channel of the linear chain),
-// ScaleTo8 value for value. Each returns how many it did, a multiple of its width.
-using ScaleRowKernel = std::size_t (*)(const float* values, unsigned char* codes, std::size_t count);
-
-std::size_t ScaleRowNone(const float*, unsigned char*, std::size_t) {
-  return 0;
-}
-
 // Planar blue, green, red and alpha codes (`count` each, one after the other) into BGRA pixels.
 using InterleaveKernel = std::size_t (*)(const unsigned char* codes, unsigned char* pixels,
                                          std::size_t count);
@@ -221,26 +214,6 @@ std::size_t InterleaveNone(const unsigned char*, unsigned char*, std::size_t) {
 }
 
 #if defined(IMAGERY_X86_64)
-std::size_t ScaleRowSSE2(const float* values, unsigned char* codes, std::size_t count) {
-  const __m128 max = _mm_set1_ps(255.0f), half = _mm_set1_ps(0.5f), zero = _mm_setzero_ps();
-  std::size_t i = 0;
-  for (; i + 16 <= count; i += 16) {
-    __m128i four[4];
-    for (int k = 0; k < 4; ++k) {
-      // max(scaled, 0) and min(scaled, 255) are ScaleToCode's two selections, NaN included.
-      const __m128 scaled =
-          _mm_min_ps(_mm_max_ps(_mm_mul_ps(_mm_loadu_ps(values + i + 4 * k), max), zero), max);
-      const __m128i whole = _mm_cvttps_epi32(scaled);
-      const __m128 fraction = _mm_sub_ps(scaled, _mm_cvtepi32_ps(whole));
-      four[k] = _mm_sub_epi32(whole, _mm_castps_si128(_mm_cmpge_ps(fraction, half)));
-    }
-    const __m128i bytes =
-        _mm_packus_epi16(_mm_packs_epi32(four[0], four[1]), _mm_packs_epi32(four[2], four[3]));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(codes + i), bytes);
-  }
-  return i;
-}
-
 std::size_t InterleaveSSE2(const unsigned char* codes, unsigned char* pixels, std::size_t count) {
   std::size_t x = 0;
   for (; x + 16 <= count; x += 16) {
@@ -367,56 +340,37 @@ __attribute__((target("avx512f"))) std::size_t CombineBGRA8AVX512(const unsigned
 
 #pragma GCC diagnostic pop
 
-__attribute__((target("avx2"))) std::size_t ScaleRowAVX2(const float* values, unsigned char* codes,
-                                                         std::size_t count) {
-  const __m256 max = _mm256_set1_ps(255.0f), half = _mm256_set1_ps(0.5f), zero = _mm256_setzero_ps();
-  std::size_t i = 0;
-  for (; i + 16 <= count; i += 16) {
-    __m256i eight[2];
-    for (int k = 0; k < 2; ++k) {
-      const __m256 scaled =
-          _mm256_min_ps(_mm256_max_ps(_mm256_mul_ps(_mm256_loadu_ps(values + i + 8 * k), max), zero), max);
-      const __m256i whole = _mm256_cvttps_epi32(scaled);
-      const __m256 fraction = _mm256_sub_ps(scaled, _mm256_cvtepi32_ps(whole));
-      eight[k] = _mm256_sub_epi32(whole, _mm256_castps_si256(_mm256_cmp_ps(fraction, half, _CMP_GE_OQ)));
-    }
-    // Packing works within 128-bit lanes: the words come out as lanes 0, 2, 1, 3 of the codes.
-    const __m256i words = _mm256_permute4x64_epi64(_mm256_packs_epi32(eight[0], eight[1]), 0xD8);
-    const __m128i bytes = _mm_packus_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(codes + i), bytes);
-  }
-  return i;
-}
 #endif
 
 // Kernels of one processor level.
 struct StandardKernels {
   CombineBGRA8Kernel combineTable = &CombineBGRA8None;
   CombineBGRA8Kernel combineFractions = &CombineBGRA8None;
-  ScaleRowKernel scale = &ScaleRowNone;
+  // Codes of values stored without gamma (alpha, and every channel of the linear chain): ScaleTo8's.
+  void (*scale)(const float* values, unsigned char* codes,
+                int count) = &convert::ScaleRow<cpu::Level::Scalar, unsigned char>;
   InterleaveKernel interleave = &InterleaveNone;
 };
 
 StandardKernels KernelsFor(cpu::Level level) {
   StandardKernels k;
+  if (level >= cpu::Level::SSE2)
+    k.scale = &convert::ScaleRow<cpu::Level::SSE2, unsigned char>;
   switch (level) {
 #if defined(IMAGERY_X86_64) && defined(__GNUC__)
     case cpu::Level::AVX512:
       k.combineTable = &CombineBGRA8AVX512<true>;
       k.combineFractions = &CombineBGRA8AVX512<false>;
-      k.scale = &ScaleRowAVX2;
       k.interleave = &InterleaveSSE2;
       break;
     case cpu::Level::AVX2:
       k.combineTable = &CombineBGRA8AVX2<true>;
       k.combineFractions = &CombineBGRA8AVX2<false>;
-      k.scale = &ScaleRowAVX2;
       k.interleave = &InterleaveSSE2;
       break;
 #endif
 #if defined(IMAGERY_X86_64)
     case cpu::Level::SSE2:
-      k.scale = &ScaleRowSSE2;
       k.interleave = &InterleaveSSE2;
       break;
 #endif
@@ -522,9 +476,7 @@ class StandardRows {
   }
 
   void ScaleRow(const float* values, unsigned char* codes, std::size_t count) const {
-    const std::size_t done = kernels_.scale(values, codes, count);
-    for (std::size_t i = done; i < count; ++i)
-      codes[i] = detail::ScaleTo8(values[i]);
+    kernels_.scale(values, codes, static_cast<int>(count));
   }
 
   void Store(float* const* planes, unsigned char* codes, unsigned char* row, std::size_t width) const {
