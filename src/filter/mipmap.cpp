@@ -16,6 +16,8 @@
 #include "imagery/pixel_access.h"
 #include "imagery/pixel_tasks.h"
 #include "imagery/resample.h"
+#include "pixel/byte_lookup.h"
+#include "pixel/srgb_rows.h"
 
 #if defined(IMAGERY_X86_64)
 #include <immintrin.h>
@@ -194,13 +196,17 @@ void MipMapLoopCombined(const PixelPlane& from, PixelPlane& to, const AlphaLevel
 
 // Row kernels of the Standard loop for 8-bit BGRA sources: the alpha-weighted colour and the mean alpha
 // of `count` destination pixels, whose footprints start at row0 and row1 (every footprint has its odd
-// column), into planar linear blue, green, red and alpha. Colour codes are decoded by `table` (256
-// linear values), or as plain fractions when it is null. Each returns how many pixels it did, a
-// multiple of its width; the plain loop does the rest. Lane for lane the arithmetic of the plain loop.
+// column), into planar linear blue, green, red and alpha. Colour codes are decoded by `table`, or as
+// plain fractions by the kernels made for that. Each returns how many pixels it did, a multiple of its
+// width; the plain loop does the rest. Lane for lane the arithmetic of the plain loop.
+struct CodeTable {
+  const float* values = nullptr;  // 256 linear values
+  detail::BytePlanes planes;
+};
 using CombineBGRA8Kernel = std::size_t (*)(const unsigned char* row0, const unsigned char* row1,
-                                           const float* table, float* const* planes, std::size_t count);
+                                           const CodeTable& table, float* const* planes, std::size_t count);
 
-std::size_t CombineBGRA8None(const unsigned char*, const unsigned char*, const float*, float* const*,
+std::size_t CombineBGRA8None(const unsigned char*, const unsigned char*, const CodeTable&, float* const*,
                              std::size_t) {
   return 0;
 }
@@ -236,8 +242,9 @@ std::size_t InterleaveSSE2(const unsigned char* codes, unsigned char* pixels, st
 #if defined(IMAGERY_X86_64) && defined(__GNUC__)
 template <bool kTable>
 __attribute__((target("avx2"))) std::size_t CombineBGRA8AVX2(const unsigned char* row0,
-                                                             const unsigned char* row1, const float* table,
-                                                             float* const* planes, std::size_t count) {
+                                                             const unsigned char* row1,
+                                                             const CodeTable& table, float* const* planes,
+                                                             std::size_t count) {
   // Even source pixels to the low half, odd ones to the high half.
   const __m256i split = _mm256_setr_epi32(0, 2, 4, 6, 1, 3, 5, 7);
   const __m256i low8 = _mm256_set1_epi32(0xFF);
@@ -256,7 +263,7 @@ __attribute__((target("avx2"))) std::size_t CombineBGRA8AVX2(const unsigned char
     }
     const auto decode = [&](__m256i codes) __attribute__((target("avx2"))) {
       if constexpr (kTable)
-        return _mm256_i32gather_ps(table, codes, 4);
+        return _mm256_i32gather_ps(table.values, codes, 4);
       else
         return _mm256_mul_ps(_mm256_cvtepi32_ps(codes), inv255);
     };
@@ -293,8 +300,8 @@ __attribute__((target("avx2"))) std::size_t CombineBGRA8AVX2(const unsigned char
 template <bool kTable>
 __attribute__((target("avx512f"))) std::size_t CombineBGRA8AVX512(const unsigned char* row0,
                                                                   const unsigned char* row1,
-                                                                  const float* table, float* const* planes,
-                                                                  std::size_t count) {
+                                                                  const CodeTable& table,
+                                                                  float* const* planes, std::size_t count) {
   const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
   const __m512i odd = _mm512_add_epi32(even, _mm512_set1_epi32(1));
   const __m512i low8 = _mm512_set1_epi32(0xFF);
@@ -310,7 +317,7 @@ __attribute__((target("avx512f"))) std::size_t CombineBGRA8AVX512(const unsigned
     }
     const auto decode = [&](__m512i codes) __attribute__((target("avx512f"))) {
       if constexpr (kTable)
-        return _mm512_i32gather_ps(codes, table, 4);
+        return _mm512_i32gather_ps(codes, table.values, 4);
       else
         return _mm512_mul_ps(_mm512_cvtepi32_ps(codes), inv255);
     };
@@ -324,6 +331,64 @@ __attribute__((target("avx512f"))) std::size_t CombineBGRA8AVX512(const unsigned
       __m512 v[4];
       for (int i = 0; i < 4; ++i)
         v[i] = decode(_mm512_and_si512(_mm512_srli_epi32(p[i], 8 * c), low8));
+      const __m512 weighted = _mm512_mul_ps(
+          _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(a[0], v[0]), _mm512_mul_ps(a[1], v[1])),
+                                      _mm512_mul_ps(a[2], v[2])),
+                        _mm512_mul_ps(a[3], v[3])),
+          inverse);
+      const __m512 mean =
+          _mm512_mul_ps(_mm512_add_ps(_mm512_add_ps(_mm512_add_ps(v[0], v[1]), v[2]), v[3]), quarter);
+      _mm512_storeu_ps(planes[c] + x, _mm512_mask_blend_ps(empty, weighted, mean));
+    }
+    _mm512_storeu_ps(planes[3] + x, _mm512_mul_ps(s, quarter));
+  }
+  return x;
+}
+
+// The AVX-512 kernel with colour codes decoded by byte permutes instead of gathers: for each channel, its
+// codes of the 64 footprint pixels of 16 destination pixels are gathered into one register and looked
+// up at once. The arithmetic after the look-up is CombineBGRA8AVX512's.
+IMAGERY_BYTE_SHUFFLES std::size_t CombineBGRA8ByteShuffles(const unsigned char* row0,
+                                                           const unsigned char* row1, const CodeTable& table,
+                                                           float* const* planes, std::size_t count) {
+  // Byte 16j + 4s + m of a channel's codes is its code in footprint pixel s (row s / 2, column parity
+  // s % 2) of destination pixel 4j + m: the lane-transposed order LookUp64 takes, so that its out[s]
+  // holds footprint pixel s of the 16 destination pixels in order. Rows are 128 bytes of 32 sources.
+  alignas(64) std::uint8_t order[64];
+  for (int j = 0; j < 4; ++j) {
+    for (int s = 0; s < 4; ++s) {
+      for (int m = 0; m < 4; ++m)
+        order[16 * j + 4 * s + m] = static_cast<std::uint8_t>(4 * (8 * j + 2 * m + (s & 1)));
+    }
+  }
+  const __m512i firstChannel = _mm512_load_si512(order);
+  const __mmask64 secondRow = 0xFF00FF00FF00FF00ULL;
+  const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+  const __m512i odd = _mm512_add_epi32(even, _mm512_set1_epi32(1));
+  const __m512 inv255 = _mm512_set1_ps(kInv255), quarter = _mm512_set1_ps(0.25f), zero = _mm512_setzero_ps();
+  std::size_t x = 0;
+  for (; x + 16 <= count; x += 16) {
+    const __m512i first0 = _mm512_loadu_si512(row0 + 8 * x), second0 = _mm512_loadu_si512(row0 + 8 * x + 64);
+    const __m512i first1 = _mm512_loadu_si512(row1 + 8 * x), second1 = _mm512_loadu_si512(row1 + 8 * x + 64);
+    const __m512i p[4] = {
+        _mm512_permutex2var_epi32(first0, even, second0), _mm512_permutex2var_epi32(first0, odd, second0),
+        _mm512_permutex2var_epi32(first1, even, second1), _mm512_permutex2var_epi32(first1, odd, second1)};
+    __m512 a[4];
+    for (int i = 0; i < 4; ++i)
+      a[i] = _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_srli_epi32(p[i], 24)), inv255);
+    const __m512 s = _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(a[0], a[1]), a[2]), a[3]);
+    const __m512 inverse = _mm512_div_ps(_mm512_set1_ps(1.0f), s);
+    const __mmask16 empty = _mm512_cmp_ps_mask(s, zero, _CMP_LE_OQ);
+    for (int c = 0; c < 3; ++c) {
+      const __m512i index = _mm512_add_epi8(firstChannel, _mm512_set1_epi8(static_cast<char>(c)));
+      const __m512i codes =
+          _mm512_mask_blend_epi8(secondRow, _mm512_permutex2var_epi8(first0, index, second0),
+                                 _mm512_permutex2var_epi8(first1, index, second1));
+      __m512i looked[4];
+      detail::LookUp64(table.planes.bytes, codes, looked);
+      __m512 v[4];
+      for (int i = 0; i < 4; ++i)
+        v[i] = _mm512_castsi512_ps(looked[i]);
       const __m512 weighted = _mm512_mul_ps(
           _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(a[0], v[0]), _mm512_mul_ps(a[1], v[1])),
                                       _mm512_mul_ps(a[2], v[2])),
@@ -359,7 +424,7 @@ StandardKernels KernelsFor(cpu::Level level) {
   switch (level) {
 #if defined(IMAGERY_X86_64) && defined(__GNUC__)
     case cpu::Level::AVX512:
-      k.combineTable = &CombineBGRA8AVX512<true>;
+      k.combineTable = cpu::HasByteShuffles(level) ? &CombineBGRA8ByteShuffles : &CombineBGRA8AVX512<true>;
       k.combineFractions = &CombineBGRA8AVX512<false>;
       k.interleave = &InterleaveSSE2;
       break;
@@ -408,8 +473,10 @@ class StandardRows {
         decoder_(from.Gamma()),
         encoder_(to.Gamma()),
         kernels_(KernelsFor(cpu::Active())) {
-    if constexpr (T == IT_RGBA8 && kTables)
-      table_ = decoder_.table.Data();
+    if constexpr (T == IT_RGBA8 && kTables) {
+      table_.values = decoder_.table.Data();
+      table_.planes.Split(table_.values);
+    }
   }
 
   void Run() const {
@@ -524,7 +591,7 @@ class StandardRows {
   detail::TypedDecoder<T, Access::kConversion> decoder_;
   detail::TypedEncoder<T, Access::kConversion> encoder_;
   StandardKernels kernels_;
-  const float* table_ = nullptr;
+  CodeTable table_;
 };
 
 template <class Access, EImageType T>

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <limits>
 
+#include "pixel/byte_lookup.h"
 #include "pixel/gamma_curves.h"
 
 #if defined(IMAGERY_X86_64)
@@ -200,26 +201,13 @@ SRGBRowFunction<Code> SRGBRowEncoder(cpu::Level level) {
 
 // --- Byte codes to floats through tables -----------------------------------------------------------
 
-struct BytePlanes {
-  alignas(64) std::uint8_t bytes[4][256];
-};
-
-void SplitBytes(const float* values, std::uint8_t (*planes)[256]) {
-  for (int v = 0; v < 256; ++v) {
-    std::uint32_t bits;
-    std::memcpy(&bits, &values[v], sizeof bits);
-    for (int k = 0; k < 4; ++k)
-      planes[k][v] = static_cast<std::uint8_t>(bits >> (8 * k));
-  }
-}
-
 struct SRGBDecodeTables {
   float values[256];
   BytePlanes planes;
   SRGBDecodeTables() {
     for (int v = 0; v < 256; ++v)
       values[v] = curves::Decode(static_cast<unsigned char>(v), gamma::sRGB);
-    SplitBytes(values, planes.bytes);
+    planes.Split(values);
   }
 };
 
@@ -242,37 +230,11 @@ void CodeSumScalar(const ByteTables3& tables, const unsigned char* pixels, std::
 }
 
 #if defined(IMAGERY_X86_64) && defined(__GNUC__)
-#define IMAGERY_BYTE_SHUFFLES __attribute__((target("avx512f,avx512bw,avx512vbmi")))
 #pragma GCC diagnostic push
 #if !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 #pragma GCC diagnostic ignored "-Wuninitialized"
-
-// The table values of 64 byte indices, by two-register byte permutes on each byte plane (128 entries
-// each, the top index bit choosing between them) and interleaves of the four planes. The interleaves
-// work inside 128-bit lanes, so the indices come lane-transposed: dword 4j + s of `index` holds indices
-// 16s + 4j .. 16s + 4j + 3. out[s] then holds the values of indices 16s .. 16s + 15 in order.
-IMAGERY_BYTE_SHUFFLES inline void LookUp64(const std::uint8_t (*planes)[256], __m512i index, __m512i out[4]) {
-  const __mmask64 upper = _mm512_movepi8_mask(index);
-  __m512i bytes[4];
-  for (int k = 0; k < 4; ++k) {
-    const auto* plane = reinterpret_cast<const __m512i*>(planes[k]);
-    const __m512i low =
-        _mm512_permutex2var_epi8(_mm512_load_si512(plane), index, _mm512_load_si512(plane + 1));
-    const __m512i high =
-        _mm512_permutex2var_epi8(_mm512_load_si512(plane + 2), index, _mm512_load_si512(plane + 3));
-    bytes[k] = _mm512_mask_blend_epi8(upper, low, high);
-  }
-  const __m512i low01 = _mm512_unpacklo_epi8(bytes[0], bytes[1]),
-                high01 = _mm512_unpackhi_epi8(bytes[0], bytes[1]);
-  const __m512i low23 = _mm512_unpacklo_epi8(bytes[2], bytes[3]),
-                high23 = _mm512_unpackhi_epi8(bytes[2], bytes[3]);
-  out[0] = _mm512_unpacklo_epi16(low01, low23);
-  out[1] = _mm512_unpackhi_epi16(low01, low23);
-  out[2] = _mm512_unpacklo_epi16(high01, high23);
-  out[3] = _mm512_unpackhi_epi16(high01, high23);
-}
 
 IMAGERY_BYTE_SHUFFLES std::size_t DecodeSRGBByteShuffles(const unsigned char* codes, float* linear,
                                                          std::size_t count) {
@@ -321,9 +283,9 @@ IMAGERY_BYTE_SHUFFLES std::size_t CodeSumByteShuffles(const ByteTables3& tables,
     const __m512i low01 = _mm512_unpacklo_epi32(g0, g1), high01 = _mm512_unpackhi_epi32(g0, g1);
     const __m512i low23 = _mm512_unpacklo_epi32(g2, g3), high23 = _mm512_unpackhi_epi32(g2, g3);
     __m512i first[4], second[4], third[4];
-    LookUp64(tables.planes[0], _mm512_unpacklo_epi64(high01, high23), first);
-    LookUp64(tables.planes[1], _mm512_unpackhi_epi64(low01, low23), second);
-    LookUp64(tables.planes[2], _mm512_unpacklo_epi64(low01, low23), third);
+    LookUp64(tables.planes[0].bytes, _mm512_unpacklo_epi64(high01, high23), first);
+    LookUp64(tables.planes[1].bytes, _mm512_unpackhi_epi64(low01, low23), second);
+    LookUp64(tables.planes[2].bytes, _mm512_unpacklo_epi64(low01, low23), third);
     for (int s = 0; s < 4; ++s) {
       const __m512 sum =
           _mm512_add_ps(_mm512_add_ps(_mm512_castsi512_ps(first[s]), _mm512_castsi512_ps(second[s])),
@@ -358,9 +320,18 @@ SRGBDecodeRowFunction SRGBRowDecoder8(cpu::Level level) {
   return &DecodeSRGBScalar;
 }
 
+void BytePlanes::Split(const float* values) {
+  for (int v = 0; v < 256; ++v) {
+    std::uint32_t bits;
+    std::memcpy(&bits, &values[v], sizeof bits);
+    for (int k = 0; k < 4; ++k)
+      bytes[k][v] = static_cast<std::uint8_t>(bits >> (8 * k));
+  }
+}
+
 void ByteTables3::Split() {
   for (int t = 0; t < 3; ++t)
-    SplitBytes(values[t], planes[t]);
+    planes[t].Split(values[t]);
 }
 
 CodeSumRowFunction CodeSumRow8(cpu::Level level) {

@@ -23,11 +23,18 @@ IMAGERY_API SRGBRowFunction<unsigned short> SRGBRowEncoder16(cpu::Level level);
 using SRGBDecodeRowFunction = void (*)(const unsigned char* codes, float* linear, std::size_t count);
 IMAGERY_API SRGBDecodeRowFunction SRGBRowDecoder8(cpu::Level level);
 
-// Three tables of 256 floats, each also split into its four bytes (least significant first) for the
-// kernels that look values up by byte shuffles instead of loads.
+// A table of 256 floats split into its four bytes (least significant first), for the kernels that
+// look values up by byte shuffles instead of loads.
+struct BytePlanes {
+  alignas(64) std::uint8_t bytes[4][256];
+
+  IMAGERY_API void Split(const float* values);
+};
+
+// Three tables of 256 floats, each also split into byte planes.
 struct ByteTables3 {
   float values[3][256];
-  alignas(64) std::uint8_t planes[3][4][256];
+  BytePlanes planes[3];
 
   // Splits `values` into `planes`; call after filling or changing the values.
   IMAGERY_API void Split();
