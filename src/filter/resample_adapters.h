@@ -73,6 +73,7 @@ class TypedAccess {
       encoder_.emplace(plane.Gamma());
     if constexpr (LayoutOf(T).colour == SampleKind::Code8) {
       decodeRow_ = imagery::detail::SRGBRowDecoder8(cpu::Active());
+      decodeAlphaPixels_ = imagery::detail::SRGBAlphaPixelDecoder8(cpu::Active());
       if (cpu::Active() >= cpu::Level::SSE2)
         scaleAlpha_ = &convert::ScaleRow<cpu::Level::SSE2, unsigned char>;
     }
@@ -101,7 +102,10 @@ class TypedAccess {
     constexpr FormatLayout L = LayoutOf(T);
     const unsigned char* bytes = Address(plane, Position(0, static_cast<unsigned long>(y)));
     const auto count = static_cast<std::size_t>(std::max(plane.Width(), 0));
-    if constexpr (L.colour == SampleKind::Code8) {
+    if constexpr (L.colour == SampleKind::Code8 && L.alphaKind == SampleKind::Code8 && L.bytes == 4 &&
+                  L.alpha == 3) {
+      decodeAlphaPixels_(bytes, linear, count);
+    } else if constexpr (L.colour == SampleKind::Code8) {
       decodeRow_(bytes, linear, count * L.bytes);
       if constexpr (L.alphaKind != SampleKind::None) {
         for (std::size_t i = 0; i < count; ++i)
@@ -214,6 +218,7 @@ class TypedAccess {
   imagery::detail::TypedDecoder<T, PixelConversion::Gamma> decoder_;
   bool srgb_;
   imagery::detail::SRGBDecodeRowFunction decodeRow_ = nullptr;
+  imagery::detail::SRGBDecodePixelsFunction decodeAlphaPixels_ = nullptr;
   void (*scaleAlpha_)(const float*, unsigned char*,
                       int) = &convert::ScaleRow<cpu::Level::Scalar, unsigned char>;
   std::optional<imagery::detail::TypedEncoder<T, PixelConversion::Gamma>> encoder_;

@@ -222,6 +222,15 @@ void DecodeSRGBScalar(const unsigned char* codes, float* linear, std::size_t cou
     linear[i] = table[codes[i]];
 }
 
+void DecodeSRGBAlphaScalar(const unsigned char* pixels, float* linear, std::size_t count) {
+  const float* table = SRGBDecode8().values;
+  for (std::size_t i = 0; i < 4 * count; i += 4) {
+    for (std::size_t c = 0; c < 3; ++c)
+      linear[i + c] = table[pixels[i + c]];
+    linear[i + 3] = static_cast<float>(pixels[i + 3]) * kInv255;
+  }
+}
+
 void CodeSumScalar(const ByteTables3& tables, const unsigned char* pixels, std::size_t pixelBytes,
                    float* sums, std::size_t count) {
   const auto& t = tables.values;
@@ -249,6 +258,28 @@ IMAGERY_BYTE_SHUFFLES std::size_t DecodeSRGBByteShuffles(const unsigned char* co
       _mm512_storeu_si512(linear + i + 16 * s, values[s]);
   }
   return i;
+}
+
+// DecodeSRGBByteShuffles with every fourth value replaced by its code as a fraction.
+IMAGERY_BYTE_SHUFFLES std::size_t DecodeSRGBAlphaByteShuffles(const unsigned char* pixels, float* linear,
+                                                              std::size_t count) {
+  const std::uint8_t(*planes)[256] = SRGBDecode8().planes.bytes;
+  const __m512i transpose = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  const __m512 inv255 = _mm512_set1_ps(kInv255);
+  constexpr __mmask16 kAlphaLanes = 0x8888;
+  std::size_t i = 0;
+  for (; i + 64 <= 4 * count; i += 64) {
+    const __m512i codes = _mm512_loadu_si512(pixels + i);
+    __m512i values[4];
+    LookUp64(planes, _mm512_permutexvar_epi32(transpose, codes), values);
+    for (int s = 0; s < 4; ++s) {
+      const __m512 fractions = _mm512_mul_ps(
+          _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(_mm512_extracti32x4_epi32(codes, s))), inv255);
+      _mm512_storeu_ps(linear + i + 16 * s,
+                       _mm512_mask_blend_ps(kAlphaLanes, _mm512_castsi512_ps(values[s]), fractions));
+    }
+  }
+  return i / 4;
 }
 
 // Sixteen pixels from `pixels` as dwords regrouped by byte inside each 128-bit lane: the first bytes of
@@ -301,6 +332,11 @@ void DecodeSRGBRow(const unsigned char* codes, float* linear, std::size_t count)
   DecodeSRGBScalar(codes + done, linear + done, count - done);
 }
 
+void DecodeSRGBAlphaRow(const unsigned char* pixels, float* linear, std::size_t count) {
+  const std::size_t done = DecodeSRGBAlphaByteShuffles(pixels, linear, count);
+  DecodeSRGBAlphaScalar(pixels + 4 * done, linear + 4 * done, count - done);
+}
+
 void CodeSumRow(const ByteTables3& tables, const unsigned char* pixels, std::size_t pixelBytes, float* sums,
                 std::size_t count) {
   const std::size_t done = CodeSumByteShuffles(tables, pixels, pixelBytes, sums, count);
@@ -318,6 +354,15 @@ SRGBDecodeRowFunction SRGBRowDecoder8(cpu::Level level) {
 #endif
   static_cast<void>(level);
   return &DecodeSRGBScalar;
+}
+
+SRGBDecodePixelsFunction SRGBAlphaPixelDecoder8(cpu::Level level) {
+#if defined(IMAGERY_X86_64) && defined(__GNUC__)
+  if (cpu::HasByteShuffles(level))
+    return &DecodeSRGBAlphaRow;
+#endif
+  static_cast<void>(level);
+  return &DecodeSRGBAlphaScalar;
 }
 
 void BytePlanes::Split(const float* values) {

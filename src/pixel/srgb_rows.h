@@ -31,6 +31,11 @@ struct BytePlanes {
   IMAGERY_API void Split(const float* values);
 };
 
+// Pixels of four 8-bit codes whose last is alpha, `count` of them, into four floats each: the colour
+// codes as SRGBRowDecoder8 decodes them, alpha as code x (1 / 255). The ranges may not overlap.
+using SRGBDecodePixelsFunction = void (*)(const unsigned char* pixels, float* linear, std::size_t count);
+IMAGERY_API SRGBDecodePixelsFunction SRGBAlphaPixelDecoder8(cpu::Level level);
+
 // Three tables of 256 floats, each also split into byte planes.
 struct ByteTables3 {
   float values[3][256];

@@ -259,7 +259,8 @@ TEST(GammaTables, DecodeTablesAndEncodersMatchTheReference) {
   ExpectTablesMatchTheReference<unsigned short>(3);
 }
 
-// The byte-table kernels at every level: decoded codes are DecodeChannel8's, code sums the three table
+// The byte-table kernels at every level: decoded codes are DecodeChannel8's (alpha codes fractions where
+// pixels carry it), code sums the three table
 // values added in order, for both pixel widths and for rows that end inside and after the vector part.
 TEST(GammaTables, ByteTableKernelsMatchThePerValueForms) {
   std::mt19937 random(7);
@@ -284,6 +285,15 @@ TEST(GammaTables, ByteTableKernelsMatchThePerValueForms) {
           ASSERT_EQ(Bits(linear[i]), Bits(DecodeChannel8(bytes[start + i], gamma::sRGB))) << start + i;
         ASSERT_EQ(linear[n], -1.0f);
       }
+      const std::size_t pixels = (bytes.size() - start) / 4;
+      std::vector<float> withAlpha(4 * pixels + 1, -1.0f);
+      detail::SRGBAlphaPixelDecoder8(level)(bytes.data() + start, withAlpha.data(), pixels);
+      for (std::size_t i = 0; i < 4 * pixels; ++i) {
+        const unsigned char code = bytes[start + i];
+        ASSERT_EQ(Bits(withAlpha[i]), Bits(i % 4 == 3 ? code * kInv255 : DecodeChannel8(code, gamma::sRGB)))
+            << i;
+      }
+      ASSERT_EQ(withAlpha[4 * pixels], -1.0f);
       for (std::size_t pixelBytes : {std::size_t{3}, std::size_t{4}}) {
         const std::size_t n = (bytes.size() - start) / pixelBytes;
         std::vector<float> sums(n + 1, -1.0f);
