@@ -97,8 +97,9 @@ class TypedAccess {
     }
   }
   bool RowsExact() const { return LayoutOf(T).colour != SampleKind::Code8 || srgb_; }
-  // Row y, the whole width, into `linear`.
-  void ReadRow(const PixelPlane& plane, long long y, float* linear) const {
+  // Row y, the whole width: the plane's own row where it is stored as such floats, otherwise decoded
+  // into `linear`, which it then returns.
+  const float* ReadRow(const PixelPlane& plane, long long y, float* linear) const {
     constexpr FormatLayout L = LayoutOf(T);
     const unsigned char* bytes = Address(plane, Position(0, static_cast<unsigned long>(y)));
     const auto count = static_cast<std::size_t>(std::max(plane.Width(), 0));
@@ -112,8 +113,9 @@ class TypedAccess {
           imagery::detail::ReadAlpha<T>(bytes + i * L.bytes, linear[i * L.bytes + L.alpha]);
       }
     } else {
-      std::memcpy(linear, bytes, count * L.bytes);
+      return reinterpret_cast<const float*>(bytes);
     }
+    return linear;
   }
   // `count` pixels from p to the right, from `linear` in the layout of ReadRow.
   void WriteLinearRow(PixelPlane& plane, const Position& p, const float* linear, std::size_t count) const {
@@ -259,9 +261,10 @@ class ImageAdapter {
     access_.Write(*writable_, p, c);
   }
   // The row form, where kRowChannels is not 0: whether it gives this image's values exactly, row y
-  // decoded, `count` pixels written from p to the right, a colour as one pixel of a row.
+  // (the plane's own where it is stored as floats, otherwise decoded into `scratch`), `count` pixels
+  // written from p to the right, a colour as one pixel of a row.
   bool rowsExact() const { return access_.RowsExact(); }
-  void readRow(long long y, float* linear) const { access_.ReadRow(*plane_, y, linear); }
+  const float* readRow(long long y, float* scratch) const { return access_.ReadRow(*plane_, y, scratch); }
   void writeRow(const Position& p, const float* linear, std::size_t count) const {
     assert(writable_ != nullptr);
     access_.WriteLinearRow(*writable_, p, linear, count);

@@ -17,6 +17,7 @@
 
 #include <glm/vec2.hpp>
 
+#include "filter/area_spans.h"
 #include "imagery/color.h"
 #include "imagery_host/parallel.h"
 #include "imagery_host/progress.h"
@@ -420,8 +421,8 @@ void UpsampleRows(const Source& source, Destination& target, const Pixel& margin
       if (slot < 0) {
         // Never the slot holding the other row this one is blended with.
         slot = s.held[0] == wanted[1 - k] ? 1 : 0;
-        source.readRow(wanted[k], s.decoded.data());
-        BlendAcross<C>(columns.data(), content, s.decoded.data(), s.rows[slot].data());
+        BlendAcross<C>(columns.data(), content, source.readRow(wanted[k], s.decoded.data()),
+                       s.rows[slot].data());
         s.held[slot] = wanted[k];
       }
       blended[k] = s.rows[slot].data();
@@ -469,6 +470,22 @@ void AddRow(const ColumnPart* parts, const std::size_t* first, std::size_t conte
   }
 }
 
+// The span of the span kernels: the number of whole source columns every content pixel covers when
+// each covers that many, each pixel's following the previous pixel's; otherwise 0.
+inline std::size_t RegularSpan(const std::vector<ColumnPart>& parts, const std::vector<std::size_t>& first) {
+  const std::size_t content = first.size() - 1;
+  const std::size_t span = content > 0 ? first[1] - first[0] : 0;
+  for (std::size_t x = 0; x < content; ++x) {
+    if (first[x + 1] - first[x] != span)
+      return 0;
+  }
+  for (std::size_t i = 0; i < parts.size(); ++i) {
+    if (parts[i].column != parts[0].column + static_cast<std::int64_t>(i) || parts[i].part != 1.0f)
+      return 0;
+  }
+  return span;
+}
+
 // downsample through the row form, C floats to a pixel: the destination row's sums and weights gathered
 // source row by source row, each decoded once per destination row that covers it; every pixel still
 // adds its parts in the order of the box filter's walk, with SurfaceWeightedAccumulator's arithmetic.
@@ -482,6 +499,9 @@ void DownsampleRows(const TaskUniforms& u, const Source& source, Destination& de
   const auto sourceHeight = static_cast<float>(u.sourceHeight);
   float empty[C];
   Destination::toRow(emptyColour, empty);
+  const imagery::detail::AreaSpanKernel addSpans =
+      C == 4 ? imagery::detail::AreaSpanKernel4(imagery::cpu::Active()) : nullptr;
+  const std::size_t span = addSpans != nullptr ? RegularSpan(parts, first) : 0;
   std::vector<RowScratch> slots(ThreadSlots(height));
   const auto row = [&](std::int64_t y, int thread) {
     if (y < u.beginY || y >= u.endY) {
@@ -505,8 +525,11 @@ void DownsampleRows(const TaskUniforms& u, const Source& source, Destination& de
     std::int64_t sourceRow = 0;
     float rowPart = 0.0f;
     while (NextPart(position, rowEnd, sourceRow, rowPart)) {
-      source.readRow(sourceRow, s.decoded.data());
-      AddRow<C>(parts.data(), first.data(), content, rowPart, s.decoded.data(), sums, totals);
+      const float* from = source.readRow(sourceRow, s.decoded.data());
+      const std::size_t done =
+          span > 0 ? addSpans(span, content, rowPart, from + parts[0].column * C, sums, totals) : 0;
+      AddRow<C>(parts.data(), first.data() + done, content - done, rowPart, from, sums + done * C,
+                totals + done);
     }
     for (std::size_t x = 0; x < content; ++x) {
       float sum[C];

@@ -106,7 +106,7 @@ TEST(Resample, EveryFormatFollowsTheDocumentedArithmetic) {
       {3, 2, 11, 5, true, true},       {6, 9, 10, 4, true, false},        {150, 20, 131, 9, false, false},
       {40, 10, 133, 30, true, false},  {61, 47, 23, 19, false, true},     {23, 19, 61, 47, true, true},
       {1, 37, 1, 90, false, false},    {41, 1, 13, 1, false, false},      {2, 300, 7, 701, false, true},
-      {303, 77, 101, 7, false, false}, {97, 31, 13, 29, true, false}};
+      {303, 77, 101, 7, false, false}, {97, 31, 13, 29, true, false},     {66, 7, 11, 3, false, true}};
   unsigned draw = 1;
   for (EImageType type : kAllFormats) {
     for (const auto& c : cases) {
