@@ -272,9 +272,10 @@ IMAGERY_BYTE_SHUFFLES std::size_t DecodeSRGBAlphaByteShuffles(const unsigned cha
     const __m512i codes = _mm512_loadu_si512(pixels + i);
     __m512i values[4];
     LookUp64(planes, _mm512_permutexvar_epi32(transpose, codes), values);
+    const __m128i quarters[4] = {_mm512_castsi512_si128(codes), _mm512_extracti32x4_epi32(codes, 1),
+                                 _mm512_extracti32x4_epi32(codes, 2), _mm512_extracti32x4_epi32(codes, 3)};
     for (int s = 0; s < 4; ++s) {
-      const __m512 fractions = _mm512_mul_ps(
-          _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(_mm512_extracti32x4_epi32(codes, s))), inv255);
+      const __m512 fractions = _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(quarters[s])), inv255);
       _mm512_storeu_ps(linear + i + 16 * s,
                        _mm512_mask_blend_ps(kAlphaLanes, _mm512_castsi512_ps(values[s]), fractions));
     }
