@@ -8,6 +8,28 @@ namespace imagery::detail {
 namespace {
 
 #if defined(IMAGERY_X86_64) && defined(__GNUC__)
+// Two destination pixels to a register; the AVX-512 kernel's arithmetic.
+__attribute__((target("avx2"))) std::size_t AddSpansAVX2(std::size_t span, std::size_t count, float rowPart,
+                                                         const float* from, float* sums, float* totals) {
+  const __m256 weight = _mm256_set1_ps(rowPart);
+  std::size_t x = 0;
+  for (; x + 2 <= count; x += 2) {
+    __m256 sum = _mm256_loadu_ps(sums + 4 * x);
+    __m256 total = _mm256_setr_ps(totals[x], 0.0f, 0.0f, 0.0f, totals[x + 1], 0.0f, 0.0f, 0.0f);
+    const float* pixel = from + 4 * x * span;
+    for (std::size_t k = 0; k < span; ++k, pixel += 4) {
+      const __m256 colour = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(pixel)),
+                                                 _mm_loadu_ps(pixel + 4 * span), 1);
+      sum = _mm256_add_ps(sum, _mm256_mul_ps(weight, colour));
+      total = _mm256_add_ps(total, weight);
+    }
+    _mm256_storeu_ps(sums + 4 * x, sum);
+    totals[x] = _mm256_cvtss_f32(total);
+    totals[x + 1] = _mm_cvtss_f32(_mm256_extractf128_ps(total, 1));
+  }
+  return x;
+}
+
 // GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised reads.
 #pragma GCC diagnostic push
 #if !defined(__clang__)
@@ -48,6 +70,8 @@ AreaSpanKernel AreaSpanKernel4(cpu::Level level) {
 #if defined(IMAGERY_X86_64) && defined(__GNUC__)
   if (level >= cpu::Level::AVX512)
     return &AddSpansAVX512;
+  if (level == cpu::Level::AVX2)
+    return &AddSpansAVX2;
 #endif
   static_cast<void>(level);
   return nullptr;

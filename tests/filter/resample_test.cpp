@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "cpu/cpu_level.h"
 #include "imagery/image_factory.h"
 #include "imagery/resample.h"
 #include "support/random_image.h"
@@ -212,6 +213,32 @@ TEST(Resample, AnInterruptedResamplingLeavesTheImageAsItWas) {
       Resample(image, c[2], c[3], options);
       EXPECT_TRUE(image.GetImpl() == impl && !impl->HasDownSamplingBackup() && PlaneBytes(image) == before)
           << &c - cases << ", management " << management;
+    }
+  }
+}
+
+// The formats resampled a row at a time give the plain loops' bytes at every processor level: reductions
+// by whole-number ratios across (the span kernels, with a tail), other reductions, and enlargements.
+TEST(Resample, RowKernelsOfEveryLevelGiveThePlainBytes) {
+  const int sizes[][4] = {{66, 7, 11, 3}, {96, 40, 24, 10}, {61, 47, 23, 19}, {23, 19, 61, 47}};
+  unsigned draw = 500;
+  for (EImageType type : {IT_RGBA8, IT_RGBA32f}) {
+    for (const auto& size : sizes) {
+      const Image image =
+          RandomImage(type, size[0], size[1], type == IT_RGBA8 ? gamma::sRGB : gamma::Linear, draw++);
+      const auto resampled = [&](cpu::Level level) {
+        const cpu::ScopedLevel scoped(level);
+        Image work(image);
+        Resample(work, size[2], size[3], ResampleOpts());
+        return PlaneBytes(work);
+      };
+      const Bytes plain = resampled(cpu::Level::Scalar);
+      for (cpu::Level level : {cpu::Level::SSE2, cpu::Level::AVX2, cpu::Level::AVX512}) {
+        if (level > cpu::Detected())
+          continue;
+        EXPECT_EQ(resampled(level), plain)
+            << "format " << type << " to " << size[2] << " x " << size[3] << ", " << cpu::Name(level);
+      }
     }
   }
 }
