@@ -10,7 +10,8 @@
 //   pass (so every pass picks colours from scratch, as a first dilation does), against a memcpy of the
 //   texture's bytes: "ratio_to_memcpy". "peak_added_MB" is the largest resident memory seen during the
 //   dilation above what the process held before it (sampled every 200 microseconds by a watching thread);
-//   "work_image_MB" is the size of its float working image, the one large block it allocates.
+//   "work_image_MB" is the size of its float working image, the one large block it allocates;
+//   "alloc_ms"/"alloc_share" the part of the dilation that is making that image (allocation_share.h).
 //
 // Every pass pays for its own allocations: the working image comes fresh from the system each time.
 #include <algorithm>
@@ -27,6 +28,7 @@
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include "allocation_share.h"
 #include "imagery/distance_field.h"
 #include "imagery/edge_dilation.h"
 #include "imagery/image.h"
@@ -175,7 +177,7 @@ void BM_DistanceRunningColor(benchmark::State& state) {
   const std::size_t bytes = static_cast<std::size_t>(plane.ByteSize());
   const std::vector<unsigned char> original(plane.Data(), plane.Data() + bytes);
   std::vector<unsigned char> copy(bytes, 1);
-  double dilationSeconds = 0.0, copySeconds = 0.0;
+  double dilationSeconds = 0.0, copySeconds = 0.0, allocationSeconds = 0.0;
   std::int64_t peakAdded = 0;
   for (auto _ : state) {
     state.PauseTiming();
@@ -196,6 +198,7 @@ void BM_DistanceRunningColor(benchmark::State& state) {
     std::memcpy(copy.data(), plane.Data(), bytes);
     benchmark::ClobberMemory();
     copySeconds += Seconds(copyStart);
+    allocationSeconds += bench::NewImageSeconds(kSize, kSize, IT_RGB32f);
     state.ResumeTiming();
   }
   const double n = static_cast<double>(state.iterations());
@@ -204,6 +207,7 @@ void BM_DistanceRunningColor(benchmark::State& state) {
   state.counters["ratio_to_memcpy"] = dilationSeconds / copySeconds;
   state.counters["peak_added_MB"] = static_cast<double>(peakAdded) / (1 << 20);
   state.counters["work_image_MB"] = 12.0 * kSize * kSize / (1 << 20);
+  bench::ReportAllocationShare(state, allocationSeconds, dilationSeconds);
 }
 
 BENCHMARK(BM_DistanceField)->Unit(benchmark::kMillisecond)->Iterations(5);

@@ -4,7 +4,8 @@
 // halvings by cv::resize(INTER_AREA) level by level on the stored bytes, without gamma, whose time
 // divides ours in "ratio_gamma_to_opencv" and in "ratio_no_gamma_to_opencv" (our linear chain, the
 // same arithmetic as OpenCV's apart from our alpha weighting). The chain cuts its large levels into bands
-// of rows on the host's pool; OpenCV with its default threading.
+// of rows on the host's pool; OpenCV with its default threading. "alloc_ms"/"alloc_share": the part of
+// the gamma-correct chain that is making its levels (allocation_share.h, a plane of each level's size).
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -13,6 +14,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "allocation_share.h"
 #include "imagery/mipmap.h"
 
 #ifdef IMAGERY_BENCH_HAVE_OPENCV
@@ -51,15 +53,18 @@ double Seconds(F f) {
 double TimeChain(bool gammaCorrect) {
   Image& image = Source();
   image.GetImplRef().InvalidateMipMaps(true, true);
-  return Seconds([&] { ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(gammaCorrect), MipMapMethod::Standard); });
+  return Seconds(
+      [&] { ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(gammaCorrect), MipMapMethod::Standard); });
 }
 
 void BM_StandardChain(benchmark::State& state) {
   const PixelPlane& plane = Source().GetImplRef().Plane();
   std::vector<unsigned char> copy(plane.ByteSize(), 1);
-  double chain = 0.0, linearChain = 0.0, memcpySeconds = 0.0, opencv = 0.0;
+  double chain = 0.0, linearChain = 0.0, memcpySeconds = 0.0, opencv = 0.0, allocation = 0.0;
   for (auto _ : state) {
     chain += TimeChain(true);
+    for (int size = kSize / 2; size >= 1; size /= 2)
+      allocation += bench::NewImageSeconds(size, size, IT_RGBA8);
     linearChain += TimeChain(false);
     memcpySeconds += Seconds([&] { std::memcpy(copy.data(), plane.Data(), copy.size()); });
     benchmark::DoNotOptimize(copy.data());
@@ -70,8 +75,8 @@ void BM_StandardChain(benchmark::State& state) {
       cv::Mat previous = level0;
       while (previous.cols > 1 || previous.rows > 1) {
         cv::Mat next;
-        cv::resize(previous, next, cv::Size(std::max(1, previous.cols / 2), std::max(1, previous.rows / 2)), 0, 0,
-                   cv::INTER_AREA);
+        cv::resize(previous, next, cv::Size(std::max(1, previous.cols / 2), std::max(1, previous.rows / 2)),
+                   0, 0, cv::INTER_AREA);
         previous = next;
       }
       benchmark::DoNotOptimize(previous.data);
@@ -83,14 +88,18 @@ void BM_StandardChain(benchmark::State& state) {
   state.counters["ms_no_gamma_chain"] = 1000.0 * linearChain / n;
   state.counters["ms_memcpy"] = 1000.0 * memcpySeconds / n;
   state.counters["ratio_to_memcpy"] = chain / memcpySeconds;
+  bench::ReportAllocationShare(state, allocation, chain);
   if (opencv > 0.0) {
     state.counters["ms_opencv_area"] = 1000.0 * opencv / n;
     state.counters["ratio_gamma_to_opencv"] = chain / opencv;
     state.counters["ratio_no_gamma_to_opencv"] = linearChain / opencv;
   }
 }
-BENCHMARK(BM_StandardChain)->Name("MipChain_Standard_RGBA8_sRGB_4096")->Unit(benchmark::kMillisecond)
-    ->Iterations(4)->UseRealTime();
+BENCHMARK(BM_StandardChain)
+    ->Name("MipChain_Standard_RGBA8_sRGB_4096")
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(4)
+    ->UseRealTime();
 
 }  // namespace
 }  // namespace imagery
