@@ -157,12 +157,11 @@ const std::vector<PixelPlane>& Chain(const Image& image, bool gammaPath) {
   return gammaPath ? mips.gammaLevels : mips.noGammaLevels;
 }
 
-void ExpectChain(const Image& image, bool gammaPath, const std::vector<Image>& expected, const char* what) {
+void ExpectChain(const Image& image, bool gammaPath, const std::vector<Image>& expected) {
   const std::vector<PixelPlane>& levels = Chain(image, gammaPath);
-  ASSERT_EQ(levels.size(), expected.size()) << what;
+  ASSERT_EQ(levels.size(), expected.size());
   for (std::size_t l = 0; l < levels.size(); ++l)
-    EXPECT_EQ(PixelBytes(levels[l]), PixelBytes(expected[l].GetImplRef().Plane()))
-        << what << ", level " << l + 1;
+    EXPECT_EQ(PixelBytes(levels[l]), PixelBytes(expected[l].GetImplRef().Plane())) << "level " << l + 1;
 }
 
 struct Shape {
@@ -172,15 +171,14 @@ struct Shape {
 // Computes the chain of a copy of `source` and compares it with the plain chain.
 void CheckChain(const Image& source, bool gammaCorrect, M method,
                 const std::vector<Image>* expected = nullptr) {
+  SCOPED_TRACE(::testing::Message() << "format " << source.ImageType() << " method "
+                                    << static_cast<int>(method) << " " << source.Width() << "x"
+                                    << source.Height() << " gamma " << gammaCorrect);
   const bool gammaPath = UsesGammaMipMaps(source, GammaCorrectFlag(gammaCorrect));
   Image image(*std::unique_ptr<Image>(source.DeepCopy()));
   ComputeMipMapCombined(image, nullptr, GammaCorrectFlag(gammaCorrect), method);
   ExpectChain(image, gammaPath,
-              expected != nullptr ? *expected : ReferenceChain(source, gammaPath, method, nullptr, nullptr),
-              ("format " + std::to_string(source.ImageType()) + " method " +
-               std::to_string(static_cast<int>(method)) + " " + std::to_string(source.Width()) + "x" +
-               std::to_string(source.Height()) + " gamma " + std::to_string(gammaCorrect))
-                  .c_str());
+              expected != nullptr ? *expected : ReferenceChain(source, gammaPath, method, nullptr, nullptr));
 }
 
 TEST(MipMapTest, EveryFormatMethodAndChainMatchesThePlainChain) {
@@ -234,30 +232,25 @@ TEST(MipMapTest, OpacityMapsOfTheSameAndOfAnotherSize) {
     for (const EImageType type : {IT_RGB8, IT_RGBA16, IT_Grayscale8, IT_RGBA32f}) {
       for (const Shape alphaShape : {Shape{12, 10}, Shape{5, 7}}) {
         for (const EImageType alphaType : {IT_Grayscale8, IT_RGB16}) {
+          const bool resized = alphaShape.width != 12;
+          SCOPED_TRACE(::testing::Message() << "method " << static_cast<int>(method) << " format " << type
+                                            << (resized ? " resized" : " same size"));
           Image image = RandomImage(type, 12, 10, IsGammaEncoded(type) ? gamma::sRGB : gamma::Linear, draw++);
           Image opacity = RandomImage(alphaType, alphaShape.width, alphaShape.height, gamma::sRGB, draw++);
           const std::unique_ptr<Image> expectedOpacity(opacity.DeepCopy());
-          const bool resized = alphaShape.width != 12;
-          if (resized) {
-            ResampleOpts options;
-            options.careAboutIncorporation = CAI_Care;
-            Resample(*expectedOpacity, 12, 10, options);
-          }
+          ResampleOpts options;
+          options.careAboutIncorporation = CAI_Care;
+          Resample(*expectedOpacity, 12, 10, options);
           ComputeMipMapCombined(image, &opacity, GammaCorrectFlag(true), method);
-
           const std::vector<Image> alphaChain =
               ReferenceChain(*expectedOpacity, false, method, nullptr, nullptr, true);
           const bool gammaPath = UsesGammaMipMaps(image, GammaCorrectFlag(true));
-          const std::string what = "method " + std::to_string(static_cast<int>(method)) + " format " +
-                                   std::to_string(type) + (resized ? " resized" : " same size");
           ExpectChain(image, gammaPath,
-                      ReferenceChain(image, gammaPath, method, expectedOpacity.get(), &alphaChain),
-                      what.c_str());
+                      ReferenceChain(image, gammaPath, method, expectedOpacity.get(), &alphaChain));
           // The opacity map's own chain is left computed.
-          ASSERT_TRUE(opacity.ValidMipMapsNoGamma()) << what;
+          ASSERT_TRUE(opacity.ValidMipMapsNoGamma());
           ExpectChain(opacity, false,
-                      resized ? ReferenceChain(opacity, false, method, nullptr, nullptr, true) : alphaChain,
-                      what.c_str());
+                      resized ? ReferenceChain(opacity, false, method, nullptr, nullptr, true) : alphaChain);
         }
       }
     }
@@ -266,8 +259,7 @@ TEST(MipMapTest, OpacityMapsOfTheSameAndOfAnotherSize) {
   Image image = RandomImage(IT_RGBA8, 9, 6, gamma::sRGB, 7);
   Image same = image;
   ComputeMipMapCombined(image, &same, GammaCorrectFlag(true), M::SharpAlphaFixedThreshold);
-  ExpectChain(image, true, ReferenceChain(image, true, M::SharpAlphaFixedThreshold, nullptr, nullptr),
-              "shared");
+  ExpectChain(image, true, ReferenceChain(image, true, M::SharpAlphaFixedThreshold, nullptr, nullptr));
 }
 
 // Gamma within 0.0001 of 1 takes the linear chain even when gamma-correct filtering is asked; a valid
