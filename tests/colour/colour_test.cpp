@@ -15,12 +15,14 @@
 #include "colour/rgbe_rows.h"
 #include "imagery/colour_spaces.h"
 #include "imagery_host/stream.h"
+#include "support/random_image.h"
 
 namespace imagery {
 namespace {
 
 using RGB = LinearRGB_T<float>;
 using Fill = std::function<void(ZELStream&)>;
+using testing_support::FromBits;
 
 // Every channel within `tolerance`.
 bool Near(const RGB& actual, const RGB& expected, float tolerance) {
@@ -96,30 +98,23 @@ TEST(RGBE, KnownAnswersNonFiniteInputsAndPrecision) {
 // overflow the product.
 TEST(RGBE, RowFormGivesTheBytesOfFromFloat) {
   std::mt19937 random(11);
-  const auto fromBits = [](std::uint32_t bits) {
-    float f;
-    std::memcpy(&f, &bits, sizeof f);
-    return f;
-  };
   const float inf = std::numeric_limits<float>::infinity();
   const float kWild[] = {std::nanf(""), inf, -inf, -3e38f, 3e38f, -std::numeric_limits<float>::denorm_min()};
   std::uniform_real_distribution<float> share(-1.5f, 1.0f), unit(-0.2f, 1.4f), scale(-45.0f, 45.0f);
   std::vector<float> channels[3];
   for (std::uint32_t i = 0; i < (1u << 19); ++i) {
     const std::uint32_t mantissas[] = {0, 0x7FFFFF, static_cast<std::uint32_t>(random()) & 0x7FFFFF};
-    const float top = fromBits(i % 256 << 23 | mantissas[std::min(i / 256 % 4, 2u)]);
+    const float top = FromBits(i % 256 << 23 | mantissas[std::min(i / 256 % 4, 2u)]);
     for (std::uint32_t c = 0; c < 3; ++c) {
       const float others[] = {top * share(random), unit(random) * std::exp2(scale(random)),
-                              kWild[random() % 6], fromBits(random() & 0x807FFFFFu),
-                              fromBits(random())};  // denormal or zero; any
+                              kWild[random() % 6], FromBits(random() & 0x807FFFFFu),
+                              FromBits(random())};  // denormal or zero; any
       channels[c].push_back(c == i % 3 ? top : others[random() % 5]);
     }
   }
   constexpr std::size_t kStep = 5;
-  for (const cpu::Level kernel : {cpu::Level::Scalar, cpu::Level::SSE2, cpu::Level::AVX2}) {
+  for (const cpu::Level kernel : testing_support::LevelsUpToDetected()) {
     for (const std::size_t first : {std::size_t{0}, std::size_t{3}}) {
-      if (kernel > cpu::Detected())
-        continue;
       const std::size_t count = channels[0].size() - first;
       std::vector<unsigned char> out(count * kStep, 0xA5);
       detail::RGBERowPacker(kernel)(&channels[0][first], &channels[1][first], &channels[2][first], out.data(),

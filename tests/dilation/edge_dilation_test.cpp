@@ -187,18 +187,17 @@ int Compare(const Image& mine, const Image& plain, const DistanceField& field, d
       const int colour = distance == 0 || distance >= 384 ? 0 : samples * sampleBytes;
       EXPECT_EQ(std::memcmp(p + colour, q + colour, static_cast<std::size_t>(a.BytesPerPixel() - colour)), 0)
           << "format " << type << " at " << x << "," << y << " distance " << distance;
+      const auto sample = [sampleBytes](const unsigned char* pixel, int c) -> double {
+        return sampleBytes == 1   ? pixel[c]
+               : sampleBytes == 2 ? detail::LoadBE16(pixel + 2 * c)
+                                  : detail::LoadFloat(pixel + 4 * c);
+      };
       double largest = 0.0;
       for (int c = 0; c < samples && colour != 0; ++c) {
-        if (sampleBytes == 1) {
-          largest = std::max(largest, double(std::abs(p[c] - q[c])));
-        } else if (sampleBytes == 2) {
+        const double u = sample(p, c), v = sample(q, c);
+        if (!(u == v || (std::isnan(u) && std::isnan(v))))
           largest =
-              std::max(largest, double(std::abs(detail::LoadBE16(p + 2 * c) - detail::LoadBE16(q + 2 * c))));
-        } else {
-          const double u = detail::LoadFloat(p + 4 * c), v = detail::LoadFloat(q + 4 * c);
-          if (!(u == v || (std::isnan(u) && std::isnan(v))))
-            largest = std::max(largest, std::abs(u - v) / std::max(1.0, std::abs(v)));
-        }
+              std::max(largest, std::abs(u - v) / (sampleBytes == 4 ? std::max(1.0, std::abs(v)) : 1.0));
       }
       EXPECT_LE(largest, bound) << "format " << type << " at " << x << "," << y;
       differing += largest != 0.0 ? 1 : 0;
@@ -252,8 +251,6 @@ TEST(EdgeDilation, LeavesImageAloneWhenNothingToDo) {
     const Image source = RandomImage(type, 9, 4, gamma::sRGB, 3 + type);
     EXPECT_TRUE(unchanged(source, [](int, int) { return true; })) << "all defined, format " << type;
     EXPECT_TRUE(unchanged(source, [](int, int) { return false; })) << "none defined, format " << type;
-    EXPECT_TRUE(unchanged(RandomImage(type, 1, 1, gamma::sRGB, 5), [](int, int) { return false; }));
-    EXPECT_TRUE(unchanged(RandomImage(type, 1, 1, gamma::sRGB, 5), [](int, int) { return true; }));
     const bool supported = type != IT_RGBEA && type != IT_RGEncoded && type != IT_RGEncodedAlpha;
     EXPECT_EQ(unchanged(source, half), !supported) << "format " << type;
   }

@@ -20,9 +20,14 @@
 #include "imagery/gamma_tables.h"
 #include "imagery/pixel_access.h"
 #include "pixel/srgb_rows.h"
+#include "support/random_image.h"
 
 namespace imagery {
 namespace {
+
+using testing_support::Bits;
+using testing_support::FromBits;
+using testing_support::LevelsUpToDetected;
 
 const GammaValue kGamma22{2.2f};
 // The ordinary curves, whose decodes increase strictly and encode back.
@@ -34,18 +39,6 @@ const GammaValue kGammas[] = {
     GammaValue(64.0f), GammaValue(100.0f), GammaValue(1.0f / 64.0f), GammaValue(1.0000001f)};
 constexpr PowerPrecision kPrecisions[] = {PowerPrecision::Single, PowerPrecision::Double};
 const float kInf = std::numeric_limits<float>::infinity();
-
-std::uint32_t Bits(float v) {
-  std::uint32_t bits;
-  std::memcpy(&bits, &v, sizeof bits);
-  return bits;
-}
-
-float FromBits(std::uint32_t bits) {
-  float v;
-  std::memcpy(&v, &bits, sizeof v);
-  return v;
-}
 
 // The per-value conversions for each code width.
 template <class Code>
@@ -236,9 +229,9 @@ void ExpectTablesMatchTheReference(int ulps) {
                     row.front() == Code(0x5A) && row.back() == Code(0x5A))
             << n;
       }
-      for (cpu::Level kernel : {cpu::Level::Scalar, cpu::Level::SSE2, cpu::Level::AVX2, cpu::Level::AVX512}) {
+      for (cpu::Level kernel : LevelsUpToDetected()) {
         for (std::size_t start : {std::size_t{0}, std::size_t{5}}) {
-          if (!g.IsSRGB() || kernel > cpu::Detected())
+          if (!g.IsSRGB())
             continue;
           std::vector<Code> row(inputs.size() - start + 1, Code(0x5A));
           if constexpr (sizeof(Code) == 1)
@@ -273,9 +266,7 @@ TEST(GammaTables, ByteTableKernelsMatchThePerValueForms) {
     for (float& v : run)
       v = value(random);
   tables.Split();
-  for (cpu::Level level : {cpu::Level::Scalar, cpu::Level::SSE2, cpu::Level::AVX2, cpu::Level::AVX512}) {
-    if (level > cpu::Detected())
-      continue;
+  for (cpu::Level level : LevelsUpToDetected()) {
     SCOPED_TRACE(cpu::Name(level));
     for (std::size_t start : {std::size_t{0}, std::size_t{3}}) {
       for (std::size_t n : {std::size_t{70}, bytes.size() - start}) {

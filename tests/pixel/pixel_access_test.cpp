@@ -175,8 +175,7 @@ template <class ReaderA, class ReaderB, class WriterA, class WriterB>
 void ExpectSameCursors(EImageType type, GammaValue gamma, std::mt19937& random) {
   const int width = 31, height = 9;
   PixelPlane planeA(width, height, type, gamma), planeB(width, height, type, gamma);
-  for (std::uint64_t i = 0; i < planeA.ByteSize(); ++i)
-    planeA.Data()[i] = static_cast<unsigned char>(random());
+  testing_support::FillRandomBytes(planeA, random);
   planeB.CopyFrom(planeA);
   const ReaderB firstB(planeB, 0, 0);
   for (int y = 0; y < height; ++y) {

@@ -1,5 +1,5 @@
-// Random images, byte dumps and the plain per-pixel references shared by the pixel, conversion,
-// operation and resampling tests.
+// Random images and planes, byte dumps, float bits and the processor levels shared by the pixel,
+// conversion, operation, filter and dilation tests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,6 +12,7 @@
 #include <random>
 #include <vector>
 
+#include "cpu/cpu_level.h"
 #include "imagery/image.h"
 #include "imagery/pixel_access.h"
 #include "imagery_host/scheduler.h"
@@ -57,6 +58,12 @@ inline Image RandomImage(EImageType type, int width, int height, GammaValue gamm
   return image;
 }
 
+// Random bytes in every byte of a plane, row padding included.
+inline void FillRandomBytes(PixelPlane& plane, std::mt19937& random) {
+  for (std::uint64_t i = 0; i < plane.ByteSize(); ++i)
+    plane.Data()[i] = static_cast<unsigned char>(random());
+}
+
 // Every byte of a plane or of an image's level 0, row padding included.
 inline Bytes PlaneBytes(const PixelPlane& plane) {
   return Bytes(plane.Data(), plane.Data() + plane.ByteSize());
@@ -73,6 +80,26 @@ inline Bytes OnOneThread(const Image& source, const std::function<void(Image&)>&
   const tools::ScopedJobThreadLimit oneThread(1);
   operation(*copy);
   return PlaneBytes(*copy);
+}
+
+// Every processor level this machine has, lowest first.
+inline std::vector<cpu::Level> LevelsUpToDetected() {
+  std::vector<cpu::Level> levels;
+  for (cpu::Level level : {cpu::Level::Scalar, cpu::Level::SSE2, cpu::Level::AVX2, cpu::Level::AVX512})
+    if (level <= cpu::Detected())
+      levels.push_back(level);
+  return levels;
+}
+
+inline std::uint32_t Bits(float v) {
+  std::uint32_t bits;
+  std::memcpy(&bits, &v, sizeof bits);
+  return bits;
+}
+inline float FromBits(std::uint32_t bits) {
+  float v;
+  std::memcpy(&v, &bits, sizeof v);
+  return v;
 }
 
 template <class T>
