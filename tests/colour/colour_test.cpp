@@ -59,6 +59,9 @@ TEST(HLS, KnownColoursRoundTripsAndBrighterThanWhite) {
   EXPECT_TRUE(bright.e == 2.0f && HLSECLR(RGB(0.2f, 0.4f, 0.6f)).e == 1.0f &&
               Near(HLSCLR(bright).ToRGB(), HLSCLR(RGB(1.0f, 0.5f, 0.0f)).ToRGB(), 1e-6f) &&
               Near(ToCLRFLOAT(bright), {2.0f, 1.0f, 0.0f}, 1e-5f));
+  // Lightness on both sides of one half, where saturation takes its two forms.
+  for (const RGB rgb : {RGB(0.2f, 0.4f, 0.6f), RGB(2.0f, 0.4f, 0.2f)})
+    EXPECT_TRUE(Near(ToCLRFLOAT(HLSECLR(rgb)), rgb, 1e-5f)) << rgb.r;
   EXPECT_EQ(ToCLRFLOAT(HLSECLR(0.0f, 0.5f, 0.0f, -3.0f)), RGB(0.0f, 0.0f, 0.0f));
 }
 
