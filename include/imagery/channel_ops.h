@@ -19,8 +19,8 @@
 
 #include <glm/vec2.hpp>
 
-#include "imagery/export.h"
 #include "imagery/color.h"
+#include "imagery/export.h"
 #include "imagery/image.h"
 #include "imagery/image_impl.h"
 #include "imagery/normal_encoding.h"
@@ -52,7 +52,8 @@ enum ImplManagement : int {
 // same gamma, each pixel keeping the bytes of its colour; with checkInList, the image list is first
 // asked for a version of the image's file in that format, and nothing else is done when it gives one.
 // The inverted-alpha flag is cleared and the picture type kept. Other formats: nothing.
-IMAGERY_API void DiscardAlphaInformation(Image& image, CheckInImageList checkInList, CareAboutIncorporation care);
+IMAGERY_API void DiscardAlphaInformation(Image& image, CheckInImageList checkInList,
+                                         CareAboutIncorporation care);
 // Copies `count` 4-byte pixels into `count` 3-byte pixels, dropping each fourth byte. The ranges may
 // not overlap, except that destination may equal source.
 IMAGERY_API void DiscardAlphaInformation(int count, const unsigned char* source, unsigned char* destination);
@@ -123,6 +124,6 @@ IMAGERY_API void NormalizeNormalMap<IT_RGB8>(Image& image);
 //   D > 0: at step i it is the start's plus i x minor / major rounded to nearest, halves down.
 // - An image without pixels is left alone.
 IMAGERY_API void drawLine(Image& image, zel::TPoint2<float> from, zel::TPoint2<float> to,
-              const LinearRGB_T<float>& fromColour, const LinearRGB_T<float>& toColour);
+                          const LinearRGB_T<float>& fromColour, const LinearRGB_T<float>& toColour);
 
 }  // namespace imagery

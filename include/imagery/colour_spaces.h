@@ -15,8 +15,8 @@
 
 #include <glm/vec3.hpp>
 
-#include "imagery/export.h"
 #include "imagery/color.h"
+#include "imagery/export.h"
 
 class ZELStream;
 

@@ -23,8 +23,8 @@
 
 #include <functional>
 
-#include "imagery/export.h"
 #include "imagery/color.h"
+#include "imagery/export.h"
 #include "imagery/gamma.h"
 #include "imagery/image.h"
 #include "imagery/image_impl.h"
@@ -91,30 +91,32 @@ IMAGERY_API void GetGreyScale(const Image& image, float& minGrey, float& maxGrey
 //
 // To IT_Grayscale8 encoded with `gamma`. Nothing when the image already is IT_Grayscale8 (whatever the
 // gamma) unless invert is set, which stores (max - g) / (max - min) instead and skips the image list.
-IMAGERY_API void ToGrayscale8(Image& image, GammaValue gamma, CheckInImageList checkInList, AutoScaleGrayScale autoScale,
-                  InvertGrayRange invert, CareAboutIncorporation care);
+IMAGERY_API void ToGrayscale8(Image& image, GammaValue gamma, CheckInImageList checkInList,
+                              AutoScaleGrayScale autoScale, InvertGrayRange invert,
+                              CareAboutIncorporation care);
 IMAGERY_API void ToGrayscale8(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale,
-                  InvertGrayRange invert, CareAboutIncorporation care);
+                              InvertGrayRange invert, CareAboutIncorporation care);
 // To IT_Grayscale16 encoded with `gamma`, v clamped to [0, 1]; nothing when already IT_Grayscale16.
 IMAGERY_API void ToGrayscale16(Image& image, GammaValue gamma, CheckInImageList checkInList,
-                   AutoScaleGrayScale autoScale);
+                               AutoScaleGrayScale autoScale);
 IMAGERY_API void ToGrayscale16(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale);
 // To IT_Grayscale32f with gamma 1, v not clamped; nothing when already IT_Grayscale32f.
 IMAGERY_API void ToGrayScale32f(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale);
 // Grey at the bit depth of `depthOf`: 16 bits for the 16-bit and RG-encoded formats, float for the
 // float formats, nothing for IT_UNDEFINED, 8 bits (not inverted) for every other value.
 IMAGERY_API void ToGrayscaleUsingBitDepth(Image& image, EImageType depthOf, GammaValue gamma,
-                              CheckInImageList checkInList, AutoScaleGrayScale autoScale);
+                                          CheckInImageList checkInList, AutoScaleGrayScale autoScale);
 // Grey at the image's own bit depth.
 IMAGERY_API void ToGrayscalePreservingBitDepth(Image& image, GammaValue gamma, CheckInImageList checkInList,
-                                   AutoScaleGrayScale autoScale);
-IMAGERY_API void ToGrayscalePreservingBitDepth(Image& image, CheckInImageList checkInList, AutoScaleGrayScale autoScale);
+                                               AutoScaleGrayScale autoScale);
+IMAGERY_API void ToGrayscalePreservingBitDepth(Image& image, CheckInImageList checkInList,
+                                               AutoScaleGrayScale autoScale);
 
 // Colour conversions; alpha by `options` (see AlphaConversionOptions).
 // To IT_RGB8 or IT_RGBA8 encoded with `gamma`. Nothing when the image already has that format and
 // that gamma; the same format with another gamma is re-encoded.
 IMAGERY_API void ToRGB8(Image& image, GammaValue gamma, const AlphaConversionOptions& options,
-            CareAboutIncorporation care);
+                        CareAboutIncorporation care);
 // To IT_RGB16 or IT_RGBA16 encoded with `gamma`; nothing when the image already has that format,
 // whatever its gamma.
 IMAGERY_API void ToRGB16(Image& image, GammaValue gamma, const AlphaConversionOptions& options);
@@ -140,7 +142,7 @@ IMAGERY_API void Reencode(Image& image, GammaValue gamma);
 // A reader of level 0 as colour, with mirror, rotation, exposure, contrast and inversions applied:
 // IOM_Color the colour, IOM_Grayscale the grey value in all three channels, IOM_Transparency one minus
 // alpha in all three, any other mode black. The function refers to the image, which must outlive it.
-IMAGERY_API std::function<LinearRGB_T<float>(int x, int y)> GetMapGetPixelFloatColorLambda(const Image& image,
-                                                                               ImageOutputMode mode);
+IMAGERY_API std::function<LinearRGB_T<float>(int x, int y)> GetMapGetPixelFloatColorLambda(
+    const Image& image, ImageOutputMode mode);
 
 }  // namespace imagery

@@ -28,8 +28,8 @@ using SourceReaderFunc = zel::ErrorCode (*)(Image* image, const ZELPath& path, E
                                             const ReadOptions& options);
 
 // The reader installed until the host installs its own: fails with the internal error "IMGRY115".
-IMAGERY_API zel::ErrorCode NoopSourceReaderFunc(Image* image, const ZELPath& path, EImageType type, int* extra,
-                                    const ReadOptions& options);
+IMAGERY_API zel::ErrorCode NoopSourceReaderFunc(Image* image, const ZELPath& path, EImageType type,
+                                                int* extra, const ReadOptions& options);
 
 class IMAGERY_API ImageFactory {
  public:

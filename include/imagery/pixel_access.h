@@ -42,9 +42,9 @@
 #include <type_traits>
 #include <utility>
 
-#include "imagery/export.h"
 #include "imagery/color.h"
 #include "imagery/detail/pixel_io.h"
+#include "imagery/export.h"
 #include "imagery/gamma.h"
 #include "imagery/pixel_format.h"
 #include "imagery/pixel_plane.h"
@@ -209,13 +209,15 @@ class IMAGERY_API PixelAccess
   PixelAccess(PixelPlane& plane, int x, int y) : RuntimeWriter(plane, x, y) {}
 };
 
-class IMAGERY_API ConstPixelAccessNoGamma : public PixelAccessNoGammaBase<KORConstMemoryAccess, const PixelPlane&> {
+class IMAGERY_API ConstPixelAccessNoGamma
+    : public PixelAccessNoGammaBase<KORConstMemoryAccess, const PixelPlane&> {
  public:
   ConstPixelAccessNoGamma(const PixelPlane& plane, int x, int y) : PixelAccessNoGammaBase(plane, x, y) {}
 };
 
-class IMAGERY_API PixelAccessNoGamma : public detail::RuntimeWriter<PixelAccessNoGammaBase<KORMemoryAccess, PixelPlane&>,
-                                                        detail::ScaleEncoder> {
+class IMAGERY_API PixelAccessNoGamma
+    : public detail::RuntimeWriter<PixelAccessNoGammaBase<KORMemoryAccess, PixelPlane&>,
+                                   detail::ScaleEncoder> {
  public:
   PixelAccessNoGamma(PixelPlane& plane, int x, int y) : RuntimeWriter(plane, x, y) {}
 };

@@ -16,8 +16,8 @@
 #include <type_traits>
 #include <utility>
 
-#include "imagery/export.h"
 #include "imagery/color.h"
+#include "imagery/export.h"
 #include "imagery/gamma.h"
 #include "imagery_host/resources.h"
 #include "imagery_host/zel_string.h"

@@ -67,9 +67,9 @@ void BuildCodeTable(const SourceDecoding& source, const TargetEncoding& target, 
 
 // Sources and targets with alpha codes both.
 template <EImageType S, EImageType D>
-inline constexpr bool kAlphaCodeTable =
-    HasCodeChannels(S) && LayoutOf(S).alphaKind != SampleKind::None &&
-    (LayoutOf(D).alphaKind == SampleKind::Code8 || LayoutOf(D).alphaKind == SampleKind::Code16);
+inline constexpr bool kAlphaCodeTable = HasCodeChannels(S) && LayoutOf(S).alphaKind != SampleKind::None &&
+                                        (LayoutOf(D).alphaKind == SampleKind::Code8 ||
+                                         LayoutOf(D).alphaKind == SampleKind::Code16);
 
 // The target's alpha code for every stored alpha code of the source, as the cursors read and write it.
 template <EImageType S, EImageType D>

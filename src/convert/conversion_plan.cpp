@@ -21,8 +21,7 @@ bool ReencodeByTable(EImageType type, std::int64_t valueCount) {
 }
 
 bool GreyRangeFromCodes(EImageType type, std::int64_t pixelCount) {
-  return IsGrayscale(type) && HasCodeChannels(type) &&
-         (CodeCount(type) == kCodes8 || pixelCount >= kCodes16);
+  return IsGrayscale(type) && HasCodeChannels(type) && (CodeCount(type) == kCodes8 || pixelCount >= kCodes16);
 }
 
 }  // namespace imagery::convert

@@ -135,7 +135,9 @@ void ConvertSharedExponentByCodes(const ConverterState& state, const unsigned ch
     unsigned alpha = kOpaque8;
     if constexpr (FS.alphaKind == SampleKind::Code8)
       alpha = tables.alpha8[p[FS.alpha]];
-    const auto at = [](unsigned byte, int offset) { return static_cast<std::uint64_t>(byte) << (8 * offset); };
+    const auto at = [](unsigned byte, int offset) {
+      return static_cast<std::uint64_t>(byte) << (8 * offset);
+    };
     const std::uint64_t word = at(run[r], FD.red) | at(run[g], FD.green) | at(run[b], FD.blue) |
                                at(tables.exponents8[top], FD.exponent) | at(alpha, FD.alpha);
     StorePixel<FD.bytes>(q, word, i + 1 == count);
@@ -162,7 +164,8 @@ ConverterState::Kernel MakeKernel(ConverterState& state, const ConversionPlan& p
     }
   }
   if constexpr ((S == IT_RGB8 || S == IT_RGBA8) && D == IT_RGBEA) {
-    if (plan.rows == RowStrategy::SharedExponentByCodes && BuildSharedExponentTables8(state.source, state.tables))
+    if (plan.rows == RowStrategy::SharedExponentByCodes &&
+        BuildSharedExponentTables8(state.source, state.tables))
       kernel = &ConvertSharedExponentByCodes<S>;
   }
   if constexpr (S == IT_Grayscale8) {

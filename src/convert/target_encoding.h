@@ -70,8 +70,8 @@ template <EImageType D>
 inline auto PixelWord(unsigned r, unsigned g, unsigned b, unsigned a) {
   constexpr FormatLayout F = LayoutOf(D);
   using Word = std::conditional_t<F.bytes <= 4, std::uint32_t, std::uint64_t>;
-  std::uint64_t word = SampleWord<F.colour>(r, F.red) | SampleWord<F.colour>(g, F.green) |
-                       SampleWord<F.colour>(b, F.blue);
+  std::uint64_t word =
+      SampleWord<F.colour>(r, F.red) | SampleWord<F.colour>(g, F.green) | SampleWord<F.colour>(b, F.blue);
   if constexpr (F.alphaKind != SampleKind::None)
     word |= SampleWord<F.alphaKind>(a, F.alpha);
   else
@@ -208,7 +208,8 @@ void EncodeGrey(const TargetEncoding& target, const float* v, int n, unsigned ch
     for (int i = 0; i < n; ++i)
       detail::StoreStored<F.colour>(q + i * F.bytes, codes[i]);
   } else {
-    static_assert(F.colour == SampleKind::Float32 && F.bytes == sizeof(float), "floats are copied as they are");
+    static_assert(F.colour == SampleKind::Float32 && F.bytes == sizeof(float),
+                  "floats are copied as they are");
     static_cast<void>(target);
     std::memcpy(q, v, static_cast<std::size_t>(n) * sizeof(float));
   }

@@ -1,7 +1,7 @@
 #include "imagery/image_list.h"
 
-#include <array>
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <memory>
 

@@ -9,7 +9,8 @@ namespace imagery {
 
 // The colour bytes of IT_RGBA8 lie where those of IT_RGB8 do, so both are read as IT_RGB8 pixels and
 // alpha is left alone.
-static_assert(LayoutOf(IT_RGBA8).red == LayoutOf(IT_RGB8).red && LayoutOf(IT_RGBA8).green == LayoutOf(IT_RGB8).green &&
+static_assert(LayoutOf(IT_RGBA8).red == LayoutOf(IT_RGB8).red &&
+              LayoutOf(IT_RGBA8).green == LayoutOf(IT_RGB8).green &&
               LayoutOf(IT_RGBA8).blue == LayoutOf(IT_RGB8).blue);
 
 template <>
