@@ -297,63 +297,98 @@ __attribute__((target("avx2"))) std::size_t CombineBGRA8AVX2(const unsigned char
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 #pragma GCC diagnostic ignored "-Wuninitialized"
+// The pieces both AVX-512 kernels share, for 16 destination pixels at destination column x.
+// `raw` holds the four loads (row0's 32 source pixels, then row1's); footprint[s] holds footprint pixel
+// s (row s / 2, column parity s % 2) of each destination pixel in lane order.
+struct Footprints512 {
+  __m512i raw[4];
+  __m512i footprint[4];
+};
+
+__attribute__((target("avx512f"))) inline Footprints512 LoadFootprints512(const unsigned char* row0,
+                                                                          const unsigned char* row1,
+                                                                          std::size_t x) {
+  const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+  const __m512i odd = _mm512_add_epi32(even, _mm512_set1_epi32(1));
+  Footprints512 f;
+  for (int r = 0; r < 2; ++r) {
+    const unsigned char* row = (r == 0 ? row0 : row1) + 8 * x;
+    f.raw[2 * r] = _mm512_loadu_si512(row);
+    f.raw[2 * r + 1] = _mm512_loadu_si512(row + 64);
+    f.footprint[2 * r] = _mm512_permutex2var_epi32(f.raw[2 * r], even, f.raw[2 * r + 1]);
+    f.footprint[2 * r + 1] = _mm512_permutex2var_epi32(f.raw[2 * r], odd, f.raw[2 * r + 1]);
+  }
+  return f;
+}
+
+// The footprints' alphas as fractions, their sum, its inverse and the lanes whose sum is not positive.
+struct Coverage512 {
+  __m512 alpha[4];
+  __m512 sum, inverse;
+  __mmask16 empty;
+};
+
+__attribute__((target("avx512f"))) inline Coverage512 CoverageOf(const __m512i footprint[4]) {
+  Coverage512 k;
+  for (int i = 0; i < 4; ++i)
+    k.alpha[i] =
+        _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_srli_epi32(footprint[i], 24)), _mm512_set1_ps(kInv255));
+  k.sum = _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(k.alpha[0], k.alpha[1]), k.alpha[2]), k.alpha[3]);
+  k.inverse = _mm512_div_ps(_mm512_set1_ps(1.0f), k.sum);
+  k.empty = _mm512_cmp_ps_mask(k.sum, _mm512_setzero_ps(), _CMP_LE_OQ);
+  return k;
+}
+
+// One channel of the 16 pixels from its four decoded footprint values: alpha-weighted, or the plain
+// mean where no footprint pixel has alpha.
+__attribute__((target("avx512f"))) inline void StoreCombined512(const Coverage512& k, const __m512 v[4],
+                                                                float* out) {
+  const __m512* a = k.alpha;
+  const __m512 weighted = _mm512_mul_ps(
+      _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(a[0], v[0]), _mm512_mul_ps(a[1], v[1])),
+                                  _mm512_mul_ps(a[2], v[2])),
+                    _mm512_mul_ps(a[3], v[3])),
+      k.inverse);
+  const __m512 mean = _mm512_mul_ps(_mm512_add_ps(_mm512_add_ps(_mm512_add_ps(v[0], v[1]), v[2]), v[3]),
+                                    _mm512_set1_ps(0.25f));
+  _mm512_storeu_ps(out, _mm512_mask_blend_ps(k.empty, weighted, mean));
+}
+
 template <bool kTable>
 __attribute__((target("avx512f"))) std::size_t CombineBGRA8AVX512(const unsigned char* row0,
                                                                   const unsigned char* row1,
                                                                   const CodeTable& table,
                                                                   float* const* planes, std::size_t count) {
-  const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
-  const __m512i odd = _mm512_add_epi32(even, _mm512_set1_epi32(1));
   const __m512i low8 = _mm512_set1_epi32(0xFF);
-  const __m512 inv255 = _mm512_set1_ps(kInv255), quarter = _mm512_set1_ps(0.25f), zero = _mm512_setzero_ps();
   std::size_t x = 0;
   for (; x + 16 <= count; x += 16) {
-    __m512i p[4];
-    for (int r = 0; r < 2; ++r) {
-      const unsigned char* row = (r == 0 ? row0 : row1) + 8 * x;
-      const __m512i first = _mm512_loadu_si512(row), second = _mm512_loadu_si512(row + 64);
-      p[2 * r] = _mm512_permutex2var_epi32(first, even, second);
-      p[2 * r + 1] = _mm512_permutex2var_epi32(first, odd, second);
-    }
-    const auto decode = [&](__m512i codes) __attribute__((target("avx512f"))) {
-      if constexpr (kTable)
-        return _mm512_i32gather_ps(codes, table.values, 4);
-      else
-        return _mm512_mul_ps(_mm512_cvtepi32_ps(codes), inv255);
-    };
-    __m512 a[4];
-    for (int i = 0; i < 4; ++i)
-      a[i] = _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_srli_epi32(p[i], 24)), inv255);
-    const __m512 s = _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(a[0], a[1]), a[2]), a[3]);
-    const __m512 inverse = _mm512_div_ps(_mm512_set1_ps(1.0f), s);
-    const __mmask16 empty = _mm512_cmp_ps_mask(s, zero, _CMP_LE_OQ);
+    const Footprints512 f = LoadFootprints512(row0, row1, x);
+    const Coverage512 coverage = CoverageOf(f.footprint);
     for (int c = 0; c < 3; ++c) {
       __m512 v[4];
-      for (int i = 0; i < 4; ++i)
-        v[i] = decode(_mm512_and_si512(_mm512_srli_epi32(p[i], 8 * c), low8));
-      const __m512 weighted = _mm512_mul_ps(
-          _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(a[0], v[0]), _mm512_mul_ps(a[1], v[1])),
-                                      _mm512_mul_ps(a[2], v[2])),
-                        _mm512_mul_ps(a[3], v[3])),
-          inverse);
-      const __m512 mean =
-          _mm512_mul_ps(_mm512_add_ps(_mm512_add_ps(_mm512_add_ps(v[0], v[1]), v[2]), v[3]), quarter);
-      _mm512_storeu_ps(planes[c] + x, _mm512_mask_blend_ps(empty, weighted, mean));
+      for (int i = 0; i < 4; ++i) {
+        const __m512i codes = _mm512_and_si512(_mm512_srli_epi32(f.footprint[i], 8 * c), low8);
+        if constexpr (kTable)
+          v[i] = _mm512_i32gather_ps(codes, table.values, 4);
+        else
+          v[i] = _mm512_mul_ps(_mm512_cvtepi32_ps(codes), _mm512_set1_ps(kInv255));
+      }
+      StoreCombined512(coverage, v, planes[c] + x);
     }
-    _mm512_storeu_ps(planes[3] + x, _mm512_mul_ps(s, quarter));
+    _mm512_storeu_ps(planes[3] + x, _mm512_mul_ps(coverage.sum, _mm512_set1_ps(0.25f)));
   }
   return x;
 }
 
-// The AVX-512 kernel with colour codes decoded by byte permutes instead of gathers: for each channel, its
-// codes of the 64 footprint pixels of 16 destination pixels are gathered into one register and looked
-// up at once. The arithmetic after the look-up is CombineBGRA8AVX512's.
+// CombineBGRA8AVX512 with colour codes decoded by byte permutes instead of gathers: for each channel,
+// its codes of the 64 footprint pixels of 16 destination pixels are gathered into one register and
+// looked up at once.
 IMAGERY_BYTE_SHUFFLES std::size_t CombineBGRA8ByteShuffles(const unsigned char* row0,
                                                            const unsigned char* row1, const CodeTable& table,
                                                            float* const* planes, std::size_t count) {
-  // Byte 16j + 4s + m of a channel's codes is its code in footprint pixel s (row s / 2, column parity
-  // s % 2) of destination pixel 4j + m: the lane-transposed order LookUp64 takes, so that its out[s]
-  // holds footprint pixel s of the 16 destination pixels in order. Rows are 128 bytes of 32 sources.
+  // Byte 16j + 4s + m of a channel's codes is its code in footprint pixel s of destination pixel 4j + m:
+  // the lane-transposed order LookUp64 takes, so that its out[s] holds footprint pixel s of the 16
+  // destination pixels in order. Each row's two loads are 128 bytes of 32 sources.
   alignas(64) std::uint8_t order[64];
   for (int j = 0; j < 4; ++j) {
     for (int s = 0; s < 4; ++s) {
@@ -363,42 +398,23 @@ IMAGERY_BYTE_SHUFFLES std::size_t CombineBGRA8ByteShuffles(const unsigned char* 
   }
   const __m512i firstChannel = _mm512_load_si512(order);
   const __mmask64 secondRow = 0xFF00FF00FF00FF00ULL;
-  const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
-  const __m512i odd = _mm512_add_epi32(even, _mm512_set1_epi32(1));
-  const __m512 inv255 = _mm512_set1_ps(kInv255), quarter = _mm512_set1_ps(0.25f), zero = _mm512_setzero_ps();
   std::size_t x = 0;
   for (; x + 16 <= count; x += 16) {
-    const __m512i first0 = _mm512_loadu_si512(row0 + 8 * x), second0 = _mm512_loadu_si512(row0 + 8 * x + 64);
-    const __m512i first1 = _mm512_loadu_si512(row1 + 8 * x), second1 = _mm512_loadu_si512(row1 + 8 * x + 64);
-    const __m512i p[4] = {
-        _mm512_permutex2var_epi32(first0, even, second0), _mm512_permutex2var_epi32(first0, odd, second0),
-        _mm512_permutex2var_epi32(first1, even, second1), _mm512_permutex2var_epi32(first1, odd, second1)};
-    __m512 a[4];
-    for (int i = 0; i < 4; ++i)
-      a[i] = _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_srli_epi32(p[i], 24)), inv255);
-    const __m512 s = _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(a[0], a[1]), a[2]), a[3]);
-    const __m512 inverse = _mm512_div_ps(_mm512_set1_ps(1.0f), s);
-    const __mmask16 empty = _mm512_cmp_ps_mask(s, zero, _CMP_LE_OQ);
+    const Footprints512 f = LoadFootprints512(row0, row1, x);
+    const Coverage512 coverage = CoverageOf(f.footprint);
     for (int c = 0; c < 3; ++c) {
       const __m512i index = _mm512_add_epi8(firstChannel, _mm512_set1_epi8(static_cast<char>(c)));
       const __m512i codes =
-          _mm512_mask_blend_epi8(secondRow, _mm512_permutex2var_epi8(first0, index, second0),
-                                 _mm512_permutex2var_epi8(first1, index, second1));
+          _mm512_mask_blend_epi8(secondRow, _mm512_permutex2var_epi8(f.raw[0], index, f.raw[1]),
+                                 _mm512_permutex2var_epi8(f.raw[2], index, f.raw[3]));
       __m512i looked[4];
       detail::LookUp64(table.planes.bytes, codes, looked);
       __m512 v[4];
       for (int i = 0; i < 4; ++i)
         v[i] = _mm512_castsi512_ps(looked[i]);
-      const __m512 weighted = _mm512_mul_ps(
-          _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(a[0], v[0]), _mm512_mul_ps(a[1], v[1])),
-                                      _mm512_mul_ps(a[2], v[2])),
-                        _mm512_mul_ps(a[3], v[3])),
-          inverse);
-      const __m512 mean =
-          _mm512_mul_ps(_mm512_add_ps(_mm512_add_ps(_mm512_add_ps(v[0], v[1]), v[2]), v[3]), quarter);
-      _mm512_storeu_ps(planes[c] + x, _mm512_mask_blend_ps(empty, weighted, mean));
+      StoreCombined512(coverage, v, planes[c] + x);
     }
-    _mm512_storeu_ps(planes[3] + x, _mm512_mul_ps(s, quarter));
+    _mm512_storeu_ps(planes[3] + x, _mm512_mul_ps(coverage.sum, _mm512_set1_ps(0.25f)));
   }
   return x;
 }
