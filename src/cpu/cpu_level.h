@@ -16,6 +16,22 @@
 #define IMAGERY_X86_64 1
 #endif
 
+// Around AVX-512 kernels: GCC 12 takes the undefined start values inside its AVX-512 intrinsics for
+// uninitialised reads.
+#if defined(__clang__)
+#define IMAGERY_AVX512_KERNELS_BEGIN \
+  _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wuninitialized\"")
+#define IMAGERY_AVX512_KERNELS_END _Pragma("GCC diagnostic pop")
+#elif defined(__GNUC__)
+#define IMAGERY_AVX512_KERNELS_BEGIN                                                   \
+  _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wuninitialized\"") \
+      _Pragma("GCC diagnostic ignored \"-Wmaybe-uninitialized\"")
+#define IMAGERY_AVX512_KERNELS_END _Pragma("GCC diagnostic pop")
+#else
+#define IMAGERY_AVX512_KERNELS_BEGIN
+#define IMAGERY_AVX512_KERNELS_END
+#endif
+
 namespace imagery::cpu {
 
 enum class Level : std::uint8_t { Scalar = 0, SSE2 = 1, AVX2 = 2, AVX512 = 3 };

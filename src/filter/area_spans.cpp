@@ -30,12 +30,7 @@ __attribute__((target("avx2"))) std::size_t AddSpansAVX2(std::size_t span, std::
   return x;
 }
 
-// GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised reads.
-#pragma GCC diagnostic push
-#if !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-#pragma GCC diagnostic ignored "-Wuninitialized"
+IMAGERY_AVX512_KERNELS_BEGIN
 __attribute__((target("avx512f"))) std::size_t AddSpansAVX512(std::size_t span, std::size_t count,
                                                               float rowPart, const float* from, float* sums,
                                                               float* totals) {
@@ -61,7 +56,7 @@ __attribute__((target("avx512f"))) std::size_t AddSpansAVX512(std::size_t span, 
   }
   return x;
 }
-#pragma GCC diagnostic pop
+IMAGERY_AVX512_KERNELS_END
 #endif
 
 }  // namespace

@@ -291,12 +291,7 @@ __attribute__((target("avx2"))) std::size_t CombineBGRA8AVX2(const unsigned char
   return x;
 }
 
-// GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised reads.
-#pragma GCC diagnostic push
-#if !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-#pragma GCC diagnostic ignored "-Wuninitialized"
+IMAGERY_AVX512_KERNELS_BEGIN
 // The pieces both AVX-512 kernels share, for 16 destination pixels at destination column x.
 // `raw` holds the four loads (row0's 32 source pixels, then row1's); footprint[s] holds footprint pixel
 // s (row s / 2, column parity s % 2) of each destination pixel in lane order.
@@ -419,7 +414,7 @@ IMAGERY_BYTE_SHUFFLES std::size_t CombineBGRA8ByteShuffles(const unsigned char* 
   return x;
 }
 
-#pragma GCC diagnostic pop
+IMAGERY_AVX512_KERNELS_END
 
 #endif
 

@@ -128,12 +128,7 @@ __attribute__((target("avx2"))) std::size_t EncodeSRGBAVX2(const float* linear, 
   return i;
 }
 
-// GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised reads.
-#pragma GCC diagnostic push
-#if !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-#pragma GCC diagnostic ignored "-Wuninitialized"
+IMAGERY_AVX512_KERNELS_BEGIN
 __attribute__((target("avx512f"))) __m512i EncodeSRGBSixteen(__m512 c, __m512 maxCode) {
   c = _mm512_max_ps(_mm512_min_ps(_mm512_set1_ps(1.0f), c), _mm512_setzero_ps());
   const __mmask16 high = _mm512_cmp_ps_mask(c, _mm512_set1_ps(0.0523f), _CMP_GT_OQ);
@@ -171,7 +166,7 @@ __attribute__((target("avx512f"))) std::size_t EncodeSRGBAVX512(const float* lin
   }
   return i;
 }
-#pragma GCC diagnostic pop
+IMAGERY_AVX512_KERNELS_END
 #endif
 
 // A whole row: the kernel's lanes, then the rest one value at a time.
@@ -239,11 +234,7 @@ void CodeSumScalar(const ByteTables3& tables, const unsigned char* pixels, std::
 }
 
 #if defined(IMAGERY_X86_64) && defined(__GNUC__)
-#pragma GCC diagnostic push
-#if !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-#pragma GCC diagnostic ignored "-Wuninitialized"
+IMAGERY_AVX512_KERNELS_BEGIN
 
 IMAGERY_BYTE_SHUFFLES std::size_t DecodeSRGBByteShuffles(const unsigned char* codes, float* linear,
                                                          std::size_t count) {
@@ -343,7 +334,7 @@ void CodeSumRow(const ByteTables3& tables, const unsigned char* pixels, std::siz
   const std::size_t done = CodeSumByteShuffles(tables, pixels, pixelBytes, sums, count);
   CodeSumScalar(tables, pixels + done * pixelBytes, pixelBytes, sums + done, count - done);
 }
-#pragma GCC diagnostic pop
+IMAGERY_AVX512_KERNELS_END
 #endif
 
 }  // namespace
