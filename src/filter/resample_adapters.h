@@ -103,15 +103,11 @@ class TypedAccess {
     constexpr FormatLayout L = LayoutOf(T);
     const unsigned char* bytes = Address(plane, Position(0, static_cast<unsigned long>(y)));
     const auto count = static_cast<std::size_t>(std::max(plane.Width(), 0));
-    if constexpr (L.colour == SampleKind::Code8 && L.alphaKind == SampleKind::Code8 && L.bytes == 4 &&
-                  L.alpha == 3) {
+    if constexpr (L.colour == SampleKind::Code8 && L.alphaKind == SampleKind::Code8) {
+      static_assert(L.bytes == 4 && L.alpha == 3, "8-bit rows with alpha are four codes, alpha last");
       decodeAlphaPixels_(bytes, linear, count);
     } else if constexpr (L.colour == SampleKind::Code8) {
       decodeRow_(bytes, linear, count * L.bytes);
-      if constexpr (L.alphaKind != SampleKind::None) {
-        for (std::size_t i = 0; i < count; ++i)
-          imagery::detail::ReadAlpha<T>(bytes + i * L.bytes, linear[i * L.bytes + L.alpha]);
-      }
     } else {
       return reinterpret_cast<const float*>(bytes);
     }

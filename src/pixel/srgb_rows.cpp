@@ -236,42 +236,33 @@ void CodeSumScalar(const ByteTables3& tables, const unsigned char* pixels, std::
 #if defined(IMAGERY_X86_64) && defined(__GNUC__)
 IMAGERY_AVX512_KERNELS_BEGIN
 
+// 8-bit sRGB codes to linear values, 64 at a time; with kAlpha the codes are pixels of four whose last
+// is alpha, which becomes its code as a fraction instead. Returns how many codes it did.
+template <bool kAlpha>
 IMAGERY_BYTE_SHUFFLES std::size_t DecodeSRGBByteShuffles(const unsigned char* codes, float* linear,
                                                          std::size_t count) {
   const std::uint8_t(*planes)[256] = SRGBDecode8().planes.bytes;
   const __m512i transpose = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
   std::size_t i = 0;
   for (; i + 64 <= count; i += 64) {
-    const __m512i index = _mm512_permutexvar_epi32(transpose, _mm512_loadu_si512(codes + i));
+    const __m512i loaded = _mm512_loadu_si512(codes + i);
     __m512i values[4];
-    LookUp64(planes, index, values);
+    LookUp64(planes, _mm512_permutexvar_epi32(transpose, loaded), values);
+    if constexpr (kAlpha) {
+      const __m128i quarters[4] = {_mm512_castsi512_si128(loaded), _mm512_extracti32x4_epi32(loaded, 1),
+                                   _mm512_extracti32x4_epi32(loaded, 2),
+                                   _mm512_extracti32x4_epi32(loaded, 3)};
+      for (int s = 0; s < 4; ++s) {
+        const __m512 fractions =
+            _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(quarters[s])), _mm512_set1_ps(kInv255));
+        values[s] =
+            _mm512_castps_si512(_mm512_mask_blend_ps(0x8888, _mm512_castsi512_ps(values[s]), fractions));
+      }
+    }
     for (int s = 0; s < 4; ++s)
       _mm512_storeu_si512(linear + i + 16 * s, values[s]);
   }
   return i;
-}
-
-// DecodeSRGBByteShuffles with every fourth value replaced by its code as a fraction.
-IMAGERY_BYTE_SHUFFLES std::size_t DecodeSRGBAlphaByteShuffles(const unsigned char* pixels, float* linear,
-                                                              std::size_t count) {
-  const std::uint8_t(*planes)[256] = SRGBDecode8().planes.bytes;
-  const __m512i transpose = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
-  const __m512 inv255 = _mm512_set1_ps(kInv255);
-  constexpr __mmask16 kAlphaLanes = 0x8888;
-  std::size_t i = 0;
-  for (; i + 64 <= 4 * count; i += 64) {
-    const __m512i codes = _mm512_loadu_si512(pixels + i);
-    __m512i values[4];
-    LookUp64(planes, _mm512_permutexvar_epi32(transpose, codes), values);
-    const __m128i quarters[4] = {_mm512_castsi512_si128(codes), _mm512_extracti32x4_epi32(codes, 1),
-                                 _mm512_extracti32x4_epi32(codes, 2), _mm512_extracti32x4_epi32(codes, 3)};
-    for (int s = 0; s < 4; ++s) {
-      const __m512 fractions = _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(quarters[s])), inv255);
-      _mm512_storeu_ps(linear + i + 16 * s,
-                       _mm512_mask_blend_ps(kAlphaLanes, _mm512_castsi512_ps(values[s]), fractions));
-    }
-  }
-  return i / 4;
 }
 
 // Sixteen pixels from `pixels` as dwords regrouped by byte inside each 128-bit lane: the first bytes of
@@ -320,12 +311,12 @@ IMAGERY_BYTE_SHUFFLES std::size_t CodeSumByteShuffles(const ByteTables3& tables,
 }
 
 void DecodeSRGBRow(const unsigned char* codes, float* linear, std::size_t count) {
-  const std::size_t done = DecodeSRGBByteShuffles(codes, linear, count);
+  const std::size_t done = DecodeSRGBByteShuffles<false>(codes, linear, count);
   DecodeSRGBScalar(codes + done, linear + done, count - done);
 }
 
 void DecodeSRGBAlphaRow(const unsigned char* pixels, float* linear, std::size_t count) {
-  const std::size_t done = DecodeSRGBAlphaByteShuffles(pixels, linear, count);
+  const std::size_t done = DecodeSRGBByteShuffles<true>(pixels, linear, 4 * count) / 4;
   DecodeSRGBAlphaScalar(pixels + 4 * done, linear + 4 * done, count - done);
 }
 
