@@ -72,8 +72,10 @@ class TypedAccess {
     if (writable)
       encoder_.emplace(plane.Gamma());
     if constexpr (LayoutOf(T).colour == SampleKind::Code8) {
-      decodeRow_ = imagery::detail::SRGBRowDecoder8(cpu::Active());
-      decodeAlphaPixels_ = imagery::detail::SRGBAlphaPixelDecoder8(cpu::Active());
+      if constexpr (LayoutOf(T).alphaKind == SampleKind::Code8)
+        decodeAlphaPixels_ = imagery::detail::SRGBAlphaPixelDecoder8(cpu::Active());
+      else
+        decodeRow_ = imagery::detail::SRGBRowDecoder8(cpu::Active());
       if (cpu::Active() >= cpu::Level::SSE2)
         scaleAlpha_ = &convert::ScaleRow<cpu::Level::SSE2, unsigned char>;
     }
