@@ -265,6 +265,23 @@ IMAGERY_BYTE_SHUFFLES std::size_t DecodeSRGBByteShuffles(const unsigned char* co
   return i;
 }
 
+// Byte 16j + 4c + m of a grouping order is byte c of pixel 4j + m, for pixels of three bytes and of
+// four. Made once: building it on every call cost as much as the look-ups of a short row.
+struct GroupingOrder {
+  alignas(64) std::uint8_t bytes[64];
+};
+constexpr GroupingOrder GroupingOrderOf(int pixelBytes) {
+  GroupingOrder order{};
+  for (int j = 0; j < 4; ++j) {
+    for (int c = 0; c < 4; ++c) {
+      for (int m = 0; m < 4; ++m)
+        order.bytes[16 * j + 4 * c + m] = static_cast<std::uint8_t>(c < 3 ? pixelBytes * (4 * j + m) + c : 0);
+    }
+  }
+  return order;
+}
+constexpr GroupingOrder kGroupingOrders[2] = {GroupingOrderOf(3), GroupingOrderOf(4)};
+
 // Sixteen pixels from `pixels` as dwords regrouped by byte inside each 128-bit lane: the first bytes of
 // four pixels, then their second bytes, then their third.
 IMAGERY_BYTE_SHUFFLES inline __m512i GroupBytes(const unsigned char* pixels, std::size_t pixelBytes,
@@ -277,15 +294,7 @@ IMAGERY_BYTE_SHUFFLES inline __m512i GroupBytes(const unsigned char* pixels, std
 IMAGERY_BYTE_SHUFFLES std::size_t CodeSumByteShuffles(const ByteTables3& tables, const unsigned char* pixels,
                                                       std::size_t pixelBytes, float* sums,
                                                       std::size_t count) {
-  // Byte 16j + 4c + m of a group is byte c of pixel 4j + m.
-  alignas(64) std::uint8_t order[64];
-  for (int j = 0; j < 4; ++j) {
-    for (int c = 0; c < 4; ++c) {
-      for (int m = 0; m < 4; ++m)
-        order[16 * j + 4 * c + m] = static_cast<std::uint8_t>(c < 3 ? pixelBytes * (4 * j + m) + c : 0);
-    }
-  }
-  const __m512i grouping = _mm512_load_si512(order);
+  const __m512i grouping = _mm512_load_si512(kGroupingOrders[pixelBytes == 4].bytes);
   std::size_t i = 0;
   for (; i + 64 <= count; i += 64) {
     const unsigned char* p = pixels + i * pixelBytes;
