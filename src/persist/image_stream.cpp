@@ -112,7 +112,8 @@ bool Image::Write(ZELStream* stream, bool incorporate, bool forVexExport) const 
   impl_->OriginalSize(originalWidth, originalHeight);
   const int width = std::max(1, impl_->Width());
   const int height = std::max(1, impl_->Height());
-  if (originalWidth != -1 && originalHeight != -1 && width != originalWidth && height != originalHeight) {
+  // Only a reduction on both sides is recorded: it is all that the reader applies again.
+  if (width < originalWidth && height < originalHeight) {
     ZELWriteChunk size(stream, kDownSampledSizeChunk);
     if (!size.IsOk() || !stream->WriteTyped(width) || !stream->WriteTyped(height) || !size.End())
       return false;
@@ -292,6 +293,17 @@ bool Image::ReadImageChunk(ZELStream* stream, EImageType requested) {
   if (IsEmpty())
     return true;
 
+  // A recorded size can only reduce the full-size pixels; anything else would have the reader allocate
+  // what no data justifies. Checked before the backup is reloaded, which other handles may see.
+  if (width != -1 || height != -1) {
+    int fullWidth = 0;
+    int fullHeight = 0;
+    impl_->OriginalSize(fullWidth, fullHeight);
+    if (width < 1 || height < 1 || width > std::max(1, fullWidth) || height > std::max(1, fullHeight)) {
+      stream->SetError(zel::ErrorCode::Internal("IMGRD1318"));
+      return false;
+    }
+  }
   impl_->ReloadBackupDownSampling();
   if (width != -1 && height != -1 && width != std::max(1, impl_->Width()) &&
       height != std::max(1, impl_->Height())) {

@@ -348,6 +348,26 @@ TEST(ImageStream, TruncatedOrLyingChunksFailCleanlyWithoutAllocatingWhatTheyProm
   EXPECT_FALSE(ReadInto(huge, promise));
   EXPECT_TRUE(CountingImage::factory.created == createdBefore + 1 && huge.Width() == 1)
       << "only the 1 x 1 placeholder";
+
+  // A recorded down-sampled size may only reduce the 3 x 2 pixels read, never make the reader resample
+  // them to a size no data justifies.
+  for (const auto& [width, height] : {std::pair{4, 1}, {2, 100000}, {0, 1}}) {
+    OldChunkWriter w;
+    {
+      ZELWriteChunk chunk(&w.stream, kImageChunk);
+      w.stream.WritePath(ZELPath());
+      {
+        ZELWriteChunk bits(&w.stream, kBitsChunk);
+        Header(w, IT_RGB8, 2, 3, 12, 24);
+        Rows(w, 24);
+      }
+      ZELWriteChunk size(&w.stream, kDownSampledSizeChunk);
+      w.Int(width), w.Int(height);
+    }
+    std::string tag;
+    EXPECT_TRUE(!ReadInto(image, w.stream.Bytes(), &tag) && tag == "IMGRD1318" && image.GetImpl() == before)
+        << width << " x " << height;
+  }
 }
 
 TEST_F(ReferencedImages, ReadBackThroughTheImageListAtTheStoredSizeAndSurviveMissingFiles) {
@@ -376,6 +396,8 @@ TEST_F(ReferencedImages, ReadBackThroughTheImageListAtTheStoredSizeAndSurviveMis
   EXPECT_EQ(small.Width() * 10 + small.Height(), 43);
   Resample(loaded, 4, 6, inPlace);
   EXPECT_FALSE(Has(SubChunks(Written(loaded, false)), kDownSampledSizeChunk)) << "one side only";
+  Resample(loaded, 9, 7, inPlace);
+  EXPECT_FALSE(Has(SubChunks(Written(loaded, false)), kDownSampledSizeChunk)) << "an enlargement";
 
   // A missing file fails with the reader's error; the next image of the stream still reads.
   Image missing(2, 2, IT_RGB8);
