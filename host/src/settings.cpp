@@ -152,9 +152,67 @@ bool ParseProject(const ptree& project, Values& values) {
   return true;
 }
 
-bool ParseDocument(std::istream& in, Values& values) {
+// The XML parser descends once per nested element, so a few hundred kilobytes of opening tags would
+// exhaust the stack. A settings document nests three deep: the nesting is measured first, by the parser's
+// own rules for tags, quoted attribute values, comments, character data and processing instructions, and
+// a document nesting deeper than this is refused before it is parsed.
+constexpr int kMaxNesting = 32;
+
+bool NestsAtMost(std::string_view text, int limit) {
+  const auto startsWith = [&text](std::size_t at, std::string_view prefix) {
+    return text.compare(at, prefix.size(), prefix) == 0;
+  };
+  // The position after the first `end` from `at`, or the end of the text: the parser stops there too.
+  const auto past = [&text](std::size_t at, std::string_view end) {
+    const std::size_t found = text.find(end, at);
+    return found == std::string_view::npos ? text.size() : found + end.size();
+  };
+  int depth = 0;
+  for (std::size_t at = text.find('<'); at != std::string_view::npos; at = text.find('<', at)) {
+    if (startsWith(at, "<!--")) {
+      at = past(at + 4, "-->");
+    } else if (startsWith(at, "<![CDATA[")) {
+      at = past(at + 9, "]]>");
+    } else if (startsWith(at, "<?")) {
+      at = past(at + 2, "?>");
+    } else if (startsWith(at, "<!")) {
+      return false;  // document type declarations have no place in a settings file
+    } else if (startsWith(at, "</")) {
+      depth = depth > 0 ? depth - 1 : 0;
+      at = past(at + 2, ">");
+    } else {
+      // An opening tag ends at the first '>' outside a quoted value; one ending in "/>" opens nothing.
+      char quote = 0;
+      std::size_t end = at + 1;
+      for (; end < text.size(); ++end) {
+        const char c = text[end];
+        if (quote != 0) {
+          quote = c == quote ? 0 : quote;
+        } else if (c == '"' || c == '\'') {
+          quote = c;
+        } else if (c == '>') {
+          break;
+        }
+      }
+      if (end == text.size()) {
+        return true;
+      }
+      if (text[end - 1] != '/' && ++depth > limit) {
+        return false;
+      }
+      at = end + 1;
+    }
+  }
+  return true;
+}
+
+bool ParseDocument(const std::string& text, Values& values) {
+  if (!NestsAtMost(text, kMaxNesting)) {
+    return false;
+  }
   ptree document;
   try {
+    std::istringstream in(text);
     boost::property_tree::read_xml(in, document, boost::property_tree::xml_parser::no_comments);
   } catch (const std::exception&) {
     return false;
@@ -257,8 +315,12 @@ bool LoadFromFile(const ZELPath& path) {
     return false;
   }
   in.seekg(0, std::ios::beg);
+  std::string text(static_cast<std::size_t>(size), '\0');
+  if (!in.read(text.data(), size)) {
+    return false;
+  }
   Values values;
-  if (!ParseDocument(in, values)) {
+  if (!ParseDocument(text, values)) {
     return false;
   }
   SettingsStore::Get().Replace(std::move(values));

@@ -73,6 +73,13 @@ TEST_F(SettingsTest, MalformedFilesAreRejectedWithoutTouchingTheStore) {
       head + "type=\"bool\">yes</value></project></settings>",
       "<settings><group name=\"kor\"/></settings>",
       std::string("<settings>\0</settings>", 22),
+      // Nested deep enough to exhaust the stack, were it parsed.
+      [] {
+        std::string deep = "<settings>";
+        for (int i = 0; i < 100000; ++i)
+          deep += "<project name=\"a>\">";
+        return deep;
+      }(),
   };
   xml::SetProperty("kept", 3.0f, "kor");
   for (const std::string& text : bad) {
