@@ -24,6 +24,9 @@ bool Image::fixFileNameForVexExport_ = false;
 
 namespace {
 
+// How many times the full-size pixels a recorded down-sampled size may hold.
+constexpr std::int64_t kMostEnlargement = 4;
+
 // "C:/##Tessark_Dummy##/<MD5 of the path's UTF-8 text, upper-case hex>/<leaf>": the file keeps its name
 // while its folders are not disclosed.
 ZELPath AnonymousPath(const ZELPath& path) {
@@ -112,8 +115,7 @@ bool Image::Write(ZELStream* stream, bool incorporate, bool forVexExport) const 
   impl_->OriginalSize(originalWidth, originalHeight);
   const int width = std::max(1, impl_->Width());
   const int height = std::max(1, impl_->Height());
-  // Only a reduction on both sides is recorded: it is all that the reader applies again.
-  if (width < originalWidth && height < originalHeight) {
+  if (originalWidth != -1 && originalHeight != -1 && width != originalWidth && height != originalHeight) {
     ZELWriteChunk size(stream, kDownSampledSizeChunk);
     if (!size.IsOk() || !stream->WriteTyped(width) || !stream->WriteTyped(height) || !size.End())
       return false;
@@ -293,13 +295,16 @@ bool Image::ReadImageChunk(ZELStream* stream, EImageType requested) {
   if (IsEmpty())
     return true;
 
-  // A recorded size can only reduce the full-size pixels; anything else would have the reader allocate
-  // what no data justifies. Checked before the backup is reloaded, which other handles may see.
+  // The recorded size is where the pixels were resampled to, normally a reduction. An enlargement is
+  // followed up to four times the full-size pixels (twice each side); more, or a size below 1, is
+  // refused, as the reader would allocate what no data justifies. Checked before the backup is
+  // reloaded, which other handles may see.
   if (width != -1 || height != -1) {
     int fullWidth = 0;
     int fullHeight = 0;
     impl_->OriginalSize(fullWidth, fullHeight);
-    if (width < 1 || height < 1 || width > std::max(1, fullWidth) || height > std::max(1, fullHeight)) {
+    const std::int64_t fullPixels = std::int64_t{std::max(1, fullWidth)} * std::max(1, fullHeight);
+    if (width < 1 || height < 1 || std::int64_t{width} * height > kMostEnlargement * fullPixels) {
       stream->SetError(zel::ErrorCode::Internal("IMGRD1318"));
       return false;
     }
