@@ -119,7 +119,8 @@ IMAGERY_API unsigned short EncodeChannel16(float c, GammaValue gamma,
                                            PowerPrecision precision = PowerPrecision::Single);
 
 // A pixel's three channels at once, with the results of three single calls (single precision): one call
-// into the library per pixel instead of three.
+// into the library per pixel instead of three. 8-bit power gammas go through tables, built once for each
+// of the first gammas met.
 IMAGERY_API void DecodeThreeChannels8(const unsigned char* codes, float* linear, GammaValue gamma);
 IMAGERY_API void DecodeThreeChannels16(const unsigned short* codes, float* linear, GammaValue gamma);
 IMAGERY_API void EncodeThreeChannels8(const float* linear, unsigned char* codes, GammaValue gamma);

@@ -89,10 +89,10 @@ class IMAGERY_API GammaEncoder {
   void EncodeRow(const float* linear, Code* codes, std::size_t count) const;
 
   // Three values (a pixel's colour) with the same results as three calls; the sRGB curve is then one
-  // call into the library instead of three.
+  // call into the library, which runs the three side by side where the processor allows.
   void EncodeThree(const float* linear, Code* codes) const {
     if (kind_ == Kind::SRGB) {
-      EncodeThreeSRGB(linear, codes);
+      srgbThree_(linear, codes);
       return;
     }
     codes[0] = (*this)(linear[0]);
@@ -101,25 +101,25 @@ class IMAGERY_API GammaEncoder {
   }
 
   Code operator()(float linear) const {
-    const float c = ClampUnit(linear);
     switch (kind_) {
       case Kind::SRGB:
-        return Quantize(EncodeSRGBClamped(c));
+        return EncodeSRGB(linear);
       case Kind::Linear:
-        return Quantize(c);
+        return Quantize(ClampUnit(linear));
       case Kind::Table:
-        return FromThresholds(c);
+        return FromThresholds(ClampUnit(linear));
       case Kind::Direct:
         break;
     }
-    return Quantize(EncodeLinear(c, gamma_, precision_));
+    return Quantize(EncodeLinear(ClampUnit(linear), gamma_, precision_));
   }
 
  private:
   enum class Kind : unsigned char { SRGB, Linear, Table, Direct };
   using Thresholds = detail::EncodeThresholds<Code>;
 
-  static void EncodeThreeSRGB(const float* linear, Code* codes);
+  // Clamping, the curve and the rounding in one call into the library.
+  static Code EncodeSRGB(float linear);
 
   static Code Quantize(float encoded) {
     return static_cast<Code>(detail::RoundToCode<kMaxCode>(encoded * static_cast<float>(kMaxCode)));
@@ -151,8 +151,9 @@ class IMAGERY_API GammaEncoder {
   GammaValue gamma_;
   PowerPrecision precision_;
   Kind kind_ = Kind::Direct;
-  // The sRGB row kernel of the processor level active when the encoder was made.
+  // The sRGB row and pixel kernels of the processor level active when the encoder was made.
   void (*srgbRow_)(const float*, Code*, std::size_t) = nullptr;
+  void (*srgbThree_)(const float*, Code*) = nullptr;
   std::shared_ptr<const Thresholds> table_;
   const float* thresholds_ = nullptr;
   const Code* buckets_ = nullptr;

@@ -1,11 +1,82 @@
 // The per-value transfer curves of gamma.h.
 #include "imagery/gamma.h"
 
+#include <array>
+#include <atomic>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <mutex>
 
+#include "cpu/cpu_level.h"
+#include "imagery/gamma_tables.h"
 #include "pixel/gamma_curves.h"
+#include "pixel/srgb_rows.h"
 
 namespace imagery {
+namespace {
+
+// Pixel-at-a-time code (the runtime cursors, single-pixel calls) converts 8-bit power-gamma colour here,
+// where six powf calls a pixel would dominate. Each gamma met gets a decode table and threshold encoder
+// once, kept for the life of the process and found again without a lock; both give the curves' values
+// bit for bit. Past kMostPowerGammas distinct gammas the curves are evaluated directly, which bounds the
+// memory kept (about 6 KB a gamma) whatever a program does.
+struct PowerCoder8 {
+  explicit PowerCoder8(GammaValue gamma) : gammaBits(BitsOf(gamma)), decode(gamma), encode(gamma) {}
+
+  static std::uint32_t BitsOf(GammaValue gamma) {
+    const float value = gamma.Value();
+    std::uint32_t bits;
+    std::memcpy(&bits, &value, sizeof bits);
+    return bits;
+  }
+
+  std::uint32_t gammaBits;
+  GammaDecodeTable8 decode;
+  GammaEncoder8 encode;
+};
+
+constexpr std::size_t kMostPowerGammas = 32;
+
+class PowerCoders8 {
+ public:
+  const PowerCoder8* Find(GammaValue gamma) {
+    const std::uint32_t bits = PowerCoder8::BitsOf(gamma);
+    const std::size_t known = count_.load(std::memory_order_acquire);
+    for (std::size_t i = 0; i < known; ++i)
+      if (coders_[i]->gammaBits == bits)
+        return coders_[i];
+    if (known == kMostPowerGammas)
+      return nullptr;
+    return Add(gamma, bits);
+  }
+
+ private:
+  const PowerCoder8* Add(GammaValue gamma, std::uint32_t bits) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const std::size_t known = count_.load(std::memory_order_relaxed);
+    for (std::size_t i = 0; i < known; ++i)
+      if (coders_[i]->gammaBits == bits)
+        return coders_[i];
+    if (known == kMostPowerGammas)
+      return nullptr;
+    // Never freed: readers hold these pointers without a reference count.
+    coders_[known] = new PowerCoder8(gamma);
+    count_.store(known + 1, std::memory_order_release);
+    return coders_[known];
+  }
+
+  std::mutex mutex_;
+  std::atomic<std::size_t> count_{0};
+  std::array<const PowerCoder8*, kMostPowerGammas> coders_{};
+};
+
+const PowerCoder8* FindPowerCoder8(GammaValue gamma) {
+  static PowerCoders8 coders;
+  return coders.Find(gamma);
+}
+
+}  // namespace
 
 float DecodeChannel8(unsigned char v, GammaValue gamma) {
   return curves::Decode(v, gamma);
@@ -63,8 +134,10 @@ static void EncodeThree(const float* linear, Code* codes, GammaValue gamma) {
     return k8 ? curves::QuantizeTo8(encoded) : curves::QuantizeTo16(encoded);
   };
   if (gamma.IsSRGB()) {
-    for (int i = 0; i < 3; ++i)
-      codes[i] = static_cast<Code>(quantize(curves::EncodeSRGBClamped(ClampUnit(linear[i]))));
+    if constexpr (k8)
+      detail::SRGBThreeEncoder8(cpu::Active())(linear, codes);
+    else
+      detail::SRGBThreeEncoder16(cpu::Active())(linear, codes);
     return;
   }
   const float exponent = 1.0f / gamma.Value();
@@ -73,6 +146,11 @@ static void EncodeThree(const float* linear, Code* codes, GammaValue gamma) {
 }
 
 void DecodeThreeChannels8(const unsigned char* codes, float* linear, GammaValue gamma) {
+  if (const PowerCoder8* coder = gamma.IsSRGB() ? nullptr : FindPowerCoder8(gamma)) {
+    for (int i = 0; i < 3; ++i)
+      linear[i] = coder->decode(codes[i]);
+    return;
+  }
   DecodeThree(codes, linear, gamma);
 }
 
@@ -81,6 +159,10 @@ void DecodeThreeChannels16(const unsigned short* codes, float* linear, GammaValu
 }
 
 void EncodeThreeChannels8(const float* linear, unsigned char* codes, GammaValue gamma) {
+  if (const PowerCoder8* coder = gamma.IsSRGB() ? nullptr : FindPowerCoder8(gamma)) {
+    coder->encode.EncodeThree(linear, codes);
+    return;
+  }
   EncodeThree(linear, codes, gamma);
 }
 

@@ -181,10 +181,8 @@ void GammaEncoder<Code>::EncodeRow(const float* linear, Code* codes, std::size_t
 }
 
 template <class Code>
-void GammaEncoder<Code>::EncodeThreeSRGB(const float* linear, Code* codes) {
-  codes[0] = Quantize(curves::EncodeSRGBClamped(ClampUnit(linear[0])));
-  codes[1] = Quantize(curves::EncodeSRGBClamped(ClampUnit(linear[1])));
-  codes[2] = Quantize(curves::EncodeSRGBClamped(ClampUnit(linear[2])));
+Code GammaEncoder<Code>::EncodeSRGB(float linear) {
+  return Quantize(curves::EncodeSRGBClamped(ClampUnit(linear)));
 }
 
 template <class Code>
@@ -197,10 +195,14 @@ GammaEncoder<Code>::GammaEncoder(GammaValue gamma, PowerPrecision precision)
   const float g = gamma.Value();
   if (gamma.IsSRGB()) {
     kind_ = Kind::SRGB;
-    if constexpr (sizeof(Code) == 1)
-      srgbRow_ = detail::SRGBRowEncoder8(cpu::Active());
-    else
-      srgbRow_ = detail::SRGBRowEncoder16(cpu::Active());
+    const cpu::Level level = cpu::Active();
+    if constexpr (sizeof(Code) == 1) {
+      srgbRow_ = detail::SRGBRowEncoder8(level);
+      srgbThree_ = detail::SRGBThreeEncoder8(level);
+    } else {
+      srgbRow_ = detail::SRGBRowEncoder16(level);
+      srgbThree_ = detail::SRGBThreeEncoder16(level);
+    }
   } else if (g == 1.0f) {
     // c^1 is c in both precisions.
     kind_ = Kind::Linear;

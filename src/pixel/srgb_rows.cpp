@@ -194,6 +194,34 @@ SRGBRowFunction<Code> SRGBRowEncoder(cpu::Level level) {
   }
 }
 
+template <class Code>
+void EncodeThreeSRGBScalar(const float* linear, Code* codes) {
+  EncodeSRGBScalar(linear, codes, 3);
+}
+
+#if defined(IMAGERY_X86_64)
+// The three values in the first lanes of one vector; the fourth lane encodes a zero nobody reads.
+template <class Code>
+void EncodeThreeSRGBSSE2(const float* linear, Code* codes) {
+  const __m128i four = EncodeSRGBFour(_mm_setr_ps(linear[0], linear[1], linear[2], 0.0f),
+                                      static_cast<float>(std::numeric_limits<Code>::max()));
+  alignas(16) std::int32_t lanes[4];
+  _mm_store_si128(reinterpret_cast<__m128i*>(lanes), four);
+  for (int i = 0; i < 3; ++i)
+    codes[i] = static_cast<Code>(lanes[i]);
+}
+#endif
+
+template <class Code>
+SRGBThreeFunction<Code> SRGBThreeEncoder(cpu::Level level) {
+#if defined(IMAGERY_X86_64)
+  if (level != cpu::Level::Scalar)
+    return &EncodeThreeSRGBSSE2<Code>;
+#endif
+  (void)level;
+  return &EncodeThreeSRGBScalar<Code>;
+}
+
 // --- Byte codes to floats through tables -----------------------------------------------------------
 
 struct SRGBDecodeTables {
@@ -386,6 +414,14 @@ SRGBRowFunction<unsigned char> SRGBRowEncoder8(cpu::Level level) {
 
 SRGBRowFunction<unsigned short> SRGBRowEncoder16(cpu::Level level) {
   return SRGBRowEncoder<unsigned short>(level);
+}
+
+SRGBThreeFunction<unsigned char> SRGBThreeEncoder8(cpu::Level level) {
+  return SRGBThreeEncoder<unsigned char>(level);
+}
+
+SRGBThreeFunction<unsigned short> SRGBThreeEncoder16(cpu::Level level) {
+  return SRGBThreeEncoder<unsigned short>(level);
 }
 
 }  // namespace imagery::detail

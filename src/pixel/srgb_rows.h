@@ -18,6 +18,12 @@ using SRGBRowFunction = void (*)(const float* linear, Code* codes, std::size_t c
 IMAGERY_API SRGBRowFunction<unsigned char> SRGBRowEncoder8(cpu::Level level);
 IMAGERY_API SRGBRowFunction<unsigned short> SRGBRowEncoder16(cpu::Level level);
 
+// The same for a pixel's three colour values, which kernels with vectors encode in one.
+template <class Code>
+using SRGBThreeFunction = void (*)(const float* linear, Code* codes);
+IMAGERY_API SRGBThreeFunction<unsigned char> SRGBThreeEncoder8(cpu::Level level);
+IMAGERY_API SRGBThreeFunction<unsigned short> SRGBThreeEncoder16(cpu::Level level);
+
 // 8-bit sRGB codes to linear light, each value that of the decode table (DecodeChannel8 with the sRGB
 // gamma). The ranges may not overlap.
 using SRGBDecodeRowFunction = void (*)(const unsigned char* codes, float* linear, std::size_t count);

@@ -332,5 +332,46 @@ TEST(GammaTables, OutliveTheirCacheEntriesAndAreSharedAcrossThreads) {
   EXPECT_EQ(mismatches, 0);
 }
 
+// The per-pixel colour forms keep tables for the first gammas they meet and evaluate the curves for the
+// rest: for more gammas than they keep, asked for on several threads at once, every code decodes and every
+// value around each code's crossing point encodes as the per-value forms do.
+TEST(GammaTables, PixelFormsMatchThePerValueFormsForAnyNumberOfGammas) {
+  std::vector<GammaValue> gammas = {GammaValue(100.0f), GammaValue(0.005f), GammaValue(), gamma::Linear};
+  for (int i = 0; gammas.size() < 44; ++i)
+    gammas.push_back(GammaValue(0.3f + 0.17f * static_cast<float>(i)));
+  std::atomic<int> mismatches{0};
+  std::vector<std::thread> threads;
+  for (unsigned t = 0; t < 3; ++t) {
+    threads.emplace_back([&, t] {
+      for (std::size_t n = 0; n < gammas.size(); ++n) {
+        const GammaValue g = gammas[(n + 7 * t) % gammas.size()];
+        std::vector<float> inputs = {-1.0f, 2.0f, std::nanf("")};
+        for (unsigned k = 1; k < 256; ++k) {
+          const auto crossing = Bits(std::pow((static_cast<float>(k) - 0.5f) / 255.0f, g.Value()));
+          for (std::uint32_t b = crossing - 2; b <= crossing + 2; ++b)
+            inputs.push_back(FromBits(b));
+        }
+        for (std::size_t i = 0; i + 3 <= inputs.size(); i += 3) {
+          unsigned char codes[3];
+          EncodeThreeChannels8(&inputs[i], codes, g);
+          for (int c = 0; c < 3; ++c)
+            mismatches += codes[c] != EncodeChannel8(inputs[i + c], g);
+        }
+        for (unsigned v = 0; v < 256; v += 3) {
+          const unsigned char codes[3] = {static_cast<unsigned char>(v), static_cast<unsigned char>(v + 1),
+                                          static_cast<unsigned char>(v + 2)};
+          float linear[3];
+          DecodeThreeChannels8(codes, linear, g);
+          for (int c = 0; c < 3; ++c)
+            mismatches += Bits(linear[c]) != Bits(DecodeChannel8(codes[c], g));
+        }
+      }
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(mismatches, 0);
+}
+
 }  // namespace
 }  // namespace imagery

@@ -42,8 +42,9 @@ inline unsigned short ScaleTo16(float c) {
 // Channel conversions. Decoders map stored codes to linear light, encoders the reverse; every one is
 // constructible from the plane's gamma so that cursors can hold any of them alike.
 // Decoders also take a pixel's three colour codes at once (DecodeThree8 / DecodeThree16).
-// The curve coders evaluate sRGB inline, in the form that gives the library's bits whatever the caller's
-// flags, and call into the library for power gammas (a call costs little beside a power function).
+// The curve coders evaluate single sRGB values inline, in the form that gives the library's bits whatever
+// the caller's flags, and call into the library for power gammas and for a pixel's three colour values
+// (which the library encodes side by side, and for 8-bit power gammas through tables).
 struct CurveDecoder {
   explicit CurveDecoder(GammaValue g) : gamma(g) {}
   float Decode8(unsigned char v) const {
@@ -88,10 +89,7 @@ struct CurveEncoder {
  private:
   template <class Code, class Library>
   void EncodeThree(const float* c, Code* codes, Library library) const {
-    if (!gamma.IsSRGB())
-      return library(c, codes, gamma);
-    for (int i = 0; i < 3; ++i)
-      codes[i] = EncodeSRGBCode<CallerProducts, Code>(c[i]);
+    library(c, codes, gamma);
   }
 };
 struct ScaleDecoder {
