@@ -43,21 +43,25 @@ class PowerCoders8 {
   const PowerCoder8* Find(GammaValue gamma) {
     const std::uint32_t bits = PowerCoder8::BitsOf(gamma);
     const std::size_t known = count_.load(std::memory_order_acquire);
-    for (std::size_t i = 0; i < known; ++i)
-      if (coders_[i]->gammaBits == bits)
-        return coders_[i];
-    if (known == kMostPowerGammas)
-      return nullptr;
-    return Add(gamma, bits);
+    if (const PowerCoder8* coder = Among(bits, 0, known))
+      return coder;
+    return known == kMostPowerGammas ? nullptr : Add(gamma, bits, known);
   }
 
  private:
-  const PowerCoder8* Add(GammaValue gamma, std::uint32_t bits) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const std::size_t known = count_.load(std::memory_order_relaxed);
-    for (std::size_t i = 0; i < known; ++i)
+  const PowerCoder8* Among(std::uint32_t bits, std::size_t from, std::size_t to) const {
+    for (std::size_t i = from; i < to; ++i)
       if (coders_[i]->gammaBits == bits)
         return coders_[i];
+    return nullptr;
+  }
+
+  // Other threads may have added coders since `seen` were counted: only those need a second look.
+  const PowerCoder8* Add(GammaValue gamma, std::uint32_t bits, std::size_t seen) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const std::size_t known = count_.load(std::memory_order_relaxed);
+    if (const PowerCoder8* coder = Among(bits, seen, known))
+      return coder;
     if (known == kMostPowerGammas)
       return nullptr;
     // Never freed: readers hold these pointers without a reference count.
