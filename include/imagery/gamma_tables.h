@@ -103,7 +103,11 @@ class IMAGERY_API GammaEncoder {
   Code operator()(float linear) const {
     switch (kind_) {
       case Kind::SRGB:
-        return EncodeSRGB(linear);
+        // Clamping, the curve and the rounding in one call into the library.
+        if constexpr (sizeof(Code) == 1)
+          return EncodeChannel8(linear, gamma::sRGB);
+        else
+          return EncodeChannel16(linear, gamma::sRGB);
       case Kind::Linear:
         return Quantize(ClampUnit(linear));
       case Kind::Table:
@@ -117,9 +121,6 @@ class IMAGERY_API GammaEncoder {
  private:
   enum class Kind : unsigned char { SRGB, Linear, Table, Direct };
   using Thresholds = detail::EncodeThresholds<Code>;
-
-  // Clamping, the curve and the rounding in one call into the library.
-  static Code EncodeSRGB(float linear);
 
   static Code Quantize(float encoded) {
     return static_cast<Code>(detail::RoundToCode<kMaxCode>(encoded * static_cast<float>(kMaxCode)));

@@ -181,11 +181,6 @@ void GammaEncoder<Code>::EncodeRow(const float* linear, Code* codes, std::size_t
 }
 
 template <class Code>
-Code GammaEncoder<Code>::EncodeSRGB(float linear) {
-  return Quantize(curves::EncodeSRGBClamped(ClampUnit(linear)));
-}
-
-template <class Code>
 GammaDecodeTable<Code>::GammaDecodeTable(GammaValue gamma)
     : gamma_(gamma), storage_(SharedDecodeTable<Code>(gamma)), values_(storage_->data()) {}
 

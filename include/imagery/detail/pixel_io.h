@@ -78,19 +78,9 @@ struct CurveEncoder {
     return gamma.IsSRGB() ? EncodeSRGBCode<CallerProducts, unsigned short>(c)
                           : EncodeChannel16(c, gamma, PowerPrecision::Single);
   }
-  void EncodeThree8(const float* c, unsigned char* codes) const {
-    EncodeThree(c, codes, EncodeThreeChannels8);
-  }
-  void EncodeThree16(const float* c, unsigned short* codes) const {
-    EncodeThree(c, codes, EncodeThreeChannels16);
-  }
+  void EncodeThree8(const float* c, unsigned char* codes) const { EncodeThreeChannels8(c, codes, gamma); }
+  void EncodeThree16(const float* c, unsigned short* codes) const { EncodeThreeChannels16(c, codes, gamma); }
   GammaValue gamma;
-
- private:
-  template <class Code, class Library>
-  void EncodeThree(const float* c, Code* codes, Library library) const {
-    library(c, codes, gamma);
-  }
 };
 struct ScaleDecoder {
   explicit ScaleDecoder(GammaValue) {}
