@@ -229,6 +229,12 @@ TEST_F(ImageListFiles, LoadFallsBackToAnotherFormatAndConvertsIt) {
   EXPECT_TRUE(!Load(grey, path, IT_Grayscale16) && Load(grey, path, IT_Grayscale8) &&
               grey.ImageType() == IT_Grayscale8);
   EXPECT_NEAR(Grey(grey), Grey(rgba), 1.0f / 255);
+
+  // With several stand-ins registered, the first of the preference list is the one converted.
+  const ZELPath tile = folder_.Write("tile.txt", "3 3 0.3 1");
+  Image shared = ReadPicture(tile, IT_RGBEA), eight = ReadPicture(tile, IT_RGBA8), converted;
+  EXPECT_TRUE(Load(converted, tile, IT_RGB8) && converted.ImageType() == IT_RGB8);
+  EXPECT_FLOAT_EQ(Grey(converted), Grey(eight));
 }
 
 TEST_F(ImageListFiles, ReplaceReachesEveryFormatOfTheFile) {

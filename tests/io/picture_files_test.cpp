@@ -524,6 +524,19 @@ TEST(BadFiles, FailWithTheFileAndTheCauseAndLeaveTheImageAlone) {
   const zel::ErrorCode missing = ReadPicture(PathOf(folder.path / "missing.png"), image);
   EXPECT_NE(missing.Message().find("missing.png: no such file"), std::string::npos) << missing.Message();
   EXPECT_EQ(image.GetImpl(), before);
+
+  // A pixel limit one below the sample's count refuses every format by its header; the count itself passes.
+  const PictureLimits saved = GetPictureLimits();
+  for (const std::int64_t maxPixels : {61 * 47 - 1, 61 * 47}) {
+    SetPictureLimits({saved.maxDimension, maxPixels});
+    for (const auto& [extension, bytes] : written) {
+      const zel::ErrorCode result = ReadPictureFromMemory(bytes.data(), bytes.size(), image);
+      EXPECT_TRUE(maxPixels == 61 * 47 ? result.IsOk()
+                                       : result.Message().find("image too large") != std::string::npos)
+          << extension << ": " << result.Message();
+    }
+  }
+  SetPictureLimits(saved);
 }
 
 TEST(AtomicWrite, NeverLeavesPartFilesNorDamagesTheExistingOne) {

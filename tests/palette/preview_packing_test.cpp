@@ -298,8 +298,8 @@ TEST(PreviewPacking, EveryTruncationOfEveryFormFailsWithItsTagAndLeavesTheBitmap
 
 TEST(PreviewPacking, APaletteFormPromisingMoreRowsThanItHoldsAllocatesNothing) {
   ZELMemoryStream stream;
-  stream.WriteTyped(30000);
-  stream.WriteTyped(30000);
+  stream.WriteTyped(20000);  // 400 million pixels: within the bitmap's limit, far beyond the data
+  stream.WriteTyped(20000);
   stream.Write(Bytes(1024 + 500).data(), 1024 + 500);
   stream.Rewind();
   KORDib24 read = Sentinel();

@@ -339,15 +339,18 @@ TEST(ImageStream, TruncatedOrLyingChunksFailCleanlyWithoutAllocatingWhatTheyProm
         << size;
   }
 
-  CountingImage huge;
-  const Bytes promise = BitsImageChunk([](OldChunkWriter& w) {
-    Header(w, IT_RGBA32f, 100000, 100000, 1600000, 128);
-    Rows(w, 64);
-  });
-  const int createdBefore = CountingImage::factory.created;
-  EXPECT_FALSE(ReadInto(huge, promise));
-  EXPECT_TRUE(CountingImage::factory.created == createdBefore + 1 && huge.Width() == 1)
-      << "only the 1 x 1 placeholder";
+  // Wide rows, and rows narrow enough that one of them is present but not all.
+  for (const auto& [width, height] : {std::pair{100000, 100000}, {1, 1 << 24}}) {
+    CountingImage huge;
+    const Bytes promise = BitsImageChunk([width = width, height = height](OldChunkWriter& w) {
+      Header(w, IT_RGBA32f, height, width, width * 16, 128);
+      Rows(w, 64);
+    });
+    const int createdBefore = CountingImage::factory.created;
+    EXPECT_FALSE(ReadInto(huge, promise));
+    EXPECT_TRUE(CountingImage::factory.created == createdBefore + 1 && huge.Width() == 1)
+        << "only the 1 x 1 placeholder for " << width << " x " << height;
+  }
 
   // A recorded down-sampled size may enlarge the 3 x 2 pixels read to four times as many at most, never
   // make the reader resample them to a size no data justifies.
