@@ -9,6 +9,7 @@
 #   ./run.sh asan     the test suites under AddressSanitizer and UndefinedBehaviorSanitizer
 #   ./run.sh tsan     the test suites under ThreadSanitizer
 #   ./run.sh fuzz [seconds]   every libFuzzer target from its checked-in corpus (clang; 60 s each)
+#   ./run.sh faults   plants each fault of tests/faults/faults.json in turn; every one must be caught
 # IMAGERY_PLAIN_RUN=0 skips the second run of the suites with the plain kernels.
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -123,8 +124,15 @@ case "${1:-}" in
       -DIMAGERY_BUILD_EXAMPLES=OFF -DIMAGERY_BUILD_TOOLS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo
     run_fuzzers "${2:-60}"
     ;;
+  faults)
+    # Edits the sources in place, one fault at a time, and puts every byte back; about ten minutes.
+    packages=(python3)
+    install_missing_packages
+    build build
+    python3 tests/faults/plant_faults.py "${@:2}"
+    ;;
   *)
-    echo "usage: $0 demo|example|test|bench|peers|asan|tsan|fuzz" >&2
+    echo "usage: $0 demo|example|test|bench|peers|asan|tsan|fuzz|faults" >&2
     exit 2
     ;;
 esac
