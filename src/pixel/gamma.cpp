@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <mutex>
 
 #include "cpu/cpu_level.h"
@@ -22,14 +21,8 @@ namespace {
 // bit for bit. Past kMostPowerGammas distinct gammas the curves are evaluated directly, which bounds the
 // memory kept (about 6 KB a gamma) whatever a program does.
 struct PowerCoder8 {
-  explicit PowerCoder8(GammaValue gamma) : gammaBits(BitsOf(gamma)), decode(gamma), encode(gamma) {}
-
-  static std::uint32_t BitsOf(GammaValue gamma) {
-    const float value = gamma.Value();
-    std::uint32_t bits;
-    std::memcpy(&bits, &value, sizeof bits);
-    return bits;
-  }
+  explicit PowerCoder8(GammaValue gamma)
+      : gammaBits(curves::GammaBits(gamma)), decode(gamma), encode(gamma) {}
 
   std::uint32_t gammaBits;
   GammaDecodeTable8 decode;
@@ -41,7 +34,7 @@ constexpr std::size_t kMostPowerGammas = 32;
 class PowerCoders8 {
  public:
   const PowerCoder8* Find(GammaValue gamma) {
-    const std::uint32_t bits = PowerCoder8::BitsOf(gamma);
+    const std::uint32_t bits = curves::GammaBits(gamma);
     const std::size_t known = count_.load(std::memory_order_acquire);
     if (const PowerCoder8* coder = Among(bits, 0, known))
       return coder;

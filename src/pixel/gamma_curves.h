@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 
 #include "imagery/detail/srgb_curve.h"
 #include "imagery/gamma.h"
@@ -27,6 +29,14 @@ inline float Decode(Code v, GammaValue gamma) {
   if (gamma.IsSRGB())
     return DecodeSRGB(fv, x, k8 ? kSRGBDecode8 : kSRGBDecode16);
   return std::pow(x, gamma.Value());
+}
+
+// The gamma's bits: what tells one kept table or coder from another (no two values share them).
+inline std::uint32_t GammaBits(GammaValue gamma) {
+  const float value = gamma.Value();
+  std::uint32_t bits;
+  std::memcpy(&bits, &value, sizeof bits);
+  return bits;
 }
 
 inline float EncodeSRGBClamped(float c) {

@@ -44,10 +44,7 @@ class RecentTables {
 };
 
 std::uint64_t CacheKey(GammaValue gamma, PowerPrecision precision) {
-  std::uint32_t bits;
-  const float value = gamma.Value();
-  std::memcpy(&bits, &value, sizeof bits);
-  return static_cast<std::uint64_t>(bits) << 8 | static_cast<std::uint64_t>(precision);
+  return static_cast<std::uint64_t>(curves::GammaBits(gamma)) << 8 | static_cast<std::uint64_t>(precision);
 }
 
 template <class Code>
