@@ -1,6 +1,6 @@
 // Picture files: lossless round trips of every layout, files written by the codec libraries themselves
 // (palettes, low bit depths, transparency chunks, tiles, big-endian TIFF, half-float EXR), gamma, bad and
-// hostile files, atomic writes, the installed source reader and the sibling channel files.
+// hostile files, atomic writes and the installed source reader.
 #include <gtest/gtest.h>
 
 #include <ImfChannelList.h>
@@ -24,7 +24,6 @@
 #include "imagery/gamma_settings.h"
 #include "imagery/image_factory.h"
 #include "imagery/io/picture_files.h"
-#include "imagery/picture_type.h"
 #include "imagery_host/logger.h"
 #include "support/image_support.h"
 #include "support/picture_bytes.h"
@@ -655,24 +654,6 @@ TEST(SourceReader, LoadsOnceRereadsOnReloadAndConcurrentReadsOfEveryFormatAgree)
     thread.join();
   ImageFactory::GetInstance().SetAdditionalFeaturesFunc(nullptr);
   EXPECT_EQ(mismatches, std::vector<int>(4, 0));
-}
-
-// The sibling channel files of a material are found in a real folder whatever their format.
-TEST(ChannelFiles, SiblingsAreFoundOnDiskForEveryExtension) {
-  TempFolder folder;
-  const Image colour = RandomImage(IT_RGB8, 8, 8, gamma::sRGB, 12);
-  for (const std::string extension : {"png", "jpg", "jpeg", "exr", "tiff"}) {
-    SCOPED_TRACE(extension);
-    const auto file = [&](const char* tag) {
-      return PathOf(folder.path / ("brick_" + extension + tag + "." + extension));
-    };
-    for (const char* tag : {"_Color", "_NRM", "_Roughness"})
-      ASSERT_TRUE(WritePicture(colour, file(tag)).IsOk());
-    EXPECT_EQ(FindChannelPath(file("_Color"), PT_NormalMap), file("_NRM"));
-    EXPECT_EQ(FindChannelPath(file("_Color"), PT_Roughness), file("_Roughness"));
-    EXPECT_TRUE(FindChannelPath(file("_Color"), PT_Metallic).empty());
-    MustRead(FindChannelPath(file("_Color"), PT_NormalMap).local_string());
-  }
 }
 
 }  // namespace
