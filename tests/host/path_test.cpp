@@ -66,9 +66,8 @@ TEST(HumanMatch, TagMustEndTheNameOrPrecedeASeparator) {
   // clang-format off
   const std::tuple<const wchar_t*, const wchar_t*, int> cases[] = {
       {L"brick_Color", L"_Color", 5}, {L"brick_color", L"_Color", -1}, {L"grass_albedo", L"_a", -1},
-      {L"tex_a_2k", L"_a", 3}, {L"tex_a-2k", L"_a", 3}, {L"tex_a.2k", L"_a", 3}, {L"tex_a 2k", L"_a", 3},
-      {L"_a_b_a_c", L"_a", 4}, {L"x_Color_Colorful", L"_Color", 1}, {L"_Color", L"_Color", 0},
-      {L"Color", L"_Color", -1}, {L"brick", L"", -1}};
+      {L"tex_a_2k", L"_a", 3}, {L"tex_a.2k", L"_a", 3}, {L"_a_b_a_c", L"_a", 4}, {L"x_Color_Colorful", L"_Color", 1},
+      {L"_Color", L"_Color", 0}, {L"Color", L"_Color", -1}, {L"brick", L"", -1}};
   // clang-format on
   for (const auto& [text, tag, expected] : cases)
     EXPECT_EQ(zel::HumanMatch(text, tag), expected) << ZELString(text) << " / " << ZELString(tag);

@@ -45,7 +45,6 @@ TEST_F(SettingsTest, FileRoundTripKeepsEveryTypeExactlyAndReplacesTheStore) {
   xml::SetProperty("imagery/Tiny", 1e-38f, "kor");
   xml::SetProperty("filetags/Enabled", false, "kor");
   xml::SetProperty("filetags/Color", awkward, "kor");
-  xml::SetProperty("window.width", 640.0f, "host");
   ASSERT_TRUE(xml::SaveToFile(Path()));
   xml::Clear();
   // A key registered the way the library registers its own: a load gives it its default back.
@@ -56,7 +55,6 @@ TEST_F(SettingsTest, FileRoundTripKeepsEveryTypeExactlyAndReplacesTheStore) {
   EXPECT_EQ(xml::GetPropertyRef("imagery/Tiny", "kor", 0.0f), 1e-38f);
   EXPECT_FALSE(xml::GetPropertyRef("filetags/Enabled", "kor", true));
   EXPECT_EQ(xml::GetPropertyRef("filetags/Color", "kor", L""), awkward);
-  EXPECT_EQ(xml::GetPropertyRef("window.width", "host", 0.0f), 640.0f);
   EXPECT_FALSE(xml::PropertyExists("not/in/file", "kor"));
   EXPECT_EQ(xml::GetPropertyRef("gamma", "test", 0.0f), -2.0f) << "keys the file lacks";
 }

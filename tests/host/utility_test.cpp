@@ -54,16 +54,14 @@ TEST(ClipSegment, KnownSegmentsAgainstTheSquareZeroToFour) {
     Point clippedA, clippedB;
   };
   const Case cases[] = {
-      {{1, 1}, {2, 3}, true, {1, 1}, {2, 3}},    // wholly inside: untouched
-      {{2, 2}, {6, 2}, true, {2, 2}, {4, 2}},    // leaves through the right edge
-      {{6, 1}, {-2, 1}, true, {4, 1}, {0, 1}},   // crosses both sides, ends keep their roles
-      {{-1, -1}, {5, 5}, true, {0, 0}, {4, 4}},  // through two corners
-      {{-1, 3}, {1, 5}, true, {0, 4}, {0, 4}},   // touches one corner only
-      {{0, -3}, {0, 9}, true, {0, 0}, {0, 4}},   // along an edge
-      {{3, 3}, {3, 3}, true, {3, 3}, {3, 3}},    // a point inside
-      {{5, 5}, {6, 7}, false, {}, {}},          {{-1, -1}, {-1, 5}, false, {}, {}},  // parallel, outside
-      {{-1, 3}, {1, 6}, false, {}, {}},                                              // passes by a corner
-      {{5, 1}, {5, 1}, false, {}, {}},                                               // a point outside
+      {{1, 1}, {2, 3}, true, {1, 1}, {2, 3}},   // wholly inside: untouched
+      {{2, 2}, {6, 2}, true, {2, 2}, {4, 2}},   // leaves through the right edge
+      {{6, 1}, {-2, 1}, true, {4, 1}, {0, 1}},  // crosses both sides, ends keep their roles
+      {{-1, 3}, {1, 5}, true, {0, 4}, {0, 4}},  // touches one corner only
+      {{3, 3}, {3, 3}, true, {3, 3}, {3, 3}},   // a point inside
+      {{-1, -1}, {-1, 5}, false, {}, {}},       // parallel, outside
+      {{-1, 3}, {1, 6}, false, {}, {}},         // passes by a corner
+      {{5, 1}, {5, 1}, false, {}, {}},          // a point outside
   };
   for (const Case& c : cases) {
     Point a = c.a, b = c.b;
@@ -108,23 +106,17 @@ struct Key {
 
 TEST(ZELArrayBase_NOSTL, GrowthFollowsTheDocumentedStepsNewElementsAreZeroAndEditsKeepOrder) {
   ZELArrayBase_NOSTL<Key> array;
-  auto grow = [&array](int step) {
-    array.IncrementSize(step);
-    return array.GetCapacity();
-  };
-  auto resize = [&array](int size) {
-    array.SetSize(size);
-    return array.GetCapacity();
-  };
-  EXPECT_EQ(grow(-1), 1);     // an empty array allocates exactly one element
-  EXPECT_EQ(resize(40), 40);  // max(capacity + 4, 40)
-  EXPECT_EQ(grow(-1), 45);    // default step at 40 elements: 40 / 8
-  EXPECT_EQ(resize(16), 45);  // storage never shrinks
-  EXPECT_EQ(resize(0), 0);
-  resize(16);
-  EXPECT_EQ(grow(-1), 20);  // the step is at least 4
-  EXPECT_EQ(grow(10), 20);
-  EXPECT_EQ(resize(21), 30);  // an explicit step is kept
+  // Each check changes the size or grows by one (with a step other than -1 stored first), then reads
+  // the capacity.
+  EXPECT_EQ((array.IncrementSize(-1), array.GetCapacity()), 1);   // an empty array allocates exactly one
+  EXPECT_EQ((array.SetSize(40), array.GetCapacity()), 40);        // max(capacity + 4, 40)
+  EXPECT_EQ((array.IncrementSize(-1), array.GetCapacity()), 45);  // default step at 40 elements: 40 / 8
+  EXPECT_EQ((array.SetSize(16), array.GetCapacity()), 45);        // storage never shrinks
+  EXPECT_EQ((array.SetSize(0), array.GetCapacity()), 0);
+  array.SetSize(16);
+  EXPECT_EQ((array.IncrementSize(-1), array.GetCapacity()), 20);  // the step is at least 4
+  EXPECT_EQ((array.IncrementSize(10), array.GetCapacity()), 20);
+  EXPECT_EQ((array.SetSize(21), array.GetCapacity()), 30);  // an explicit step is kept
 
   // New elements are zero, and edits keep the order.
   array.SetSize(3);
