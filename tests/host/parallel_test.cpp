@@ -1,5 +1,5 @@
 // Threads: the task scheduler (shutdown, the pool size and the job thread limit), parallel loops
-// (coverage, interruption, exceptions, nesting, thread indices) and the progress objects they report to.
+// (coverage, interruption, exceptions, nesting, priorities) and the progress objects they report to.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -154,26 +155,46 @@ TEST(ParallelizedFor,
   EXPECT_EQ(ran.load(), 100) << "the pool is still usable";
 }
 
-// The library keys per-thread buffers by the context's thread index.
-TEST(ParallelizedFor, HelpersTakePartEachUnderAThreadIndexOfItsOwn) {
+TEST(ParallelizedFor, HelpersTakePartUnderTheirOwnThreadIndexAtTheCallersPriority) {
+  // Workers inherit the priority of the thread that starts them, so start them here first.
+  tools::CScheduler& scheduler = tools::GetScheduler<tools::SchedulerType::Default>();
+  const int original = ZELGetCurrentThreadPriority(), lowered = std::min(original + 5, 19);
+  // Where the process may not change a thread's priority and restore it, only the indices are checked.
+  const bool lower =
+      lowered != original && tools::ThreadStateSetter::CanChangeAndRestore({original}, {lowered});
   const int threads = tools::multiproc::GetOptimizedMaxJobThreadAllowed(-2, 64);
   ASSERT_GE(threads, 2);
   std::mutex mutex;
   std::condition_variable joined;
+  std::set<int> priorities;
   std::map<int, std::thread::id> owners;
-  For(0, 64, [&](long long i, const ParallelContext* context) {
-    EXPECT_TRUE(context->threadIndex >= 0 && context->threadIndex < threads &&
-                context->threadCount == threads);
-    std::unique_lock<std::mutex> lock(mutex);
-    const auto [owner, fresh] = owners.emplace(context->threadIndex, std::this_thread::get_id());
-    EXPECT_TRUE(fresh || owner->second == std::this_thread::get_id()) << "two threads shared an index";
-    // Index 0 holds its thread until another has taken part, so that helpers are known to join in; it
-    // gives up after a generous delay so that a broken pool fails instead of hanging.
-    if (i == 0)
-      joined.wait_for(lock, std::chrono::seconds(30), [&owners] { return owners.size() >= 2; });
-    joined.notify_all();
-  });
-  EXPECT_GE(owners.size(), 2u);
+  // A thread of its own: once lowered it may not be allowed to come back.
+  std::thread([&] {
+    ASSERT_TRUE(!lower || ZELSetCurrentThreadPriority(lowered));
+    For(0, 64, [&](long long i, const ParallelContext* context) {
+      EXPECT_TRUE(context->threadIndex >= 0 && context->threadIndex < threads &&
+                  context->threadCount == threads);
+      std::unique_lock<std::mutex> lock(mutex);
+      priorities.insert(ZELGetCurrentThreadPriority());
+      const auto [owner, fresh] = owners.emplace(context->threadIndex, std::this_thread::get_id());
+      EXPECT_TRUE(fresh || owner->second == std::this_thread::get_id()) << "two threads shared an index";
+      // Index 0 holds its thread until another has taken part, so that helpers are known to join in; it
+      // gives up after a generous delay so that a broken pool fails instead of hanging.
+      if (i == 0)
+        joined.wait_for(lock, std::chrono::seconds(30), [&owners] { return owners.size() >= 2; });
+      joined.notify_all();
+    });
+  }).join();
+  ASSERT_GE(owners.size(), 2u);
+  EXPECT_EQ(priorities, std::set<int>{lower ? lowered : original});
+  // Afterwards the workers are back at their own priority.
+  std::atomic<int> workerPriority{-100};
+  auto probe = std::make_shared<tools::GenericFunctionTask<false>>(
+      [&workerPriority] { workerPriority = ZELGetCurrentThreadPriority(); });
+  scheduler.AddTask(probe);
+  while (!probe->IsFinished())
+    tools::ProcessOrSleep(nullptr, true);
+  EXPECT_EQ(workerPriority.load(), original);
 }
 
 TEST(KORProgress, StepsShareWhatRemainsAndSubStepsFillOneParentStep) {
