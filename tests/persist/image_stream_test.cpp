@@ -63,14 +63,20 @@ struct OldChunkWriter {
   void Double(double v) { stream.WriteSwap<unsigned short>(4), stream.WriteSwap(v); }
 };
 
-// A bits chunk of version 1 built from its parts, inside an image chunk without a path.
-Bytes BitsImageChunk(const std::function<void(OldChunkWriter&)>& insideBits) {
+// A bits chunk of version 1 built from its parts, inside an image chunk without a path, followed by
+// what `afterBits` writes.
+Bytes BitsImageChunk(const std::function<void(OldChunkWriter&)>& insideBits,
+                     const std::function<void(OldChunkWriter&)>& afterBits = nullptr) {
   OldChunkWriter w;
   {
     ZELWriteChunk image(&w.stream, kImageChunk);
     w.stream.WritePath(ZELPath());
-    ZELWriteChunk bits(&w.stream, kBitsChunk);
-    insideBits(w);
+    {
+      ZELWriteChunk bits(&w.stream, kBitsChunk);
+      insideBits(w);
+    }
+    if (afterBits)
+      afterBits(w);
   }
   return w.stream.Bytes();
 }
@@ -357,21 +363,15 @@ TEST(ImageStream, TruncatedOrLyingChunksFailCleanlyWithoutAllocatingWhatTheyProm
   // A recorded down-sampled size may enlarge the 3 x 2 pixels read to four times as many at most, never
   // make the reader resample them to a size no data justifies.
   for (const auto& [width, height] : {std::pair{6, 4}, {5, 5}, {2, 100000}, {0, 1}}) {
-    OldChunkWriter w;
-    {
-      ZELWriteChunk chunk(&w.stream, kImageChunk);
-      w.stream.WritePath(ZELPath());
-      {
-        ZELWriteChunk bits(&w.stream, kBitsChunk);
-        Header(w, IT_RGB8, 2, 3, 12, 24);
-        Rows(w, 24);
-      }
-      ZELWriteChunk size(&w.stream, kDownSampledSizeChunk);
-      w.Int(width), w.Int(height);
-    }
+    const Bytes bytes =
+        BitsImageChunk([](OldChunkWriter& b) { Header(b, IT_RGB8, 2, 3, 12, 24), Rows(b, 24); },
+                       [width = width, height = height](OldChunkWriter& b) {
+                         ZELWriteChunk size(&b.stream, kDownSampledSizeChunk);
+                         b.Int(width), b.Int(height);
+                       });
     std::string tag;
     Image enlarged;
-    const bool read = ReadInto(width == 6 ? enlarged : image, w.stream.Bytes(), &tag);
+    const bool read = ReadInto(width == 6 ? enlarged : image, bytes, &tag);
     EXPECT_TRUE(width == 6 ? read && enlarged.Width() == 6 && enlarged.Height() == 4
                            : !read && tag == "IMGRD1318" && image.GetImpl() == before)
         << width << " x " << height;
