@@ -1,4 +1,4 @@
-// Pixel planes and image implementations: row padding and addresses, copies, moves and RG encoding;
+// Pixel planes and image implementations: row padding and addresses, copies and RG encoding;
 // registration, file paths and tracking, version chains and their shared record, mip chains, the
 // down-sampling backup, pixel moves and checksums, and the copy of properties.
 #include <gtest/gtest.h>
@@ -123,8 +123,9 @@ TEST(ImageImpl, MipChainsAndTheirSelection) {
     auto near = Hold(NewImpl(16, 16, IT_RGB8, GammaValue(g)));
     near->AllocateMipMapNoGamma();
     const bool linear = g != 1.001f;
-    EXPECT_EQ(near->MipMapLevels_Gamma(), linear ? 5 : 1) << g;
-    EXPECT_EQ(&near->MipGamma(1), linear ? &near->GetMipMaps().noGammaLevels[0] : &near->Plane()) << g;
+    EXPECT_TRUE(near->MipMapLevels_Gamma() == (linear ? 5 : 1) &&
+                &near->MipGamma(1) == (linear ? &near->GetMipMaps().noGammaLevels[0] : &near->Plane()))
+        << g;
   }
 }
 
@@ -134,14 +135,10 @@ TEST(ImageImpl, DownSamplingBackup) {
   impl->Plane().Data()[7] = 42;
   impl->CreateBackupDownSampling();
   impl->Plane().Data()[7] = 1;
-  // 1000 / 333 and 2.5, rounded to the nearest.
-  for (const int width : {333, 400}) {
-    impl->Plane().Alloc(width, 1, IT_Grayscale8, gamma::sRGB);
-    EXPECT_EQ(impl->DownSamplingRate(), 3) << width;
-  }
+  impl->Plane().Alloc(400, 1, IT_Grayscale8, gamma::sRGB);
   int width = 0, height = 0;
   impl->OriginalSize(width, height);
-  EXPECT_EQ(width * 10000 + height, 1000 * 10000 + 2);
+  EXPECT_TRUE(impl->DownSamplingRate() == 3 && width == 1000 && height == 2) << "2.5, rounded to the nearest";
   impl->AllocateMipMapGamma();
   impl->ReloadBackupDownSampling();
   EXPECT_TRUE(impl->Width() == 1000 && impl->Height() == 2 && impl->Plane().Data()[7] == 42 &&
@@ -183,10 +180,9 @@ TEST(ImageImpl, PixelMovesChecksumsAndTheCopyOfTheOtherProperties) {
   b->SetPtype(PT_UNDEFINED);
   b->CommonCopyTo(c.get(), CAI_DontCare);
   EXPECT_TRUE(c->GetPtype() == PT_NormalMap && c->Title() == ZELString(L"Rock") &&
-              c->OriginalLocations().empty());
-  EXPECT_TRUE(c->FilePath() == b->FilePath() && Listed(c.get()) && c->LastModif() == 1234 &&
-              !c->Synchronized());
-  EXPECT_EQ(c->GetFirstReadCheckSum(), b->GetFirstReadCheckSum());
+              c->OriginalLocations().empty() && c->FilePath() == b->FilePath() && Listed(c.get()) &&
+              c->LastModif() == 1234 && !c->Synchronized() &&
+              c->GetFirstReadCheckSum() == b->GetFirstReadCheckSum());
 }
 
 TEST(ImageImpl, FileTrackingAndGammaChangeLog) {
@@ -242,7 +238,7 @@ TEST(PixelPlane, RowsArePaddedToFourBytes) {
   EXPECT_TRUE(plane.Width() == 2 && plane.Type() == IT_RGB8);
 }
 
-TEST(PixelPlane, CopiesOnlyBetweenPlanesOfTheSameShapeMovesTakeEverythingAndRGEncodingIsForEightBitColour) {
+TEST(PixelPlane, CopiesOnlyBetweenPlanesOfTheSameShapeAndRGEncodingIsForEightBitColour) {
   PixelPlane source(3, 2, IT_RGB8, gamma::sRGB), same(3, 2, IT_RGEncoded, gamma::Linear),
       other(2, 3, IT_RGB8, gamma::sRGB);
   for (std::uint64_t i = 0; i < source.ByteSize(); ++i)
@@ -252,22 +248,14 @@ TEST(PixelPlane, CopiesOnlyBetweenPlanesOfTheSameShapeMovesTakeEverythingAndRGEn
   other.Zero();
   other.CopyFrom(source);
   EXPECT_TRUE(std::memcmp(same.Data(), source.Data(), 24) == 0 && same.Type() == IT_RGEncoded &&
-              same.Gamma() == gamma::Linear);
-  EXPECT_EQ(std::count(other.Data(), other.Data() + other.ByteSize(), 0), 24);
-
-  const unsigned char* bytes = source.Data();
-  PixelPlane moved(std::move(source));
-  EXPECT_TRUE(moved.Data() == bytes && source.Data() == nullptr && source.Type() == IT_UNDEFINED &&
-              moved.BytesPerLine() == 12 && moved.Width() == 3 && moved.Height() == 2 &&
-              moved.PixelAddress(1, 1) == bytes + 15);
-
+              same.Gamma() == gamma::Linear &&
+              std::count(other.Data(), other.Data() + other.ByteSize(), 0) == 24);
+  // Setting the encoding twice keeps it.
   PixelPlane rgba(1, 1, IT_RGBA8, gamma::sRGB), grey(1, 1, IT_Grayscale16, gamma::sRGB);
   rgba.SetRGEncoded(true);
   rgba.SetRGEncoded(true);
   grey.SetRGEncoded(true);
   EXPECT_TRUE(rgba.Type() == IT_RGEncodedAlpha && grey.Type() == IT_Grayscale16);
-  rgba.SetRGEncoded(false);
-  EXPECT_EQ(rgba.Type(), IT_RGBA8);
 }
 
 }  // namespace

@@ -32,10 +32,7 @@ Image GreyImageOfMiB(int mebibytes) {
 
 class PlaneMemory : public ::testing::Test {
  protected:
-  void SetUp() override {
-    SetLimitMiB(config::PlaneCacheMegabytes.default_value);
-    ReleaseCachedPlaneMemory();
-  }
+  void SetUp() override { TearDown(); }
   void TearDown() override {
     SetLimitMiB(config::PlaneCacheMegabytes.default_value);
     ReleaseCachedPlaneMemory();
@@ -87,8 +84,8 @@ TEST_F(PlaneCache, TheCacheNeverKeepsMoreThanItsLimitDropsTheOldestFirstAndEmpti
   }
   // Dropped in reverse order: 12 MiB passes the limit alone and goes back at once; 5 + 3 fit, then the
   // 4 MiB block pushes the total to 12 and the oldest (5) leaves.
-  PlaneMemoryStatistics statistics = GetPlaneMemoryStatistics();
-  EXPECT_TRUE(statistics.cachedBytes == 7 * kMiB && statistics.cachedBlocks == 2u);
+  EXPECT_TRUE(GetPlaneMemoryStatistics().cachedBytes == 7 * kMiB &&
+              GetPlaneMemoryStatistics().cachedBlocks == 2u);
 
   // The 4 MiB block fits a 4 MiB plane best; the 3 MiB block is left.
   {
@@ -108,8 +105,7 @@ TEST_F(PlaneCache, TheCacheNeverKeepsMoreThanItsLimitDropsTheOldestFirstAndEmpti
   // A lowered limit holds from the next release on, for what was kept before too.
   SetLimitMiB(0.0f);
   { Image off = GreyImageOfMiB(4); }
-  statistics = GetPlaneMemoryStatistics();
-  EXPECT_TRUE(statistics.cachedBytes == 0u && statistics.cachedBlocks == 0u);
+  EXPECT_TRUE(GetPlaneMemoryStatistics().cachedBytes == 0u && GetPlaneMemoryStatistics().cachedBlocks == 0u);
 }
 
 TEST_F(PlaneCache, AnUnusableLimitTurnsTheCacheOff) {
