@@ -151,6 +151,21 @@ TEST(KORDib24, BevelShadesBySlopeFromTheLightAndKeepsAlphaOnlyWhereFlat) {
 
 // --- The preview chunk ----------------------------------------------------------------------------------
 
+// A preview chunk (or a chunk of another id) holding flags (when given), a size and `rest`.
+Bytes ChunkOf(int width, int height, int flags, const Bytes& rest = {},
+              unsigned short id = KORDib24::kChunkID) {
+  ZELMemoryStream stream;
+  {
+    ZELWriteChunk chunk(&stream, id);
+    if (flags >= 0)
+      stream.WriteTyped(static_cast<unsigned char>(flags));
+    stream.WriteTyped(width);
+    stream.WriteTyped(height);
+    stream.Write(rest.data(), rest.size());
+  }
+  return stream.Bytes();
+}
+
 // Copies never carry a kept chunk; assignment leaves the target's kept chunk alone.
 TEST(KORDib24Chunk, KeptChunksAreWrittenBackByteForByteAndOnlyPreviewChunksAreRead) {
   ZELMemoryStream original;
@@ -167,27 +182,8 @@ TEST(KORDib24Chunk, KeptChunksAreWrittenBackByteForByteAndOnlyPreviewChunksAreRe
   ASSERT_TRUE(keeper.Write(&out, false));
   EXPECT_EQ(out.Bytes(), original.Bytes());
 
-  ZELMemoryStream other;
-  {
-    ZELWriteChunk chunk(&other, KORDib24::kChunkID + 1);
-    other.WriteTyped<unsigned char>(0);
-  }
-  other.Rewind();
+  ZELMemoryStream other(ChunkOf(3, 2, 0x1, {}, KORDib24::kChunkID + 1));
   EXPECT_TRUE(!keeper.Read(&other, false) && PixelsOf(keeper) == PixelsOf(source));
-}
-
-// A preview chunk holding flags (when given), a size and `rest`.
-Bytes ChunkOf(int width, int height, int flags, const Bytes& rest = {}) {
-  ZELMemoryStream stream;
-  {
-    ZELWriteChunk chunk(&stream, KORDib24::kChunkID);
-    if (flags >= 0)
-      stream.WriteTyped(static_cast<unsigned char>(flags));
-    stream.WriteTyped(width);
-    stream.WriteTyped(height);
-    stream.Write(rest.data(), rest.size());
-  }
-  return stream.Bytes();
 }
 
 void PaintGreen(zel::ErrorCode& error, KORDib24& bitmap, ZELStream* stream) {
