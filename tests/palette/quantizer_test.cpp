@@ -51,8 +51,9 @@ Bytes CompressJpeg(const Bytes& rgb, int width, int height) {
   return jpeg;
 }
 
-// Decodes `jpeg` plainly (desired = 0) or through the library's two-pass quantiser.
-Quantised DecompressJpeg(const Bytes& jpeg, int desired, bool dither, Bytes* plainPixels) {
+// Decodes `jpeg` through the library's two-pass quantiser, or plainly (desired = 0: the pixels in place of
+// the indices).
+Quantised DecompressJpeg(const Bytes& jpeg, int desired, bool dither) {
   jpeg_decompress_struct cinfo;
   jpeg_error_mgr error;
   cinfo.err = jpeg_std_error(&error);
@@ -74,14 +75,10 @@ Quantised DecompressJpeg(const Bytes& jpeg, int desired, bool dither, Bytes* pla
     jpeg_read_scanlines(&cinfo, &row, 1);
   }
   Quantised result;
-  if (desired > 0) {
-    result.colours = cinfo.actual_number_of_colors;
-    for (int c = 0; c < 3; ++c)
-      result.palette[c].assign(cinfo.colormap[c], cinfo.colormap[c] + result.colours);
-    result.indices = rows;
-  } else {
-    *plainPixels = rows;
-  }
+  result.indices = rows;
+  result.colours = cinfo.actual_number_of_colors;
+  for (int c = 0; c < 3 && desired > 0; ++c)
+    result.palette[c].assign(cinfo.colormap[c], cinfo.colormap[c] + result.colours);
   jpeg_finish_decompress(&cinfo);
   jpeg_destroy_decompress(&cinfo);
   return result;
@@ -98,9 +95,8 @@ TEST_P(AgainstJpegLibrary, SamePaletteAndSameIndicesOnTheDecodedPixels) {
   const auto [desired, dither] = GetParam();
   const int width = 403, height = 301;
   const Bytes jpeg = CompressJpeg(TestPicture(width, height, 7), width, height);
-  Bytes decoded;
-  DecompressJpeg(jpeg, 0, false, &decoded);
-  const Quantised reference = DecompressJpeg(jpeg, desired, dither, nullptr);
+  const Bytes decoded = DecompressJpeg(jpeg, 0, false).indices;
+  const Quantised reference = DecompressJpeg(jpeg, desired, dither);
   const Quantised ours = QuantiseWithHelper(decoded, width, height, desired, dither);
 
   ASSERT_EQ(reference.colours, desired) << "the picture has more colours than any palette asked for";
