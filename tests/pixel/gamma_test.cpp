@@ -226,7 +226,7 @@ void ExpectTablesMatchTheReference(int ulps) {
       for (cpu::Level kernel : LevelsUpToDetected()) {
         for (std::size_t start : {std::size_t{0}, std::size_t{5}}) {
           if (!g.IsSRGB())
-            break;
+            continue;
           std::vector<Code> row(inputs.size() - start + 1, Code(0x5A));
           if constexpr (sizeof(Code) == 1)
             detail::SRGBRowEncoder8(kernel)(inputs.data() + start, row.data(), inputs.size() - start);
@@ -298,8 +298,9 @@ TEST(GammaTables, ByteTableKernelsMatchThePerValueForms) {
 // More gammas than the caches keep, asked for on several threads at once (pairs of threads in the same
 // order, so that two ask for a gamma nobody has built yet): the 16-bit table objects, and the per-pixel
 // colour forms (tables for the first gammas they meet, the curves for the rest), give what the per-value
-// forms give for every code and for the values around each 8-bit code's crossing point. Objects made
-// before stay valid after the cache has pushed their tables out, and so do their copies.
+// forms give for codes across the range and for the values around each 8-bit code's crossing point.
+// Objects made before stay valid, for every code, after the cache has pushed their tables out, and so do
+// their copies.
 TEST(GammaTables, PixelFormsMatchThePerValueFormsForAnyNumberOfGammas) {
   const GammaValue first(1.234f);
   const GammaEncoder16 kept(first, PowerPrecision::Double);
