@@ -65,20 +65,18 @@ inline Quantised QuantiseWithHelper(const Bytes& pixels, int width, int height, 
   QuantizationHelper quantiser;
   quantiser.SetDesiredNumberOfColors(static_cast<unsigned>(desired));
   quantiser.init(width, height, dither, static_cast<unsigned>(desired));
-  quantiser.start_pass_2_quant(true);
-  const std::size_t stride = static_cast<std::size_t>(width) * 3;
-  for (int y = 0; y < height; ++y)
-    quantiser.post_process_data(&pixels[y * stride], nullptr);
-  quantiser.finish_pass();
+  result.indices.resize(static_cast<std::size_t>(width) * height);
+  for (bool counting : {true, false}) {
+    quantiser.start_pass_2_quant(counting);
+    for (std::size_t y = 0; y < static_cast<std::size_t>(height); ++y)
+      quantiser.post_process_data(&pixels[y * width * 3], counting ? nullptr : &result.indices[y * width]);
+    quantiser.finish_pass();
+  }
+  // The palette stays until the next one is chosen.
   result.colours = quantiser.GetActualNumberOfColors();
   for (unsigned c = 0; c < 3; ++c)
     result.palette[c].assign(quantiser.GetColorMapChannel(c),
                              quantiser.GetColorMapChannel(c) + result.colours);
-  quantiser.start_pass_2_quant(false);
-  result.indices.resize(static_cast<std::size_t>(width) * height);
-  for (int y = 0; y < height; ++y)
-    quantiser.post_process_data(&pixels[y * stride], &result.indices[static_cast<std::size_t>(y) * width]);
-  quantiser.finish_pass();
   return result;
 }
 
