@@ -1,7 +1,6 @@
 // The palette quantiser: against the JPEG library's two-pass quantiser as a black box (which also checks
-// that plain mapping picks the nearest entry, ties to the lower index), its process-wide settings, and its
-// use from several threads. Pictures with fewer cells than colours are reproduced exactly by the quantised
-// preview tests.
+// that plain mapping picks the nearest entry, ties to the lower index), its process-wide settings,
+// its use from several threads, and pictures with fewer occupied cells than colours.
 #include <gtest/gtest.h>
 
 // jpeglib.h uses FILE without declaring it.
@@ -10,6 +9,7 @@
 #include <jpeglib.h>
 
 #include <algorithm>
+#include <set>
 #include <thread>
 #include <tuple>
 
@@ -111,6 +111,36 @@ INSTANTIATE_TEST_SUITE_P(ColoursAndDithering, AgainstJpegLibrary,
                          ::testing::Combine(::testing::Values(256, 64, 8), ::testing::Bool()));
 
 // --- Settings, buffers and threads ---------------------------------------------------------------------
+
+// With fewer occupied histogram cells than colours asked for, the palette is exactly the cells' centres,
+// one entry each, and every pixel maps to its own cell's entry, with or without dithering.
+TEST(Quantizer, FewerCellsThanColoursGiveOneEntryPerCellAtItsCentre) {
+  Bytes uniform, distinct;
+  for (int i = 0; i < 15; ++i)
+    uniform.insert(uniform.end(), {201, 33, 90});
+  for (int i = 0; i < 12; ++i)
+    distinct.insert(distinct.end(),
+                    {static_cast<unsigned char>(i * 20), static_cast<unsigned char>(255 - i * 21),
+                     static_cast<unsigned char>(i * 77 % 256)});
+  for (const auto& [pixels, dither] : {std::pair{&uniform, false}, {&uniform, true}, {&distinct, false}}) {
+    const int count = static_cast<int>(pixels->size() / 3);
+    const Quantised q = QuantiseWithHelper(*pixels, count, 1, 256, dither);
+    std::set<std::tuple<int, int, int>> centres, palette;
+    for (int k = 0; k < q.colours; ++k)
+      palette.insert({q.palette[0][k], q.palette[1][k], q.palette[2][k]});
+    for (int i = 0; i < count; ++i) {
+      const unsigned char* p = &(*pixels)[static_cast<std::size_t>(i) * 3];
+      centres.insert({CellCentre(0, p[0]), CellCentre(1, p[1]), CellCentre(2, p[2])});
+      const int k = q.indices[static_cast<std::size_t>(i)];
+      ASSERT_LT(k, q.colours);
+      EXPECT_EQ(std::make_tuple(int{q.palette[0][k]}, int{q.palette[1][k]}, int{q.palette[2][k]}),
+                std::make_tuple(CellCentre(0, p[0]), CellCentre(1, p[1]), CellCentre(2, p[2])))
+          << i;
+    }
+    EXPECT_TRUE(q.colours == static_cast<int>(centres.size()) && palette == centres)
+        << count << " " << dither;
+  }
+}
 
 TEST(Quantizer, AHelperPutsBackTheSettingsItFoundAndClampsSizesBelowOne) {
   const auto settings = [](const QuantizationHelper& q) {
