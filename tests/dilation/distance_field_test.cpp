@@ -1,6 +1,5 @@
-// The chamfer distance field: distances against a pixel-by-pixel two-pass transform and against the
-// closed form of the 3-4 chamfer metric, the predicate's calls, the neighbour order of the descent, and
-// colour picking against a descent without memory.
+// The chamfer distance field: distances against a pixel-by-pixel two-pass transform, the predicate's
+// calls, the neighbour order of the descent, and colour picking against a descent without memory.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -77,8 +76,7 @@ std::vector<std::uint32_t> PlainTwoPass(const Mask& mask) {
 // Small odd sizes, single rows and columns, and fields large enough for a worker to build the forward
 // pass behind the predicate and share the backward one; masks with no, every, one and some pixels
 // defined. Whatever the worker does, or if none comes (a limit of one thread, or every worker busy), the
-// distances are those of the plain transform; on the small sizes also those of the closed form of the 3-4
-// chamfer metric, the shortest path 4 min(dx, dy) + 3 |dx - dy|, and their picked colours.
+// distances are those of the plain transform; on the small sizes every pixel's picked colour is checked.
 TEST(DistanceField, MatchesPlainTransformOnAnyThreads) {
   const std::pair<int, int> sizes[] = {{1, 1},    {1, 9},    {13, 1},   {7, 5},   {31, 17},
                                        {1, 5000}, {5000, 1}, {2, 2500}, {67, 71}, {129, 64}};
@@ -91,20 +89,9 @@ TEST(DistanceField, MatchesPlainTransformOnAnyThreads) {
       any |= std::find(row.begin(), row.end(), true) != row.end();
     EXPECT_EQ(field.HasDefinedPixels(), any);
     for (int y = 0; y < height; ++y)
-      for (int x = 0; x < width; ++x) {
+      for (int x = 0; x < width; ++x)
         ASSERT_EQ(field.GetDistance(x, y), plain[static_cast<std::size_t>(y * width + x)])
             << how << ", " << width << "x" << height << " at " << x << "," << y;
-        if (width * height > 600)
-          continue;
-        std::uint32_t metric = kUnreachedDistance;
-        for (int v = 0; v < height; ++v)
-          for (int u = 0; u < width; ++u)
-            if (mask[v][u]) {
-              const int dx = std::abs(u - x), dy = std::abs(v - y);
-              metric = std::min<std::uint32_t>(metric, 4 * std::min(dx, dy) + 3 * std::abs(dx - dy));
-            }
-        ASSERT_EQ(field.GetDistance(x, y), metric) << width << "x" << height << " at " << x << "," << y;
-      }
     // Picking remembers its answers: asked in any order, every pixel must get the end of its own descent.
     std::vector<std::pair<int, int>> pixels;
     for (int i = 0; any && width * height <= 600 && i < 2 * width * height; ++i)

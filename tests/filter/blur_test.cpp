@@ -17,12 +17,9 @@ namespace {
 
 using namespace testing_support;
 
-// p modulo n, non-negative, spelled as the documented rule for negative positions.
+// p modulo n, non-negative: positions outside the line wrap around it.
 int WrapReference(long long p, int n) {
-  if (p >= 0)
-    return static_cast<int>(p % n);
-  const int r = static_cast<int>((-p) % n);
-  return r == 0 ? 0 : n - r;
+  return static_cast<int>((p % n + n) % n);
 }
 
 // One pass, pixel by pixel through the runtime cursors.

@@ -158,8 +158,6 @@ TEST(Resample, WhereTheNewPixelsGo) {
   image.SetTitle(ZELString::FromUTF8("title"));
   const Image other = image;
   const Bytes before = PlaneBytes(image);
-  const std::unique_ptr<Image> expected(image.DeepCopy());
-  Resample(*expected, 4, 3, ResampleOpts());
   Resample(image, 4, 3, ResampleOpts());
   EXPECT_TRUE(image.GetImpl() != other.GetImpl() && PlaneBytes(other) == before &&
               image.Title() == ZELString::FromUTF8("title") && !image.GetImplRef().HasDownSamplingBackup());
@@ -168,7 +166,7 @@ TEST(Resample, WhereTheNewPixelsGo) {
   Image shared = other;
   shared.GetImplRef().AllocateMipMapGamma();
   Resample(shared, 4, 3, inPlace);
-  EXPECT_TRUE(shared.GetImpl() == other.GetImpl() && PlaneBytes(other) == PlaneBytes(*expected) &&
+  EXPECT_TRUE(shared.GetImpl() == other.GetImpl() && PlaneBytes(other) == PlaneBytes(image) &&
               !shared.ValidMipMapsGamma());
   const PixelPlane* backup = shared.GetImplRef().DownSamplingBackup();
   ASSERT_NE(backup, nullptr);
@@ -233,12 +231,9 @@ TEST(Resample, RowKernelsOfEveryLevelGiveThePlainBytes) {
         return PlaneBytes(work);
       };
       const Bytes plain = resampled(cpu::Level::Scalar);
-      for (cpu::Level level : {cpu::Level::SSE2, cpu::Level::AVX2, cpu::Level::AVX512}) {
-        if (level > cpu::Detected())
-          continue;
+      for (cpu::Level level : LevelsUpToDetected())
         EXPECT_EQ(resampled(level), plain)
             << "format " << type << " to " << size[2] << " x " << size[3] << ", " << cpu::Name(level);
-      }
     }
   }
 }
