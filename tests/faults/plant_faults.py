@@ -274,6 +274,10 @@ def print_table(report):
     print(f"\n{caught} of {len(rows)} caught")
 
 
+def test_names(tests):
+    return ", ".join(t.split(": ", 1)[1] for t in tests[:6]) + (" ..." if len(tests) > 6 else "")
+
+
 def compare(report, old):
     """What the suite of this run lost against an earlier run: faults no longer caught, and tests that
     caught a fault before and do not now (gone, renamed or weakened)."""
@@ -289,9 +293,12 @@ def compare(report, old):
             changes += 1
             print(f"  LOST  {r['id']}: was caught by {len(o['failing'])}, now by none")
         elif lost:
+            # A test that was renamed or merged shows up as one lost and one gained.
             changes += 1
-            print(f"  fewer {r['id']}: {len(o['failing'])} -> {len(r['failing'])} catching; no longer: "
-                  + ", ".join(f.split(': ', 1)[1] for f in lost[:6]) + (" ..." if len(lost) > 6 else ""))
+            gained = sorted(set(r["failing"]) - set(o["failing"]))
+            label = "fewer" if len(r["failing"]) < len(o["failing"]) else "moved"
+            print(f"  {label} {r['id']}: {len(o['failing'])} -> {len(r['failing'])} catching; no longer: "
+                  + test_names(lost) + ("; now also: " + test_names(gained) if gained else ""))
         elif r.get("caught") and not o.get("caught"):
             changes += 1
             print(f"  NEW   {r['id']}: now caught")
