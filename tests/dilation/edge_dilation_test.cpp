@@ -243,7 +243,8 @@ TEST(EdgeDilation, LeavesImageAloneWhenNothingToDo) {
                             int fieldWidth = 0) {
     Image image = Copy(source);
     const Bytes before = PlaneBytes(image);
-    DistanceRunningColor(image, DistanceField(fieldWidth ? Image(fieldWidth, 4, IT_RGB8) : image, isDefined));
+    DistanceRunningColor(
+        image, DistanceField(fieldWidth ? Image(fieldWidth, source.Height(), IT_RGB8) : image, isDefined));
     return PlaneBytes(image) == before;
   };
   const auto half = [](int x, int) { return x < 3; };

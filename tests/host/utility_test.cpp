@@ -106,17 +106,24 @@ struct Key {
 
 TEST(ZELArrayBase_NOSTL, GrowthFollowsTheDocumentedStepsNewElementsAreZeroAndEditsKeepOrder) {
   ZELArrayBase_NOSTL<Key> array;
-  // Each check changes the size or grows by one (with a step other than -1 stored first), then reads
-  // the capacity.
-  EXPECT_EQ((array.IncrementSize(-1), array.GetCapacity()), 1);   // an empty array allocates exactly one
-  EXPECT_EQ((array.SetSize(40), array.GetCapacity()), 40);        // max(capacity + 4, 40)
-  EXPECT_EQ((array.IncrementSize(-1), array.GetCapacity()), 45);  // default step at 40 elements: 40 / 8
-  EXPECT_EQ((array.SetSize(16), array.GetCapacity()), 45);        // storage never shrinks
-  EXPECT_EQ((array.SetSize(0), array.GetCapacity()), 0);
+  // The capacity after growing (by the stored step, or with a new one) or after resizing.
+  const auto grow = [&array](int step) {
+    array.IncrementSize(step);
+    return array.GetCapacity();
+  };
+  const auto resize = [&array](int size) {
+    array.SetSize(size);
+    return array.GetCapacity();
+  };
+  EXPECT_EQ(grow(-1), 1);     // an empty array allocates exactly one
+  EXPECT_EQ(resize(40), 40);  // max(capacity + 4, 40)
+  EXPECT_EQ(grow(-1), 45);    // default step at 40 elements: 40 / 8
+  EXPECT_EQ(resize(16), 45);  // storage never shrinks
+  EXPECT_EQ(resize(0), 0);
   array.SetSize(16);
-  EXPECT_EQ((array.IncrementSize(-1), array.GetCapacity()), 20);  // the step is at least 4
-  EXPECT_EQ((array.IncrementSize(10), array.GetCapacity()), 20);
-  EXPECT_EQ((array.SetSize(21), array.GetCapacity()), 30);  // an explicit step is kept
+  EXPECT_EQ(grow(-1), 20);  // the step is at least 4
+  EXPECT_EQ(grow(10), 20);
+  EXPECT_EQ(resize(21), 30);  // an explicit step is kept
 
   // New elements are zero, and edits keep the order.
   array.SetSize(3);

@@ -32,8 +32,10 @@ Image GreyImageOfMiB(int mebibytes) {
 
 class PlaneMemory : public ::testing::Test {
  protected:
-  void SetUp() override { TearDown(); }
-  void TearDown() override {
+  // Every test starts and ends with the default limit and an empty cache.
+  void SetUp() override { Reset(); }
+  void TearDown() override { Reset(); }
+  static void Reset() {
     SetLimitMiB(config::PlaneCacheMegabytes.default_value);
     ReleaseCachedPlaneMemory();
   }
@@ -84,8 +86,8 @@ TEST_F(PlaneCache, TheCacheNeverKeepsMoreThanItsLimitDropsTheOldestFirstAndEmpti
   }
   // Dropped in reverse order: 12 MiB passes the limit alone and goes back at once; 5 + 3 fit, then the
   // 4 MiB block pushes the total to 12 and the oldest (5) leaves.
-  EXPECT_TRUE(GetPlaneMemoryStatistics().cachedBytes == 7 * kMiB &&
-              GetPlaneMemoryStatistics().cachedBlocks == 2u);
+  PlaneMemoryStatistics statistics = GetPlaneMemoryStatistics();
+  EXPECT_TRUE(statistics.cachedBytes == 7 * kMiB && statistics.cachedBlocks == 2u);
 
   // The 4 MiB block fits a 4 MiB plane best; the 3 MiB block is left.
   {
@@ -105,7 +107,8 @@ TEST_F(PlaneCache, TheCacheNeverKeepsMoreThanItsLimitDropsTheOldestFirstAndEmpti
   // A lowered limit holds from the next release on, for what was kept before too.
   SetLimitMiB(0.0f);
   { Image off = GreyImageOfMiB(4); }
-  EXPECT_TRUE(GetPlaneMemoryStatistics().cachedBytes == 0u && GetPlaneMemoryStatistics().cachedBlocks == 0u);
+  statistics = GetPlaneMemoryStatistics();
+  EXPECT_TRUE(statistics.cachedBytes == 0u && statistics.cachedBlocks == 0u);
 }
 
 TEST_F(PlaneCache, AnUnusableLimitTurnsTheCacheOff) {

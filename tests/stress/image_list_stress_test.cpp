@@ -13,7 +13,6 @@
 #include <iostream>
 #include <memory>
 #include <random>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -61,23 +60,23 @@ zel::ErrorCode ReadVersionFile(Image* image, const ZELPath& path, EImageType req
   return zel::ErrorCode();
 }
 
-// Empty when every pixel has the grey of one whole version; otherwise what is wrong.
+// Empty when every pixel has the colour of one whole version; otherwise what is wrong.
 std::string WholeVersionProblem(const Image& image) {
   if (image.IsEmpty())
     return "";
-  std::set<float> values;
+  LinearRGBA_T<float> first;
+  image.GetPixelRGBA(0, 0, first, ATO_None);
   for (int y = 0; y < image.Height(); ++y)
     for (int x = 0; x < image.Width(); ++x) {
       LinearRGBA_T<float> c;
       image.GetPixelRGBA(x, y, c, ATO_None);
-      values.insert({c.r, c.g, c.b});
+      if (c.r != first.r || c.g != first.g || c.b != first.b)
+        return "two colours in one image, at " + std::to_string(x) + "," + std::to_string(y);
     }
-  if (values.size() > 1)
-    return "more than one grey in one image";
   for (int version = 0; version < 7; ++version)
-    if (std::fabs(*values.begin() - VersionGrey(version)) < 0.01f)
+    if (std::fabs(first.r - VersionGrey(version)) < 0.01f)
       return "";
-  return "a grey of no version: " + std::to_string(*values.begin());
+  return "a colour of no version: " + std::to_string(first.r);
 }
 
 class VersionFiles {
