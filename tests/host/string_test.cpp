@@ -1,11 +1,9 @@
-// Wide strings (UTF-8 in both directions, formatting, splitting, clamped editing and trimming) and
-// the texts of numeric resource ids.
+// Wide strings (UTF-8 in both directions, splitting, editing and trimming) and the lookup of texts by
+// resource id.
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <initializer_list>
 #include <string>
-#include <tuple>
 #include <utility>
 
 #include "imagery_host/resources.h"
@@ -48,68 +46,31 @@ TEST(ZELStringUtf8, EachMaximalInvalidSequenceBecomesOneReplacement) {
     EXPECT_EQ(ZELString::FromUTF8(utf8).wstr(), wide) << testing::PrintToString(utf8);
 }
 
-TEST(ZELStringFormat, ArgumentsBufferGrowthAndBadInput) {
-  EXPECT_EQ(ZELString::Format(L"%d-%ls-%s-%.2f", 42, L"wide", "caf\xC3\xA9", 1.5).wstr(),
-            L"42-wide-caf\u00E9-1.50");
-  const std::wstring longText(5000, L'x');
-  EXPECT_EQ(ZELString::Format(L"[%ls]", longText.c_str()).wstr(), L"[" + longText + L"]");
-  EXPECT_TRUE(ZELString::Format(L"%s", "\xFF").IsEmpty() && ZELString::Format(nullptr).IsEmpty());
-}
-
-TEST(ZELStringEdit, SplittingAndOutOfRangePositionsAndCountsAreClamped) {
-  auto pieces = [](const wchar_t* text, wchar_t separator, int start, bool keepEmpty) {
-    std::wstring joined;
-    for (const ZELString& piece : ZELString(text).TokenizeMe(separator, start, keepEmpty))
-      joined += L"[" + piece.wstr() + L"]";
-    return joined;
-  };
-  EXPECT_EQ(pieces(L" _Color  _Albedo ", L' ', 0, false), L"[_Color][_Albedo]");
-  EXPECT_EQ(pieces(L"a,,b,", L',', 0, true), L"[a][][b][]");
-  EXPECT_EQ(pieces(L"x:a:b", L':', 2, false), L"[a][b]");
-  EXPECT_TRUE(pieces(L"   ", L' ', 0, false).empty() && pieces(L"a b", L' ', 99, false).empty());
-  // clang-format off
-  const std::tuple<int, int, const wchar_t*> deletions[] = {
-      {5, 6, L"brick"}, {-2, 4, L"ick_Color"}, {11, 3, L"brick_Color"}, {3, -4, L"brick_Color"}, {1, INT_MAX, L"b"}};
-  // clang-format on
-  for (const auto& [position, count, expected] : deletions)
-    EXPECT_EQ(ZELString(L"brick_Color").Delete(position, count).wstr(), expected)
-        << position << ", " << count;
+TEST(ZELStringEdit, SplittingOnBlanksEditingAndTrimming) {
+  std::wstring joined;
+  for (const ZELString& piece : ZELString(L" _Color  _Albedo ").TokenizeMe(L' ', 0, false))
+    joined += L"[" + piece.wstr() + L"]";
+  EXPECT_EQ(joined, L"[_Color][_Albedo]");
+  EXPECT_TRUE(ZELString(L"   ").TokenizeMe(L' ', 0, false).empty());
+  EXPECT_EQ(ZELString(L"brick_Color_2k").Delete(5, 6).wstr(), L"brick_2k");
+  // A negative position appends.
   EXPECT_TRUE(ZELString(L"brick").Insert(2, L"--").wstr() == L"br--ick" &&
-              ZELString(L"brick").Insert(-1, L"_N").wstr() == L"brick_N" &&
-              ZELString(L"brick").Insert(99, L"_N").wstr() == L"brick_N");
-  const ZELString text(L"rock_VAR2_Color");
-  EXPECT_TRUE(text.Find(L"_", 5) == 9 && text.Find(L"_", -3) == 4 && text.Find(L"?") == -1);
-  EXPECT_TRUE(text.Left(-1).IsEmpty() && text.Right(99) == text && text.Mid(-5, 4).wstr() == L"rock");
-  EXPECT_FALSE(text.StartsWith(L"rock_VAR2_Color_"));
+              ZELString(L"brick").Insert(-1, L"_N").wstr() == L"brick_N");
+  const ZELString text(L"//server/maps");
+  EXPECT_TRUE(text.StartsWith(L"//") && !text.StartsWith(L"//server/maps/") &&
+              text.Mid(2).wstr() == L"server/maps");
   EXPECT_TRUE(ZELString(L"....").TrimLeft(L'.').IsEmpty() &&
               ZELString(L" \t a b \n").Trim().wstr() == L"a b");
 }
 
-// The texts of numeric resource ids: the id's own text forms, the built-in table and the host's edits.
-using zel::ResourceNumericId;
-
-std::wstring Lookup(const ResourceNumericId& id) {
-  ZELString text(L"<unchanged>");
-  zel::ResourceStringHolder::Instance().GetStringInto(id, text);
-  return text.wstr();
-}
-
 // The CRC text forms and missing texts in library messages are checked with the pixel formats.
-TEST(Resources, IntegerTextsMissingTextsAndTheHostsEditsOfTheBuiltInTable) {
-  EXPECT_EQ(ResourceNumericId::FromInteger(-7).ToText().wstr(), L"-7");
+TEST(Resources, AMissingTextIsReportedByItsTagAndLeavesTheTextAlone) {
   zel::ResourceStringHolder& holder = zel::ResourceStringHolder::Instance();
   ZELString text(L"kept");
   const zel::ErrorCode code = holder.GetStringInto(Tools::CRC(0x1234), text);
   EXPECT_TRUE(code.IsBad() && code.Tag() == "ZELRES001" && text.wstr() == L"kept");
-  EXPECT_TRUE(holder.GetStringInto(ResourceNumericId(), text).IsBad());
-  const Tools::CRC grey(0xf99d3c809ffb3c38);
-  EXPECT_EQ(Lookup(Tools::CRC(0x56bc72a4fbc28918)), L"32-bit float");
-  holder.SetString(grey, L"Niveaux de gris");
-  holder.SetString(ResourceNumericId::FromInteger(7), L"seven");
-  EXPECT_TRUE(Lookup(grey) == L"Niveaux de gris" && Lookup(ResourceNumericId::FromInteger(7)) == L"seven");
-  EXPECT_EQ(Lookup(Tools::CRC(7)), L"<unchanged>") << "a CRC and an integer of one value are distinct";
-  holder.ResetToDefaults();
-  EXPECT_TRUE(Lookup(grey) == L"Grayscale" && Lookup(ResourceNumericId::FromInteger(7)) == L"<unchanged>");
+  EXPECT_TRUE(holder.GetStringInto(Tools::CRC(0x56bc72a4fbc28918), text).IsOk() &&
+              text.wstr() == L"32-bit float");
 }
 
 }  // namespace
