@@ -73,15 +73,12 @@ TEST(HumanMatch, TagMustEndTheNameOrPrecedeASeparator) {
     EXPECT_EQ(zel::HumanMatch(text, tag), expected) << ZELString(text) << " / " << ZELString(tag);
 }
 
-TEST(RegexReplace, ReplacesAllOrFirstAndReportsChange) {
-  ZELString text(L"rock_VAR2_Normal");
-  EXPECT_TRUE(zel::RegexReplace(text, L"_VAR\\d+_", L"_", false) && text.wstr() == L"rock_Normal");
+// The one pattern the library uses: variant markers in file names.
+TEST(RegexReplace, ReplacesEveryMatchAndReportsWhetherAnythingChanged) {
+  ZELString text(L"rock_VAR2_Normal_VAR10_");
+  EXPECT_TRUE(zel::RegexReplace(text, L"_VAR\\d+_", L"_", false) && text.wstr() == L"rock_Normal_");
   EXPECT_FALSE(zel::RegexReplace(text, L"_VAR\\d+_", L"_", false));
-  text = L"a1b22c3";
-  EXPECT_TRUE(zel::RegexReplace(text, L"\\d+", L"#", true) && text.wstr() == L"a#b22c3");
-  EXPECT_TRUE(zel::RegexReplace(text, L"(\\d+)", L"<$1>", false) && text.wstr() == L"a#b<22>c<3>");
-  EXPECT_FALSE(zel::RegexReplace(text, L"_VAR(\\d+_", L"_", false)) << "a malformed pattern";
-  EXPECT_EQ(text.wstr(), L"a#b<22>c<3>");
+  EXPECT_EQ(text.wstr(), L"rock_Normal_");
 }
 
 TEST(PathFiles, ExistenceModificationTimeAndMakingAbsolute) {
@@ -92,26 +89,21 @@ TEST(PathFiles, ExistenceModificationTimeAndMakingAbsolute) {
   fs::last_write_time(file.local_string(), 1500000000);
   std::error_code error;
   EXPECT_TRUE(file.exists(error) && base.exists(error));
-  EXPECT_FALSE((base / ZELPath(L"brick_NRM.png")).exists(error) || ZELPath().exists(error) ||
-               (file / ZELPath(L"child.png")).exists(error));
+  EXPECT_FALSE((base / ZELPath(L"brick_NRM.png")).exists(error) || ZELPath().exists(error));
   // Quotes and white space around a path are stripped.
-  const std::wstring text = file.GetString().wstr();
-  EXPECT_TRUE(TestStrippedFileExists(ZELPath(L"  \"" + text + L"\"\t"), error));
-  EXPECT_TRUE(TestStrippedFileExists(ZELPath(L"'" + text + L"'"), error));
+  EXPECT_TRUE(TestStrippedFileExists(ZELPath(L"  \"" + file.GetString().wstr() + L"\"\t"), error));
   EXPECT_FALSE(TestStrippedFileExists(ZELPath(L" \"\" "), error) || error);
   EXPECT_EQ(ZELFileLastModif(file), 1500000000);
   EXPECT_TRUE(ZELFileLastModif(base / ZELPath(L"missing.png")) == 0 && ZELFileLastModif(ZELPath()) == 0);
 
   const ZELPath current = ZELGetCurrentDirectory();
   EXPECT_EQ(ZELString::FromUTF8(fs::current_path().string()), current.GetString());
-  const std::tuple<const wchar_t*, const ZELPath*, ZELPath> cases[] = {
-      {L"brick.png", nullptr, current / ZELPath(L"brick.png")},
-      {L"sub/brick.png", &base, base / ZELPath(L"sub/brick.png")},
-      {L"/maps/brick.png", &base, ZELPath(L"/maps/brick.png")},
-      {L"", nullptr, ZELPath()}};
-  for (const auto& [path, against, expected] : cases) {
+  const std::pair<const wchar_t*, ZELPath> cases[] = {{L"brick.png", current / ZELPath(L"brick.png")},
+                                                      {L"/maps/brick.png", ZELPath(L"/maps/brick.png")},
+                                                      {L"", ZELPath()}};
+  for (const auto& [path, expected] : cases) {
     ZELPath made(path);
-    MakeAbsolutePath(made, against);
+    MakeAbsolutePath(made, nullptr);
     EXPECT_EQ(made, expected) << ZELString(path);
   }
   fs::remove_all(folder);
