@@ -1,5 +1,5 @@
-// Paths: splitting on either separator, joining, sanitising, tag matching, pattern replacement, and the
-// files behind paths.
+// Paths: splitting on either separator, joining, sanitising, tag matching, and the files behind paths.
+// The replacement of variant markers in file names is checked with the file tags.
 #include <gtest/gtest.h>
 
 #include <boost/filesystem.hpp>
@@ -39,7 +39,6 @@ TEST(ZELPath, SplitsOnEitherSeparatorAndJoinsWithASingleOne) {
     EXPECT_FALSE(ZELPath(relative).is_absolute()) << ZELString(relative);
   EXPECT_EQ(ZELPath(L"maps//") / ZELPath(L"/brick.png"), ZELPath(L"maps/brick.png"));
   EXPECT_EQ(ZELPath(L"/") / ZELPath(L"brick.png"), ZELPath(L"/brick.png"));
-  EXPECT_TRUE(ZELPath() / ZELPath(L"a") == ZELPath(L"a") && ZELPath(L"a") / ZELPath() == ZELPath(L"a"));
 }
 
 TEST(PathSanitising, NormaliseAndAssetPathSanity) {
@@ -73,14 +72,6 @@ TEST(HumanMatch, TagMustEndTheNameOrPrecedeASeparator) {
     EXPECT_EQ(zel::HumanMatch(text, tag), expected) << ZELString(text) << " / " << ZELString(tag);
 }
 
-// The one pattern the library uses: variant markers in file names.
-TEST(RegexReplace, ReplacesEveryMatchAndReportsWhetherAnythingChanged) {
-  ZELString text(L"rock_VAR2_Normal_VAR10_");
-  EXPECT_TRUE(zel::RegexReplace(text, L"_VAR\\d+_", L"_", false) && text.wstr() == L"rock_Normal_");
-  EXPECT_FALSE(zel::RegexReplace(text, L"_VAR\\d+_", L"_", false));
-  EXPECT_EQ(text.wstr(), L"rock_Normal_");
-}
-
 TEST(PathFiles, ExistenceModificationTimeAndMakingAbsolute) {
   const fs::path folder = fs::temp_directory_path() / fs::unique_path("imagery-path-%%%%-%%%%");
   fs::create_directories(folder);
@@ -94,7 +85,6 @@ TEST(PathFiles, ExistenceModificationTimeAndMakingAbsolute) {
   EXPECT_TRUE(TestStrippedFileExists(ZELPath(L"  \"" + file.GetString().wstr() + L"\"\t"), error));
   EXPECT_FALSE(TestStrippedFileExists(ZELPath(L" \"\" "), error) || error);
   EXPECT_EQ(ZELFileLastModif(file), 1500000000);
-  EXPECT_TRUE(ZELFileLastModif(base / ZELPath(L"missing.png")) == 0 && ZELFileLastModif(ZELPath()) == 0);
 
   const ZELPath current = ZELGetCurrentDirectory();
   EXPECT_EQ(ZELString::FromUTF8(fs::current_path().string()), current.GetString());

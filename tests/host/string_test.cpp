@@ -1,5 +1,6 @@
-// Wide strings (UTF-8 in both directions, splitting, editing and trimming) and the lookup of texts by
-// resource id.
+// Wide strings (UTF-8 in both directions) and the lookup of texts by resource id. Splitting tag lists
+// and the edits that make channel file names are checked with the file tags, the prefix tests and cuts
+// of exported paths with the scene stream.
 #include <gtest/gtest.h>
 
 #include <initializer_list>
@@ -44,23 +45,6 @@ TEST(ZELStringUtf8, EachMaximalInvalidSequenceBecomesOneReplacement) {
   // clang-format on
   for (const auto& [utf8, wide] : cases)
     EXPECT_EQ(ZELString::FromUTF8(utf8).wstr(), wide) << testing::PrintToString(utf8);
-}
-
-TEST(ZELStringEdit, SplittingOnBlanksEditingAndTrimming) {
-  std::wstring joined;
-  for (const ZELString& piece : ZELString(L" _Color  _Albedo ").TokenizeMe(L' ', 0, false))
-    joined += L"[" + piece.wstr() + L"]";
-  EXPECT_EQ(joined, L"[_Color][_Albedo]");
-  EXPECT_TRUE(ZELString(L"   ").TokenizeMe(L' ', 0, false).empty());
-  EXPECT_EQ(ZELString(L"brick_Color_2k").Delete(5, 6).wstr(), L"brick_2k");
-  // A negative position appends.
-  EXPECT_TRUE(ZELString(L"brick").Insert(2, L"--").wstr() == L"br--ick" &&
-              ZELString(L"brick").Insert(-1, L"_N").wstr() == L"brick_N");
-  const ZELString text(L"//server/maps");
-  EXPECT_TRUE(text.StartsWith(L"//") && !text.StartsWith(L"//server/maps/") &&
-              text.Mid(2).wstr() == L"server/maps");
-  EXPECT_TRUE(ZELString(L"....").TrimLeft(L'.').IsEmpty() &&
-              ZELString(L" \t a b \n").Trim().wstr() == L"a b");
 }
 
 // The CRC text forms and missing texts in library messages are checked with the pixel formats.
