@@ -1,6 +1,6 @@
 // The transformation record (angles, coordinate mapping in both frames, flag rules, value mappings) and
-// the per-pixel handle operations that go through it: reads and writes, averages, constant checks and
-// baking the transformations into new pixels.
+// the per-pixel handle operations that go through it: reads and writes, averages and baking the
+// transformations into new pixels.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -72,35 +72,8 @@ TEST(ImagePixels, AverageColorSamplesAGridThroughEveryTransformation) {
   EXPECT_EQ(image.GetAverageColor(2), sum * 0.25f);
 }
 
-TEST(ImagePixels, ConstantImagesAreExact) {
-  RGB colour, first;
-  float grey = 0, alpha = 0;
-  for (const EImageType type : {IT_RGB8, IT_Grayscale16, IT_RGBA16, IT_RGBEA}) {
-    Image image(5, 3, type, gamma::sRGB);
-    for (int i = 0; i < 15; ++i)
-      image.SetPixelRGBA(i % 5, i / 5, RGBA(0.5f, 0.5f, 0.5f, 0.5f), ATO_None);
-    image.GetPixelRGB(0, 0, first, ATO_None);
-    EXPECT_TRUE(image.IsConstantColor(colour) && image.IsConstantGrayscale(grey) &&
-                image.IsConstantAlpha(alpha) && colour == first)
-        << int(type);
-    // One code more in the last pixel.
-    const std::unique_ptr<Image> changed(image.DeepCopy());
-    changed->GetImplRef().Plane().PixelAddress(4, 2)[type != IT_RGBEA && Is16Bit(type) ? 1 : 0] += 1;
-    EXPECT_FALSE(changed->IsConstantColor(colour)) << int(type);
-  }
-  // Alpha alone differing leaves the colour constant.
-  Image translucent(3, 3, IT_RGBA8, gamma::sRGB);
-  translucent.SetPixelAlpha(2, 2, 1.0f, ATO_None);
-  EXPECT_TRUE(!translucent.IsConstantAlpha(alpha) && translucent.IsConstantColor(colour));
-}
-
 TEST(ImagePixels, BakingTransformations) {
   ImageFactory& factory = ImageFactory::GetInstance();
-  Image plain = CodedImage(3, 5, IT_RGBA8);
-  const std::unique_ptr<Image> same(factory.BuildAndBakeTransformations(plain, false)),
-      copied(factory.BuildAndBakeTransformations(plain, true));
-  EXPECT_TRUE(same->GetImpl() == plain.GetImpl() && copied->GetImpl() != plain.GetImpl());
-
   // A grey and an alpha format: the baked pixels are those the source shows in its transformed frame with
   // every value transformation, stored without any transformation of their own (mirrors and half turns
   // show in the tool's pictures).

@@ -39,16 +39,13 @@ TEST(Image, HandlesShareTheImplementationAndCompareByTransformationsAndAttribute
   Image original(4, 4, IT_RGB8, GammaValue(2.2f)), copy(original);
   EXPECT_TRUE(copy.GetImpl() == original.GetImpl() && copy == original && copy.GetImpl()->References() == 2);
   copy.MirrorX();
-  copy.ExtraAttributes().put("Source", "scan");
   EXPECT_FALSE(copy == original);
-  copy.Swap(original);
-  EXPECT_TRUE(original.GetMirrorX() && !copy.GetMirrorX() && copy.ExtraAttributes().empty() &&
-              original.ExtraAttributes().get<std::string>("Source") == "scan");
-  Image other(copy);
+  Image other(original);
   other.ExtraAttributes().put("Source", "scan");
   Image& alias = other;
   other = alias;  // self-assignment keeps everything
-  EXPECT_TRUE(other != copy && other.GetImpl()->References() == 3 && other.ExtraAttributes().size() == 1);
+  EXPECT_TRUE(other != original && other.GetImpl()->References() == 3 &&
+              other.ExtraAttributes().get<std::string>("Source") == "scan");
   other.Reset();
   EXPECT_TRUE(other.IsEmpty() && other.ExtraAttributes().empty());
   // Identical pixels in another implementation are not equal.
@@ -92,16 +89,11 @@ TEST(Image, CopyOnWriteKeepsOtherHandlesOnTheOldPixels) {
 
 TEST(Image, DeepCopiesHaveTheirOwnPixelsAndAreWorkCopies) {
   Image source = Named();
-  source.SetRotationAngle(90);
-  source.ExtraAttributes().put("Layer", 2);
   source.GetImplRef().AllocateMipMapGamma();
   std::unique_ptr<Image> copy(source.DeepCopy());
   EXPECT_TRUE(copy->GetImpl() != source.GetImpl() &&
               std::memcmp(copy->GetImplRef().Plane().Data(), source.GetImplRef().Plane().Data(), 160) == 0 &&
               !copy->ValidMipMapsGamma() && copy->GetImplRef().IsWorkCopy() && source.Synchronized());
-  EXPECT_TRUE(copy->GetTransformations() == source.GetTransformations() &&
-              copy->ExtraAttributes() == source.ExtraAttributes() && copy->FilePath() == source.FilePath() &&
-              copy->GetPtype() == PT_Color && copy->Title().IsEmpty());
 }
 
 TEST(Image, NewImagesTakeTheCurrentGammasAndDummiesAreMarkedInTheAttributesAndLogged) {

@@ -107,13 +107,11 @@ TEST(ImageListStress, ConcurrentLoadsConversionsReloadsAndRewritesOnlyEverShowWh
   ImageFactory::GetInstance().SetAdditionalFeaturesFunc(&ReadVersionFile);
   std::atomic<bool> stop{false};
   std::atomic<long> operations{0};
-  std::atomic<int> problems{0};
   {
     VersionFiles files;
-    const auto report = [&](const Image& image, const char* after) {
+    const auto report = [](const Image& image, const char* after) {
       const std::string problem = WholeVersionProblem(image);
-      if (!problem.empty() && problems.fetch_add(1) < 5)
-        ADD_FAILURE() << "after " << after << ": " << problem;
+      EXPECT_TRUE(problem.empty()) << "after " << after << ": " << problem;
     };
     const auto work = [&](unsigned draw) {
       std::mt19937 random(draw);
@@ -182,7 +180,6 @@ TEST(ImageListStress, ConcurrentLoadsConversionsReloadsAndRewritesOnlyEverShowWh
   }
   ImageFactory::GetInstance().SetAdditionalFeaturesFunc(nullptr);
   EXPECT_GT(operations.load(), 100);
-  EXPECT_EQ(problems.load(), 0);
   // With every handle gone, every implementation died and left the list.
   EXPECT_EQ(list.CountImages(), 0);
 }
