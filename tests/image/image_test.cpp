@@ -1,9 +1,8 @@
 // Image handles: the shared default implementation, sharing and comparing, copy-on-write and deep
-// copies, dummies, printing and the host's picture reader.
+// copies, dummies and the host's picture reader.
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <sstream>
 
 #include "imagery/gamma_settings.h"
 #include "imagery/image.h"
@@ -40,16 +39,13 @@ TEST(Image, HandlesShareTheImplementationAndCompareByTransformationsAndAttribute
   Image original(4, 4, IT_RGB8, GammaValue(2.2f)), copy(original);
   EXPECT_TRUE(copy.GetImpl() == original.GetImpl() && copy == original && copy.GetImpl()->References() == 2);
   copy.MirrorX();
-  copy.ExtraAttributes().put("Source", "scan");
   EXPECT_FALSE(copy == original);
-  copy.Swap(original);
-  EXPECT_TRUE(original.GetMirrorX() && !copy.GetMirrorX() && copy.ExtraAttributes().empty() &&
-              original.ExtraAttributes().get<std::string>("Source") == "scan");
-  Image other(copy);
+  Image other(original);
   other.ExtraAttributes().put("Source", "scan");
   Image& alias = other;
   other = alias;  // self-assignment keeps everything
-  EXPECT_TRUE(other != copy && other.GetImpl()->References() == 3 && other.ExtraAttributes().size() == 1);
+  EXPECT_TRUE(other != original && other.GetImpl()->References() == 3 &&
+              other.ExtraAttributes().get<std::string>("Source") == "scan");
   other.Reset();
   EXPECT_TRUE(other.IsEmpty() && other.ExtraAttributes().empty());
   // Identical pixels in another implementation are not equal.
@@ -85,30 +81,19 @@ TEST(Image, CopyOnWriteKeepsOtherHandlesOnTheOldPixels) {
   single.NewImplFromExisting(2, 2, CAI_Care, &keeper);
   EXPECT_TRUE(destroyed == 2 && single.Title() == title);
 
-  // An empty implementation still gives a 1 x 1 new one; an unchanged format keeps everything.
+  // An empty implementation still gives a 1 x 1 new one.
   image.NewImplFromExisting(0, 0, CAI_Care, nullptr);
   image.NewImplFromExisting(nullptr);
   EXPECT_EQ(image.GetImplRef().Width(), 1);
-  Image typed(4, 4, IT_RGB16, gamma::sRGB);
-  ImageImpl* before = typed.GetImpl();
-  typed.SetImageType(IT_RGB16, gamma::Linear);
-  EXPECT_TRUE(typed.GetImpl() == before && typed.GetGamma() == gamma::sRGB);
-  typed.SetImageType(IT_Grayscale16, gamma::Linear);
-  EXPECT_TRUE(typed.GetImpl() != before && typed.GetGamma() == gamma::Linear);
 }
 
 TEST(Image, DeepCopiesHaveTheirOwnPixelsAndAreWorkCopies) {
   Image source = Named();
-  source.SetRotationAngle(90);
-  source.ExtraAttributes().put("Layer", 2);
   source.GetImplRef().AllocateMipMapGamma();
   std::unique_ptr<Image> copy(source.DeepCopy());
   EXPECT_TRUE(copy->GetImpl() != source.GetImpl() &&
               std::memcmp(copy->GetImplRef().Plane().Data(), source.GetImplRef().Plane().Data(), 160) == 0 &&
               !copy->ValidMipMapsGamma() && copy->GetImplRef().IsWorkCopy() && source.Synchronized());
-  EXPECT_TRUE(copy->GetTransformations() == source.GetTransformations() &&
-              copy->ExtraAttributes() == source.ExtraAttributes() && copy->FilePath() == source.FilePath() &&
-              copy->GetPtype() == PT_Color && copy->Title().IsEmpty());
 }
 
 TEST(Image, NewImagesTakeTheCurrentGammasAndDummiesAreMarkedInTheAttributesAndLogged) {
@@ -137,7 +122,7 @@ TEST(Image, NewImagesTakeTheCurrentGammasAndDummiesAreMarkedInTheAttributesAndLo
   EXPECT_TRUE(!dummy->IsDummy() && dummy->ExtraAttributes().get<std::string>("IsDummy") == "false");
 }
 
-TEST(Image, TheSourceReaderHookAndPrinting) {
+TEST(Image, TheSourceReaderHook) {
   ImageFactory& factory = ImageFactory::GetInstance();
   Image image(2, 2, IT_RGB8, gamma::sRGB);
   int extra = 0;
@@ -159,13 +144,8 @@ TEST(Image, TheSourceReaderHookAndPrinting) {
   LinearRGB_T<float> red;
   image.GetPixelRGB(0, 0, red, ATO_None);
   factory.SetAdditionalFeaturesFunc(nullptr);
-  std::ostringstream narrow;
-  std::wostringstream wide;
-  narrow << image;
-  wide << image;
   EXPECT_TRUE(image.Width() == 3 && image.GetAngle() == 0.0 && image.GetMirrorX() &&
-              red == LinearRGB_T<float>(1, 0, 0) && narrow.str() == "imagery::Image(3x3,0@/maps/a.png)" &&
-              wide.str() == L"imagery::Image(3x3,0@/maps/a.png)");
+              red == LinearRGB_T<float>(1, 0, 0));
 }
 
 }  // namespace

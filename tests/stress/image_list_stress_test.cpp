@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <memory>
 #include <random>
 #include <string>
@@ -79,28 +78,25 @@ std::string WholeVersionProblem(const Image& image) {
   return "a colour of no version: " + std::to_string(first.r);
 }
 
-class VersionFiles {
- public:
+// Files written beside and renamed over, so that a reader sees one whole version; each rewrite moves the
+// modification time a second further, which the list's check by seconds always notices.
+struct VersionFiles {
+  testing_support::TempFolder folder;
+  std::vector<ZELPath> paths;
+  std::filesystem::file_time_type start = std::filesystem::file_time_type::clock::now();
+  int stamp = 0;
+
   VersionFiles() {
     for (int i = 0; i < kFiles; ++i)
-      paths_.push_back(folder_.Write("v" + std::to_string(i) + ".txt", Contents(0)));
+      paths.push_back(folder.Write("v" + std::to_string(i) + ".txt", Contents(0)));
   }
-  const ZELPath& Path(int i) const { return paths_[static_cast<std::size_t>(i)]; }
-  // Written beside and renamed over, so that a reader sees one whole version; each rewrite moves the
-  // modification time a second further, which the list's check by seconds always notices.
   void Rewrite(int i, int version) {
-    const std::filesystem::path target(Path(i).local_string());
+    const std::filesystem::path target(paths[static_cast<std::size_t>(i)].local_string());
     const std::filesystem::path temporary = target.string() + ".new";
     std::ofstream(temporary) << Contents(version);
-    std::filesystem::last_write_time(temporary, start_ + std::chrono::seconds(++stamp_));
+    std::filesystem::last_write_time(temporary, start + std::chrono::seconds(++stamp));
     std::filesystem::rename(temporary, target);
   }
-
- private:
-  testing_support::TempFolder folder_;
-  std::vector<ZELPath> paths_;
-  std::filesystem::file_time_type start_ = std::filesystem::file_time_type::clock::now();
-  int stamp_ = 0;
 };
 
 TEST(ImageListStress, ConcurrentLoadsConversionsReloadsAndRewritesOnlyEverShowWholeVersions) {
@@ -111,13 +107,11 @@ TEST(ImageListStress, ConcurrentLoadsConversionsReloadsAndRewritesOnlyEverShowWh
   ImageFactory::GetInstance().SetAdditionalFeaturesFunc(&ReadVersionFile);
   std::atomic<bool> stop{false};
   std::atomic<long> operations{0};
-  std::atomic<int> problems{0};
   {
     VersionFiles files;
-    const auto report = [&](const Image& image, const char* after) {
+    const auto report = [](const Image& image, const char* after) {
       const std::string problem = WholeVersionProblem(image);
-      if (!problem.empty() && problems.fetch_add(1) < 5)
-        ADD_FAILURE() << "after " << after << ": " << problem;
+      EXPECT_TRUE(problem.empty()) << "after " << after << ": " << problem;
     };
     const auto work = [&](unsigned draw) {
       std::mt19937 random(draw);
@@ -125,7 +119,7 @@ TEST(ImageListStress, ConcurrentLoadsConversionsReloadsAndRewritesOnlyEverShowWh
       const EImageType types[] = {IT_RGB8, IT_RGBA8, IT_Grayscale8, IT_RGB16, IT_RGBA32f};
       while (!stop.load()) {
         Image& slot = held[random() % held.size()];
-        const int file = static_cast<int>(random() % kFiles);
+        const ZELPath& file = files.paths[random() % kFiles];
         const unsigned operation = random() % 7;
         if (slot.IsEmpty() && (operation == 2 || operation == 3))
           continue;
@@ -134,7 +128,7 @@ TEST(ImageListStress, ConcurrentLoadsConversionsReloadsAndRewritesOnlyEverShowWh
           case 1: {
             int extra = 0;
             Image loaded;
-            if (loaded.ReadFromSource(files.Path(file), types[random() % 5], extra, ReadOptions()).IsOk()) {
+            if (loaded.ReadFromSource(file, types[random() % 5], extra, ReadOptions()).IsOk()) {
               report(loaded, "a load");
               slot = loaded;
             }
@@ -161,7 +155,7 @@ TEST(ImageListStress, ConcurrentLoadsConversionsReloadsAndRewritesOnlyEverShowWh
                 ImageFactory::GetInstance().Build(kSize, kSize, IT_RGBA8, gamma::Linear));
             const float grey = VersionGrey(static_cast<int>(random() % 7));
             ClearImage(replacement->GetImplRef(), LinearRGBA_T<float>(grey, grey, grey, 1.0f));
-            list.Replace(files.Path(file), *replacement);
+            list.Replace(file, *replacement);
             break;
           }
           default:
@@ -185,12 +179,8 @@ TEST(ImageListStress, ConcurrentLoadsConversionsReloadsAndRewritesOnlyEverShowWh
       worker.join();
   }
   ImageFactory::GetInstance().SetAdditionalFeaturesFunc(nullptr);
-  std::cout << operations.load() << " operations in " << seconds << " s\n";
   EXPECT_GT(operations.load(), 100);
-  EXPECT_EQ(problems.load(), 0);
   // With every handle gone, every implementation died and left the list.
-  EXPECT_EQ(list.CountImages(), 0);
-  list.OnSceneClosed();
   EXPECT_EQ(list.CountImages(), 0);
 }
 
