@@ -182,7 +182,7 @@ TEST(KORDib24Chunk, EmptySizesOldVersionsAndTheHostHook) {
   ASSERT_TRUE(bitmap.Read(&old, false));
   EXPECT_TRUE(PixelsOf(bitmap) == Bytes(24, 255) && bitmap.GetFlags() == 0x4);
 
-  // With the hook, the hook decides the pixels (its resize clears the flags) and the stored flags win.
+  // With the hook, the hook decides the size and pixels; the stored flags are kept.
   ZELMemoryStream encoded;
   encoded.WriteTyped(42);
   fptrReadGifHeaderPreview = PaintGreen;
