@@ -99,13 +99,6 @@ TEST(PreviewPacking, EveryFormReadsBackInBothByteOrders) {
           EXPECT_TRUE(PixelsOf(read) == PixelsOf(expected) &&
                       read.GetFlags() == (form == kPalette ? 0 : flags));
         }
-  // A palette form of no width reads as one black pixel.
-  ZELMemoryStream empty;
-  empty.WriteTyped(0);
-  empty.WriteTyped(4);
-  empty.Rewind();
-  KORDib24 read = Sentinel();
-  EXPECT_TRUE(read.QuantizedRead(&empty) && PixelsOf(read) == Bytes(4, 0));
 }
 
 // --- Damaged payloads ------------------------------------------------------------------------------------
