@@ -99,27 +99,6 @@ TEST(PreviewPacking, EveryFormReadsBackInBothByteOrders) {
           EXPECT_TRUE(PixelsOf(read) == PixelsOf(expected) &&
                       read.GetFlags() == (form == kPalette ? 0 : flags));
         }
-  // A palette form of no width reads as one black pixel.
-  ZELMemoryStream empty;
-  empty.WriteTyped(0);
-  empty.WriteTyped(4);
-  empty.Rewind();
-  KORDib24 read = Sentinel();
-  EXPECT_TRUE(read.QuantizedRead(&empty) && PixelsOf(read) == Bytes(4, 0));
-}
-
-// A single pixel: a palette of one colour, the centre of the pixel's cell.
-TEST(PreviewPacking, QuantisedFormOfOnePixelIsTheCentreOfItsCell) {
-  KORDib24 one(1, 1);
-  one.SetPixel(0, 0, CLRA(201, 33, 90, 17));
-  ZELMemoryStream stream;
-  ASSERT_TRUE(PackAndWritePreview(1, 1, &one, &stream, true));
-  stream.Rewind();
-  KORDib24 read;
-  ASSERT_TRUE(ReadAndUnpackPreview(1, 1, &read, &stream));
-  EXPECT_EQ(read.GetPixel(0, 0), CLRA(static_cast<unsigned char>(CellCentre(2, 201)),
-                                      static_cast<unsigned char>(CellCentre(1, 33)),
-                                      static_cast<unsigned char>(CellCentre(0, 90)), 0));
 }
 
 // --- Damaged payloads ------------------------------------------------------------------------------------
@@ -159,16 +138,12 @@ struct Damage {
 TEST(PreviewPacking, LyingLengthsCorruptDataOversizedHeadersAndZipBombsFailWithTheirTagWithoutAllocating) {
   const Bytes rawPixels(8 * 8 * 4, 0x5A);
   const Bytes rawZlib = Deflate(rawPixels);
-  Bytes corrupt = rawZlib;
-  corrupt[5] ^= 0xFF;
-  corrupt[6] ^= 0x55;
   const Damage cases[] = {
       {"block longer than 4096", true, 8, 8, Payload(true, false, rawZlib, 64, {4097}), kPreviewBadBlock},
       {"negative block", true, 8, 8, Payload(true, false, rawZlib, 64, {-1}), kPreviewBadBlock},
       {"block longer than what follows", true, 8, 8, Payload(true, false, rawZlib, 64, {4000}),
        kPreviewTruncated},
       {"not a zlib stream", true, 8, 8, Payload(true, false, Bytes(40, 0x33), 64), kPreviewCorrupt},
-      {"damaged deflate data", true, 8, 8, Payload(true, false, corrupt, 4096), kPreviewCorrupt},
       {"raw pixels short of the size", true, 8, 9, Payload(true, false, rawZlib, 4096), kPreviewTruncated},
       {"raw pixels beyond the size", true, 8, 7, Payload(true, false, rawZlib, 4096), kPreviewOverflow},
       {"index plane short of the size", false, 8, 8, Payload(false, false, Deflate(Bytes(1024 + 63)), 4096),
@@ -176,17 +151,12 @@ TEST(PreviewPacking, LyingLengthsCorruptDataOversizedHeadersAndZipBombsFailWithT
       {"quantised data beyond both planes", false, 8, 8,
        Payload(false, false, Deflate(Bytes(1024 + 129)), 4096), kPreviewOverflow},
       // 64 MiB of zeros promised to fill a 16 x 16 preview.
-      {"zip bomb, quantised", false, 16, 16, Payload(false, false, Deflate(Bytes(64 << 20), 9), 4096),
-       kPreviewOverflow},
-      {"zip bomb, raw", true, 16, 16, Payload(true, true, Deflate(Bytes(64 << 20), 9), 4096),
-       kPreviewOverflow},
+      {"zip bomb", false, 16, 16, Payload(false, false, Deflate(Bytes(64 << 20), 9), 4096), kPreviewOverflow},
       // A valid 8 x 8 payload under a size of 20000 x 20000 (1.6 GB, within the pixel limit) and of
       // 40000 x 40000 (6.4 GB, beyond it).
       {"size beyond the payload", true, 20000, 20000, Payload(true, false, rawZlib, 4096), kPreviewTooLarge},
-      {"size beyond the payload, raw", true, 40000, 40000, Payload(true, false, rawZlib, 4096),
+      {"size beyond the pixel limit", true, 40000, 40000, Payload(true, false, rawZlib, 4096),
        kPreviewTooLarge},
-      {"size beyond the payload, quantised", false, 40000, 40000,
-       Payload(false, false, Deflate(Bytes(1024 + 64)), 4096), kPreviewTooLarge},
   };
   for (const Damage& damage : cases) {
     ZELMemoryStream stream(damage.payload);
@@ -202,32 +172,19 @@ TEST(PreviewPacking, LyingLengthsCorruptDataOversizedHeadersAndZipBombsFailWithT
   }
 }
 
-TEST(PreviewPacking, EmptyBlocksAnywhereAndAPartialAlphaPlaneAreAccepted) {
-  const KORDib24 bitmap = RandomBitmap(6, 5, 3, 0x1);
-  const Bytes zlib = Deflate(Bytes(bitmap.GetBits(), bitmap.GetBits() + bitmap.GetImageSize()));
-  ZELMemoryStream stream;
-  stream.WriteTyped<unsigned char>(0);
-  stream.WriteTyped<unsigned char>(1);
-  const std::size_t end = zlib.size();
-  const std::pair<std::size_t, std::size_t> blocks[] = {
-      {end, end}, {0, end - 3}, {end, end}, {end - 3, end}, {end, end}};
-  for (const auto& [from, to] : blocks) {
-    stream.WriteTyped(static_cast<int>(to - from));
-    stream.Write(zlib.data() + from, to - from);
-  }
-  stream.Rewind();
-  KORDib24 read;
-  ASSERT_TRUE(ReadAndUnpackPreview(6, 5, &read, &stream));
-  EXPECT_TRUE(PixelsOf(read) == PixelsOf(bitmap) && read.HasMeaningfulAlpha());
-
-  // Colour map and complete index plane, then half an alpha plane (read, without meaningful alpha) or a
-  // whole one.
+// Colour map and complete index plane in blocks of 8 bytes, one of them empty, then half an alpha plane
+// (read, without meaningful alpha) or a whole one.
+TEST(PreviewPacking, AnEmptyBlockAndAPartialAlphaPlaneAreAccepted) {
   for (const std::size_t alphaBytes : {std::size_t{15}, std::size_t{30}}) {
     Bytes data(1024 + 30 + alphaBytes, 0);
     data[2] = 0x11, data[256 + 2] = 0x22, data[512 + 2] = 0x33;  // entry 2
     std::fill(data.begin() + 1024, data.begin() + 1054, 2);
     std::fill(data.begin() + 1054, data.end(), 0x99);
-    ZELMemoryStream partial(Payload(false, false, Deflate(data), 4096));
+    Bytes payload = Payload(false, false, Deflate(data), 8);
+    ZELMemoryStream empty;  // a block of length 0 after the first
+    empty.WriteTyped(0);
+    payload.insert(payload.begin() + 6 + 8, empty.Bytes().begin(), empty.Bytes().end());
+    ZELMemoryStream partial(payload);
     KORDib24 target = Sentinel();
     ASSERT_TRUE(ReadAndUnpackPreview(6, 5, &target, &partial));
     EXPECT_EQ(target.GetFlags(), alphaBytes == 30 ? 0x7 : 0x6) << "the other flag bits stay";
@@ -247,7 +204,7 @@ Bytes Reframed(const Bytes& chunk, std::size_t cut) {
   return stream.Bytes();
 }
 
-TEST(PreviewPacking, EveryTruncationOfEveryFormFailsWithItsTagAndLeavesTheBitmap) {
+TEST(PreviewPacking, EveryTruncationOfTheChunkFormsFailsWithItsTagAndLeavesTheBitmap) {
   for (const auto& [quantise, flags] : {std::pair{true, 0x1}, std::pair{true, 0x0}, std::pair{false, 0x1}}) {
     const KORDib24 bitmap = RandomBitmap(19, 11, 8, static_cast<unsigned char>(flags));
     ZELMemoryStream whole;
@@ -266,25 +223,19 @@ TEST(PreviewPacking, EveryTruncationOfEveryFormFailsWithItsTagAndLeavesTheBitmap
       ASSERT_TRUE(IsSentinel(read) && !read.HasRawChunk()) << cut;
     }
   }
-  const KORDib24 bitmap = RandomBitmap(9, 7, 4, 0);
-  ZELMemoryStream whole;
-  ASSERT_TRUE(bitmap.QuantizedWrite(&whole));
-  for (std::size_t cut = 0; cut < whole.Bytes().size(); ++cut) {
-    ZELMemoryStream stream(Bytes(whole.Bytes().begin(), whole.Bytes().begin() + cut));
-    KORDib24 read = Sentinel();
-    ASSERT_FALSE(read.QuantizedRead(&stream)) << cut;
-    ASSERT_TRUE(IsSentinel(read)) << cut;
-    ASSERT_EQ(kPreviewTags.count(stream.GetError().Tag()), 1u) << cut;
-  }
 }
 
-TEST(PreviewPacking, APaletteFormPromisingMoreRowsThanItHoldsAllocatesNothing) {
+// The palette form cut inside its size is truncated; cut anywhere after it, it promises more rows than it
+// holds, refused before anything is allocated.
+TEST(PreviewPacking, APaletteFormCutInItsSizeOrPromisingMoreRowsThanItHoldsAllocatesNothing) {
   ZELMemoryStream stream;
   stream.WriteTyped(20000);  // 400 million pixels: within the bitmap's limit, far beyond the data
   stream.WriteTyped(20000);
+  ZELMemoryStream cut(Bytes(stream.Bytes().begin(), stream.Bytes().end() - 1));
   stream.Write(Bytes(1024 + 500).data(), 1024 + 500);
   stream.Rewind();
   KORDib24 read = Sentinel();
+  EXPECT_TRUE(!read.QuantizedRead(&cut) && cut.GetError().Tag() == kPreviewTruncated && IsSentinel(read));
   const AllocationTracker tracker;
   EXPECT_TRUE(!read.QuantizedRead(&stream) && stream.GetError().Tag() == kPreviewTooLarge &&
               tracker.Total() < 4096u && IsSentinel(read));
