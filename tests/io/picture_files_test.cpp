@@ -198,16 +198,9 @@ TEST(PngReader, WarningsGoToTheLogger) {
 
 TEST(IndexedPng, ReadsBackAsItsPaletteColoursAndRefusesWhatItCannotHold) {
   TempFolder folder;
-  IndexedPicture picture;
-  picture.width = 5;
-  picture.height = 3;
-  picture.palette = {{{255, 0, 0}}, {{0, 128, 0}}, {{10, 20, 250}}};
-  Bytes expected;  // blue, green, red
-  for (int i = 0; i < picture.width * picture.height; ++i) {
-    picture.indices.push_back(static_cast<unsigned char>((i * 7) % 3));
-    const auto& colour = picture.palette[picture.indices.back()];
-    expected.insert(expected.end(), {colour[2], colour[1], colour[0]});
-  }
+  const IndexedPicture picture{3, 2, {{{255, 0, 0}}, {{0, 128, 0}}, {{10, 20, 250}}}, {2, 0, 1, 1, 2, 0}};
+  const Bytes expected = {250, 20,  10, 0,   0,  255, 0, 128, 0,
+                          0,   128, 0,  250, 20, 10,  0, 0,   255};  // blue first
   const auto file = folder.path / "indexed.png";
   ASSERT_TRUE(WriteIndexedPng(picture, PathOf(file)).IsOk());
   const Image read = MustRead(file);
@@ -245,7 +238,6 @@ TEST(TiffReader, ReadsTiledBigEndianFilesAndFallsBackForPalettes) {
   TempFolder folder;
   const int width = 37, height = 21;  // partial tiles on both edges
   TIFF* tiff = OpenTiff(folder.path / "tiled.tif", "wb", width, height, 16, 3, PHOTOMETRIC_RGB);
-  ASSERT_NE(tiff, nullptr);
   TIFFSetField(tiff, TIFFTAG_TILEWIDTH, 16);
   TIFFSetField(tiff, TIFFTAG_TILELENGTH, 16);
   const auto sample = [](int x, int y, int c) { return static_cast<std::uint16_t>((y * 1000 + x) * 3 + c); };
@@ -267,7 +259,6 @@ TEST(TiffReader, ReadsTiledBigEndianFilesAndFallsBackForPalettes) {
       }
 
   tiff = OpenTiff(folder.path / "palette.tif", "w", 2, 1, 8, 1, PHOTOMETRIC_PALETTE);
-  ASSERT_NE(tiff, nullptr);
   std::vector<std::uint16_t> red(256, 0), green(256, 0), blue(256, 0);
   red[1] = 0xFFFF;
   blue[2] = 0x8080;
@@ -548,8 +539,8 @@ TEST(AtomicWrite, NeverLeavesPartFilesNorDamagesTheExistingOneAndFailuresNameThe
                                                             "kept.png", "kept.tif"}));
 }
 
-// The installed reader loads a file once through the image list and rereads it when asked; hosts read many
-// files at once, so every codec is also read on several threads.
+// The installed reader loads a file once through the image list and rereads it, in the format asked for,
+// when asked; hosts read many files at once, so every codec is also read on several threads.
 TEST(SourceReader, LoadsOnceRereadsOnReloadAndConcurrentReadsOfEveryFormatAgree) {
   TempFolder folder;
   const Image colour = RandomImage(IT_RGBA16, 33, 17, gamma::sRGB, 13);
@@ -565,19 +556,17 @@ TEST(SourceReader, LoadsOnceRereadsOnReloadAndConcurrentReadsOfEveryFormatAgree)
   ReadOptions reload;
   reload.bypassReaderCache = true;
   const ZELPath shared = PathOf(files[0]);
-  Image first, second, grey, reloaded, missing;
+  Image first, second, reloaded, missing;
   ASSERT_TRUE(first.ReadFromSource(shared, IT_RGBA16, extra, ReadOptions()).IsOk());
   ASSERT_TRUE(second.ReadFromSource(shared, IT_UNDEFINED, extra, ReadOptions()).IsOk());
-  ASSERT_TRUE(grey.ReadFromSource(shared, IT_Grayscale8, extra, ReadOptions()).IsOk());
-  ASSERT_TRUE(reloaded.ReadFromSource(shared, IT_RGBA16, extra, reload).IsOk());
+  ASSERT_TRUE(reloaded.ReadFromSource(shared, IT_Grayscale8, extra, reload).IsOk());
   const Image before(missing);
   const zel::ErrorCode failure =
       missing.ReadFromSource(PathOf(folder.path / "gone.png"), IT_RGB8, extra, ReadOptions());
   EXPECT_EQ(PixelBytes(first), expected[0]);
   EXPECT_EQ(second.GetImpl(), first.GetImpl());
-  EXPECT_EQ(grey.ImageType(), IT_Grayscale8);
   EXPECT_NE(reloaded.GetImpl(), first.GetImpl());
-  EXPECT_EQ(PixelBytes(reloaded), expected[0]);
+  EXPECT_EQ(reloaded.ImageType(), IT_Grayscale8);
   EXPECT_NE(failure.Message().find("gone.png"), std::string::npos) << failure.ToString();
   EXPECT_EQ(missing.GetImpl(), before.GetImpl());
 

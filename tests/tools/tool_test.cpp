@@ -139,7 +139,6 @@ Image Cutout(const LinearRGB_T<float>& colour, Opaque opaque) {
 class ToolTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    io::InstallPictureReader();
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
     dir_ = fs::temp_directory_path() / ("imagery_tool_" + std::to_string(getpid()) + "_" + info->name());
     fs::remove_all(dir_);
