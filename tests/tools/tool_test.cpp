@@ -382,20 +382,18 @@ TEST_F(ToolTest, OutputsAreNeverForcedNorPartial) {
 }
 
 TEST_F(ToolTest, MipmapWritesTheChainAndReportsCoverage) {
-  // Alpha 1 in a 16 x 8 block of a 64 x 32 picture: coverage 1/16 at level 0, whatever the method.
+  // Alpha 1 in a 16 x 8 block of a 64 x 32 picture: coverage 1/16 at level 0. Method names are read in any
+  // case; what each method computes is the mip-map tests' concern.
   Save(Cutout({0.5f, 0.25f, 1.0f}, [](int x, int y) { return x >= 8 && x < 24 && y >= 4 && y < 12; }),
        dir_ / "leaf.png");
-  for (const std::string method : {"standard", "nearest", "threshold", "dither"}) {
-    const Result r = Ok({"mipmap", P("leaf.png"), "-o", P("chain_" + method + ".png"), "-m", method});
-    for (int level = 0; level < 7; ++level) {
-      const Image l = LoadIn("chain_" + method + "_mip" + std::to_string(level) + ".png");
-      EXPECT_TRUE(l.Width() == std::max(1, 64 >> level) && l.Height() == std::max(1, 32 >> level))
-          << method << level;
-    }
-    EXPECT_FALSE(fs::exists(dir_ / ("chain_" + method + "_mip7.png")));
-    EXPECT_NE(r.out.find("6.25 %"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("1 x 1"), std::string::npos) << r.out;
+  const Result r = Ok({"mipmap", P("leaf.png"), "-o", P("chain.png"), "-m", "Dither"});
+  for (int level = 0; level < 7; ++level) {
+    const Image l = LoadIn("chain_mip" + std::to_string(level) + ".png");
+    EXPECT_TRUE(l.Width() == std::max(1, 64 >> level) && l.Height() == std::max(1, 32 >> level)) << level;
   }
+  EXPECT_FALSE(fs::exists(dir_ / "chain_mip7.png"));
+  EXPECT_NE(r.out.find("6.25 %"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("dither method"), std::string::npos) << r.out;
 }
 
 TEST_F(ToolTest, DilateFillsUndefinedPixelsOnly) {
