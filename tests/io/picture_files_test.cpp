@@ -490,8 +490,7 @@ TEST(AtomicWrite, NeverLeavesPartFilesNorDamagesTheExistingOneAndFailuresNameThe
   rlimit saved{};
   getrlimit(RLIMIT_FSIZE, &saved);
   const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
-  rlimit limited = saved;
-  limited.rlim_cur = 64 * 1024;
+  const rlimit limited{64 * 1024, saved.rlim_max};
   setrlimit(RLIMIT_FSIZE, &limited);
   const char* const kExtensions[] = {"png", "tif", "exr", "hdr", "jpg"};
   std::vector<zel::ErrorCode> failures;
