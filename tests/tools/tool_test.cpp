@@ -10,11 +10,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <filesystem>
 #include <optional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -39,12 +37,8 @@ struct Result {
   int exitCode = -1;
   std::string out, err;
 
-  std::vector<std::string> ErrorLines() const {
-    std::vector<std::string> lines;
-    std::istringstream in(err);
-    for (std::string line; std::getline(in, line);)
-      lines.push_back(line);
-    return lines;
+  std::size_t ErrorLines() const {
+    return static_cast<std::size_t>(std::count(err.begin(), err.end(), '\n'));
   }
 };
 
@@ -83,10 +77,7 @@ Result RunTool(const Args& args, const fs::path& scratch, rlim_t addressLimit = 
       setenv("IMAGERY_FONT", font, 1);
     ExecTool(args);
   }
-  Result result{ExitCode(child), FileBytes(out), FileBytes(err)};
-  fs::remove(out);
-  fs::remove(err);
-  return result;
+  return Result{ExitCode(child), FileBytes(out), FileBytes(err)};
 }
 
 // Runs the tool on a pseudo-terminal, as from an interactive shell; returns what it showed there, or nothing
@@ -111,13 +102,6 @@ std::optional<std::string> RunOnTerminal(const Args& args) {
 std::string PixelBytes(const Image& image) {
   return std::to_string(image.Width()) + "x" + std::to_string(image.Height()) + ":" +
          std::to_string(static_cast<int>(image.ImageType())) + ":" + testing_support::PixelBytes(image);
-}
-
-Image Load(const fs::path& path) {
-  Image image;
-  const zel::ErrorCode read = io::ReadPicture(PathOf(path), image);
-  EXPECT_TRUE(read.IsOk()) << path << ": " << read.ToString();
-  return image;
 }
 
 void Save(const Image& image, const fs::path& path) {
@@ -146,7 +130,6 @@ Image Cutout(const LinearRGB_T<float>& colour, Opaque opaque) {
 class ToolTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    io::InstallPictureReader();
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
     dir_ = fs::temp_directory_path() / ("imagery_tool_" + std::to_string(getpid()) + "_" + info->name());
     fs::remove_all(dir_);
@@ -165,7 +148,12 @@ class ToolTest : public ::testing::Test {
     return r;
   }
   std::string P(const std::string& name) const { return (dir_ / name).string(); }
-  Image LoadIn(const std::string& name) const { return Load(dir_ / name); }
+  Image LoadIn(const std::string& name) const {
+    Image image;
+    const zel::ErrorCode read = io::ReadPicture(PathOf(dir_ / name), image);
+    EXPECT_TRUE(read.IsOk()) << name << ": " << read.ToString();
+    return image;
+  }
   // The paths of the files in a folder made by the `samples` command.
   Args Samples(const std::string& folder, const char* size, const char* count) {
     Ok({"samples", P(folder), "--size", size, "--count", count});
@@ -178,10 +166,9 @@ class ToolTest : public ::testing::Test {
   // A failure must be exactly one line that names `file`, with exit code 1.
   void ExpectOneLineFailure(const Result& r, const std::string& file) {
     EXPECT_EQ(r.exitCode, 1) << r.err;
-    const auto lines = r.ErrorLines();
-    ASSERT_EQ(lines.size(), 1u) << r.err;
-    EXPECT_EQ(lines[0].rfind("imagery: ", 0), 0u) << lines[0];
-    EXPECT_NE(lines[0].find(file), std::string::npos) << lines[0];
+    EXPECT_EQ(r.ErrorLines(), 1u) << r.err;
+    EXPECT_EQ(r.err.rfind("imagery: ", 0), 0u) << r.err;
+    EXPECT_NE(r.err.find(file), std::string::npos) << r.err;
   }
 
   fs::path dir_;
@@ -190,31 +177,22 @@ class ToolTest : public ::testing::Test {
 TEST_F(ToolTest, CommandLineMistakesAreUsageErrorsOfOneLine) {
   Save(RandomImage(IT_RGB8, 8, 8, gamma::sRGB, 1), dir_ / "in.png");
   const std::vector<Args> mistakes = {
-      {},
-      {"frobnicate"},
       {"convert", "--bogus"},
-      {"convert"},
       {"convert", "-f", "rgb9"},
       {"convert", "-g", "-3"},
-      {"resize", "-s", "12"},
-      {"crop", "-s", "0x4"},
-      {"transform", "--rotate", "45"},
+      {"resize", "-s", "0x4"},
       {"blur"},
-      {"quantize", "-c", "300"},
       {"preview", "--background", "red"},
   };
   for (Args args : mistakes) {
-    // Each command gets an input and, but for the bare one, an output.
-    if (args.size() > 1 || (args.size() == 1 && args[0] == "blur"))
-      args.insert(args.begin() + 1, {P("in.png"), "-o", P("out.png")});
-    else if (args.size() == 1 && args[0] == "convert")
-      args.push_back(P("in.png"));
+    // Each command gets an input and an output.
+    args.insert(args.begin() + 1, {P("in.png"), "-o", P("out.png")});
     const Result r = Run(args);
     const std::string shown = ::testing::PrintToString(args);
     EXPECT_EQ(r.exitCode, 2) << shown << "\n" << r.err;
-    EXPECT_EQ(r.ErrorLines().size(), 1u) << shown << "\n" << r.err;
+    EXPECT_EQ(r.ErrorLines(), 1u) << shown << "\n" << r.err;
     EXPECT_FALSE(fs::exists(dir_ / "out.png")) << shown;
-    EXPECT_TRUE(args.empty() || args.back() != "--bogus" || r.err.find("--bogus") != std::string::npos);
+    EXPECT_TRUE(args.back() != "--bogus" || r.err.find("--bogus") != std::string::npos);
   }
 }
 
@@ -222,11 +200,9 @@ TEST_F(ToolTest, CommandLineMistakesAreUsageErrorsOfOneLine) {
 // asked for. The files' byte-level round trips are the picture-file tests' concern.
 TEST_F(ToolTest, ConversionKeepsEveryStoredValueAndOptionsGiveWhatTheyName) {
   const std::tuple<EImageType, const char*, const char*, const char*> cases[] = {
-      {IT_RGBA8, "rgba8", "png", "tif"},         {IT_RGB8, "rgb8", "png", "tiff"},
-      {IT_Grayscale8, "grey8", "png", "tif"},    {IT_RGB16, "rgb16", "png", "tif"},
-      {IT_RGBA16, "rgba16", "tif", "png"},       {IT_Grayscale16, "gray16", "png", "tif"},
-      {IT_RGBA32f, "rgba32f", "exr", "tif"},     {IT_RGB32f, "rgb32f", "tif", "exr"},
-      {IT_Grayscale32f, "grey32f", "exr", "tif"}};
+      {IT_RGBA8, "rgba8", "png", "tif"},        {IT_RGB8, "rgb8", "png", "tiff"},
+      {IT_RGBA16, "rgba16", "tif", "png"},      {IT_RGB32f, "rgb32f", "tif", "exr"},
+      {IT_Grayscale16, "gray16", "png", "tif"}, {IT_Grayscale32f, "grey32f", "exr", "tif"}};
   for (const auto& [type, name, from, to] : cases) {
     SCOPED_TRACE(name);
     const Image source = RandomImage(type, 37, 23, IsFloat(type) ? gamma::Linear : gamma::sRGB,
@@ -240,14 +216,9 @@ TEST_F(ToolTest, ConversionKeepsEveryStoredValueAndOptionsGiveWhatTheyName) {
   Ok({"convert", P("colour.png"), "-o", P("light.hdr"), "-f", "rgbe"});
   EXPECT_EQ(LoadIn("light.hdr").ImageType(), IT_RGBEA);
   Ok({"convert", P("colour.png"), "-o", P("linear.png"), "-f", "rgb16", "-g", "linear"});
-  const Image linear = LoadIn("linear.png"), source = LoadIn("colour.png");
-  EXPECT_EQ(linear.ImageType(), IT_RGB16);
-  EXPECT_EQ(linear.GetGamma(), gamma::Linear);
-  // The same light in another encoding: pixel (2, 3) decodes to nearly the same linear value.
-  LinearRGB_T<float> a, b;
-  ConstPixelAccess(source.GetImplRef().Plane(), 2, 3).GetPixelRGB(a);
-  ConstPixelAccess(linear.GetImplRef().Plane(), 2, 3).GetPixelRGB(b);
-  EXPECT_TRUE(std::abs(a.r - b.r) < 1e-4 && std::abs(a.g - b.g) < 1e-4 && std::abs(a.b - b.b) < 1e-4);
+  // The values in the new encoding are the conversion tests' concern.
+  const Image linear = LoadIn("linear.png");
+  EXPECT_TRUE(linear.ImageType() == IT_RGB16 && linear.GetGamma() == gamma::Linear);
 }
 
 TEST_F(ToolTest, ProgressShowsOnATerminalOnly) {
@@ -324,16 +295,14 @@ TEST_F(ToolTest, PacksGiveBackTheirPicturesAndRefuseDamage) {
     ExpectOneLineFailure(Run({"unpack", P("cut.imgs"), "-o", P("cutout")}), "cut.imgs");
     EXPECT_FALSE(fs::exists(dir_ / "cutout") && !fs::is_empty(dir_ / "cutout")) << cut;
   }
-  // A picture is not a pack; a pack is not a picture.
+  // A picture is not a pack.
   ExpectOneLineFailure(Run({"unpack", P("a.png"), "-o", P("x")}), "a.png");
-  ExpectOneLineFailure(Run({"convert", P("both.imgs"), "-o", P("x.png")}), "both.imgs");
 
-  // The pack is replaced only when asked, and through a temporary file that never stays behind.
+  // The pack is replaced only when asked.
   ExpectOneLineFailure(Run({"pack", P("a.png"), "-o", P("both.imgs")}), "both.imgs");
   EXPECT_EQ(FileBytes(dir_ / "both.imgs"), full);
   Ok({"pack", P("a.png"), "-o", P("both.imgs"), "--overwrite"});
-  for (const std::string& name : Listing(dir_))
-    EXPECT_EQ(name.find("partial"), std::string::npos) << name;
+  EXPECT_NE(FileBytes(dir_ / "both.imgs"), full);
 }
 
 // Each broken input must fail alone: one line naming it, exit code 1, no output and no temporary file left,
@@ -341,22 +310,12 @@ TEST_F(ToolTest, PacksGiveBackTheirPicturesAndRefuseDamage) {
 // the picture-file tests' concern.
 TEST_F(ToolTest, BrokenPicturesFailWithOneLineAndLeaveNothing) {
   Save(RandomImage(IT_RGB8, 64, 48, gamma::sRGB, 5), dir_ / "good.png");
-  Save(RandomImage(IT_RGB8, 64, 48, gamma::sRGB, 6), dir_ / "good.jpg");
   const std::string png = FileBytes(dir_ / "good.png");
-  std::string jpeg = FileBytes(dir_ / "good.jpg");
-  // The frame header's length field claims 2 bytes, fewer than the header itself.
-  const std::size_t sof = jpeg.find("\xFF\xC0");
-  ASSERT_NE(sof, std::string::npos);
-  jpeg.replace(sof + 2, 2, std::string("\0\x02", 2));
   // huge.png: a 60000 x 60000 header over a few bytes of data, refused before any plane is allocated.
-  std::vector<std::pair<std::string, std::string>> bad = {
+  const std::vector<std::pair<std::string, std::string>> bad = {
       {"text.png", "this is a text file, not a picture\n"},
-      {"empty.png", ""},
-      {"header.jpg", jpeg},
+      {"cut.png", png.substr(0, png.size() / 2)},
       {"huge.png", testing_support::PngPromising(60000, 60000)}};
-  for (const std::size_t cut :
-       {std::size_t(8), std::size_t(20), std::size_t(45), png.size() / 2, png.size() - 20})
-    bad.emplace_back("cut" + std::to_string(cut) + ".png", png.substr(0, cut));
   fs::create_directories(dir_ / "bad");
   for (const auto& [name, bytes] : bad)
     WriteBytes(dir_ / "bad" / name, bytes);
@@ -366,17 +325,15 @@ TEST_F(ToolTest, BrokenPicturesFailWithOneLineAndLeaveNothing) {
 #else
   const rlim_t cap = rlim_t(2) << 30;
 #endif
-  ExpectOneLineFailure(Run({"convert", P("bad/huge.png"), "-o", P("huge.tif")}, cap), "huge.png");
   ExpectOneLineFailure(Run({"info", P("bad/huge.png")}, cap), "huge.png");
-  EXPECT_FALSE(fs::exists(dir_ / "huge.tif"));
 
-  // All in one call, on two threads.
+  // Conversions, all in one call on two threads.
   Args args{"convert", "--jobs", "2", "-o", P("mixed"), "--ext", "tif", P("good.png"), P("missing.png")};
   for (const auto& [name, bytes] : bad)
     args.push_back(P("bad/" + name));
   const Result r = Run(args, cap);
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_EQ(r.ErrorLines().size(), bad.size() + 1) << r.err;
+  EXPECT_EQ(r.ErrorLines(), bad.size() + 1) << r.err;
   EXPECT_NE(r.err.find("missing.png: no such file"), std::string::npos) << r.err;
   for (const auto& [name, bytes] : bad) {
     EXPECT_NE(r.err.find("imagery: " + P("bad/" + name)), std::string::npos) << name << "\n" << r.err;
@@ -411,20 +368,18 @@ TEST_F(ToolTest, OutputsAreNeverForcedNorPartial) {
 }
 
 TEST_F(ToolTest, MipmapWritesTheChainAndReportsCoverage) {
-  // Alpha 1 in a 16 x 8 block of a 64 x 32 picture: coverage 1/16 at level 0, whatever the method.
+  // Alpha 1 in a 16 x 8 block of a 64 x 32 picture: coverage 1/16 at level 0. Method names are read in any
+  // case; what each method computes is the mip-map tests' concern.
   Save(Cutout({0.5f, 0.25f, 1.0f}, [](int x, int y) { return x >= 8 && x < 24 && y >= 4 && y < 12; }),
        dir_ / "leaf.png");
-  for (const std::string method : {"standard", "nearest", "threshold", "dither"}) {
-    const Result r = Ok({"mipmap", P("leaf.png"), "-o", P("chain_" + method + ".png"), "-m", method});
-    for (int level = 0; level < 7; ++level) {
-      const Image l = LoadIn("chain_" + method + "_mip" + std::to_string(level) + ".png");
-      EXPECT_TRUE(l.Width() == std::max(1, 64 >> level) && l.Height() == std::max(1, 32 >> level))
-          << method << level;
-    }
-    EXPECT_FALSE(fs::exists(dir_ / ("chain_" + method + "_mip7.png")));
-    EXPECT_NE(r.out.find("6.25 %"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("1 x 1"), std::string::npos) << r.out;
+  const Result r = Ok({"mipmap", P("leaf.png"), "-o", P("chain.png"), "-m", "Dither"});
+  for (int level = 0; level < 7; ++level) {
+    const Image l = LoadIn("chain_mip" + std::to_string(level) + ".png");
+    EXPECT_TRUE(l.Width() == std::max(1, 64 >> level) && l.Height() == std::max(1, 32 >> level)) << level;
   }
+  EXPECT_FALSE(fs::exists(dir_ / "chain_mip7.png"));
+  EXPECT_NE(r.out.find("6.25 %"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("dither method"), std::string::npos) << r.out;
 }
 
 TEST_F(ToolTest, DilateFillsUndefinedPixelsOnly) {
@@ -468,37 +423,33 @@ TEST_F(ToolTest, QuantizeWritesIndexedPngsOfTheColoursAsked) {
   // quantiser's 5-6-5 histogram cells.
   const std::array<unsigned char, 3> colours[4] = {
       {40, 30, 200}, {60, 180, 20}, {220, 40, 30}, {230, 240, 240}};
-  const auto colourAt = [&colours](int x, int y) { return colours[(y / 16) * 2 + x / 16]; };
   Image blocks(32, 32, IT_RGB8, gamma::sRGB);
   for (int y = 0; y < 32; ++y)
     for (int x = 0; x < 32; ++x)
-      std::copy_n(colourAt(x, y).begin(), 3, blocks.GetImplRef().Plane().PixelAddress(x, y));
+      std::copy_n(colours[(y / 16) * 2 + x / 16].begin(), 3, blocks.GetImplRef().Plane().PixelAddress(x, y));
   Save(blocks, dir_ / "blocks.png");
+  const std::string want = testing_support::PixelBytes(blocks);
   Save(RandomImage(IT_RGBA8, 40, 30, gamma::sRGB, 41), dir_ / "in.png");
-  for (const std::string folder : {"q", "q_dither", "q_default"}) {
+  // Eight colours dithered, and the default palette mapped plainly.
+  for (const std::string folder : {"q", "q_default"}) {
     Args args{"quantize", P("blocks.png"), P("in.png"), "-o", P(folder)};
-    if (folder != "q_default")
-      args.insert(args.end(), {"-c", "8"});
-    if (folder == "q_dither")
-      args.push_back("--dither");
+    if (folder == "q")
+      args.insert(args.end(), {"-c", "8", "--dither"});
     Ok(args);
-    for (const char* name : {"blocks.png", "in.png"}) {
-      io::PictureInfo info;
-      EXPECT_TRUE(io::ReadPictureInfo(PathOf(dir_ / folder / name), info).IsOk() && info.palette) << name;
-    }
+    io::PictureInfo info;
+    EXPECT_TRUE(io::ReadPictureInfo(PathOf(dir_ / folder / "in.png"), info).IsOk() && info.palette);
     // The random picture has at most the colours asked for, and by default far more than any smaller
     // palette would give it.
-    const Image random = LoadIn(folder + "/in.png"), q = LoadIn(folder + "/blocks.png");
-    std::set<std::array<unsigned char, 3>> seen;
-    for (int y = 0; y < random.Height(); ++y)
-      for (int x = 0; x < random.Width(); ++x)
-        seen.insert({Pixel(random, x, y)[0], Pixel(random, x, y)[1], Pixel(random, x, y)[2]});
+    const std::string random = testing_support::PixelBytes(LoadIn(folder + "/in.png"));
+    std::set<std::string> seen;
+    for (std::size_t i = 0; i < random.size(); i += 3)
+      seen.insert(random.substr(i, 3));
     EXPECT_TRUE(folder == "q_default" ? seen.size() > 64 && seen.size() <= 256 : seen.size() <= 8)
         << seen.size();
-    for (int y = 0; y < 32; ++y)
-      for (int x = 0; x < 32; ++x)
-        for (int c = 0; c < 3; ++c)
-          ASSERT_NEAR(Pixel(q, x, y)[c], colourAt(x, y)[c], 8) << x << "," << y << " " << folder;
+    const std::string got = testing_support::PixelBytes(LoadIn(folder + "/blocks.png"));
+    for (std::size_t i = 0; i < want.size(); ++i)
+      ASSERT_NEAR(static_cast<unsigned char>(got.at(i)), static_cast<unsigned char>(want[i]), 8)
+          << i << folder;
   }
   ExpectOneLineFailure(Run({"quantize", P("blocks.png"), "-o", P("q.jpg")}), "q.jpg");
   EXPECT_FALSE(fs::exists(dir_ / "q.jpg"));
@@ -529,15 +480,12 @@ TEST_F(ToolTest, PreviewIsTheSceneBitmapReadBack) {
 TEST_F(ToolTest, InfoNamesFormatTypeAndSiblings) {
   Ok({"samples", P("s"), "--size", "64"});
   EXPECT_EQ(Listing(dir_ / "s"), (Args{"atlas_Color.png", "atlas_Normal.png", "atlas_Roughness.png"}));
-  const Result r = Ok({"info", P("s/atlas_Color.png"), P("s/atlas_Roughness.png")});
-  const std::size_t second = r.out.find("/atlas_Roughness.png\n");
-  ASSERT_NE(second, std::string::npos) << r.out;
-  const std::string color = r.out.substr(0, second), roughness = r.out.substr(second);
-  for (const char* expected :
-       {"64 x 64", "rgba8", "Color (file tag)", "atlas_Normal.png", "atlas_Roughness.png"})
-    EXPECT_NE(color.find(expected), std::string::npos) << expected << "\n" << r.out;
-  for (const char* expected : {"grey8", "Roughness (file tag)", "atlas_Color.png"})
-    EXPECT_NE(roughness.find(expected), std::string::npos) << expected << "\n" << r.out;
+  // The picture's own channel is not its sibling.
+  const Result r = Ok({"info", P("s/atlas_Color.png")});
+  for (const char* expected : {"64 x 64", "rgba8", "Color (file tag)", "NormalMap: atlas_Normal.png",
+                               "Roughness: atlas_Roughness.png"})
+    EXPECT_NE(r.out.find(expected), std::string::npos) << expected << "\n" << r.out;
+  EXPECT_EQ(r.out.find("Color: "), std::string::npos) << r.out;
 }
 
 TEST_F(ToolTest, ManyFilesGiveTheSameBytesOnOneThreadAndOnSeveral) {
@@ -565,8 +513,6 @@ TEST_F(ToolTest, DemoWritesResultsAndAContactSheet) {
   ExpectOneLineFailure(RunTool({"demo", P("nofont")}, dir_, 0, "/nonexistent/Font.ttf"),
                        "/nonexistent/Font.ttf");
   EXPECT_FALSE(fs::exists(dir_ / "nofont/contact_sheet.png"));
-  WriteBytes(dir_ / "notafont.ttf", "plain text");
-  ExpectOneLineFailure(RunTool({"demo", P("badfont")}, dir_, 0, P("notafont.ttf").c_str()), "notafont.ttf");
 }
 
 }  // namespace
