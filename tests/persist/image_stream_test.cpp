@@ -24,14 +24,14 @@ using testing_support::kAllFormats;
 using testing_support::PlaneBytes;
 using testing_support::RandomImage;
 
-Bytes Written(const Image& image, bool incorporate, bool forExport = false) {
+Bytes Written(const Image& image, bool incorporate) {
   ZELMemoryStream stream;
-  EXPECT_TRUE(image.Write(&stream, incorporate, forExport));
+  EXPECT_TRUE(image.Write(&stream, incorporate, false));
   return stream.Bytes();
 }
 
-// The ids of the image chunk's sub-chunks, and its path.
-std::vector<unsigned short> SubChunks(const Bytes& bytes, ZELPath* path = nullptr) {
+// The ids of the image chunk's sub-chunks.
+std::vector<unsigned short> SubChunks(const Bytes& bytes) {
   ZELMemoryStream stream(bytes);
   ZELReadChunk image;
   ZELPath read;
@@ -44,8 +44,6 @@ std::vector<unsigned short> SubChunks(const Bytes& bytes, ZELPath* path = nullpt
       break;
     ids.push_back(sub.GetID());
   }
-  if (path)
-    *path = read;
   return ids;
 }
 
@@ -180,31 +178,6 @@ TEST(ImageStream, WriterChoosesBitsOrReferenceAndStoresGammaAsSRGBWhenUnset) {
     ASSERT_TRUE(stream.ReadTyped(stored) && ReadInto(bits, Written(noPath, true)));
     EXPECT_TRUE(stored == -2.0f && bits.GetGamma() == gamma::sRGB);
   }
-}
-
-TEST(ImageStream, ExportPathsAndAnonymousPaths) {
-  Image image(1, 1, IT_RGB8);
-  const std::pair<const wchar_t*, const wchar_t*> cases[] = {
-      {L"D:\\textures\\a.png", L"C:\\textures\\a.png"},
-      {L"\\\\server\\share\\a.png", L"C:\\server\\share\\a.png"},
-      {L"/textures/a.png", L"/textures/a.png"},
-  };
-  for (const auto& [path, exported] : cases) {
-    image.SetFilePath(path);
-    ZELPath written;
-    SubChunks(Written(image, false, true), &written);
-    EXPECT_TRUE(image.FileNameForVEXCP() == ZELString(exported) &&
-                written.GetString() == ZELString(exported));
-  }
-  Image::fixFileNameForVexExport_ = true;
-  image.SetFilePath(L"D:\\textures\\a.png");
-  ZELPath written;
-  SubChunks(Written(image, false, true), &written);
-  Image::fixFileNameForVexExport_ = false;
-  const std::string text = "D:\\textures\\a.png";
-  EXPECT_EQ(written.GetString(), ZELString(L"C:/##Tessark_Dummy##/") +
-                                     ZELString::FromUTF8(ComputeMD5(text.data(), text.size()).ToHex()) +
-                                     ZELString(L"/a.png"));
 }
 
 TEST(ImageStream, OlderLayoutsReadToTheirValues) {
