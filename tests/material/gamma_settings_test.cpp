@@ -76,8 +76,6 @@ TEST(GammaSettings, IntegerFormatsTakeTheStoredGammasAndEveryOtherFormatIsLinear
 }
 
 TEST(GammaSettings, KeysHoldTheDefaultsAndFeedTheRightFields) {
-  for (const config::GammaKey* key : {&config::InputGamma, &config::OutputGamma, &config::ScreenGamma})
-    EXPECT_TRUE(xml::PropertyExists(key->name, "kor")) << key->name;
   GammaSettings settings = Make(3.0f, 4.0f, 5.0f);
   settings.ReadFromConfigManager();
   EXPECT_EQ(Gammas(settings), (std::vector<float>{-2, -2, -2}));

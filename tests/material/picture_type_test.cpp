@@ -1,5 +1,5 @@
-// Picture types and file tags: names, the colour/grey classifications, the presentation order, the
-// registered tag keys, tag lists from the settings, and channel files found on disk.
+// Picture types and file tags: names, the colour/grey classifications, tag lists from the settings, and
+// channel files found on disk.
 #include <climits>
 #include <filesystem>
 #include <fstream>
@@ -42,43 +42,6 @@ TEST(PictureType, NamesAndClassificationsOverEveryValueInAndAroundTheRange) {
             : logNames.insert(GetLogName(type)).second && displayNames.insert(GetName(type).wstr()).second)
         << value;
   }
-  EXPECT_STREQ(GetLogName(PT_ClearcoatNormalMap), "PT_ClearcoatNormalMap");
-  EXPECT_EQ(GetName(PT_SpecularColor), GetString(STR_HighlightColorChannel));
-}
-
-TEST(PictureType, PresentationOrderSortsTheMiddleByDisplayName) {
-  // Sorted by the current names in ordinal order ("Clearcoat IOR" before "Clearcoat contribution"); a
-  // translated name moves its channel, and a channel already listed is not repeated.
-  auto& texts = zel::ResourceStringHolder::Instance();
-  texts.SetString(STR_BumpChannel, L"Zigzag");
-  texts.SetString(STR_TerrainChannel, L"Aaa");
-  std::vector<EPictureType> list = {PT_Roughness};
-  GetReorderedPTList(list);
-  texts.ResetToDefaults();
-  EXPECT_EQ(std::vector<int>(list.begin(), list.end()),
-            (std::vector<int>{9,  0, 2,  6, 11, 7,  5,  18, 17, 22, 21, 19, 20,
-                              12, 8, 15, 4, 16, 14, 10, 3,  13, 1,  23, -1}));
-}
-
-// Read from the settings store directly: the library would answer a missing or blank key's default.
-ZELString Stored(const ZELString& channel) {
-  return xml::GetPropertyRef(("filetags/" + channel.ToUTF8()).c_str(), "kor", L"");
-}
-
-TEST(FileTagKeys, AreRegisteredWithTheirExactDefaultsWhenTheLibraryLoads) {
-  const ZELString names =
-      L"Alpha AmbiantOcclusion Backlight Bump Color ColorShift Displacement Highlight Metalness Normal "
-      L"ClearcoatContribution ClearcoatIOR ClearcoatRoughness ClearcoatTint ClearcoatNormal ClearcoatFlatten "
-      L"Reflection Roughness Terrain Transparency Luminous GlowIntensity";
-  for (const ZELString& name : names.TokenizeMe(L' ', 0, false))
-    EXPECT_EQ(Stored(name).Left(2), ZELString(L" _")) << name;
-  EXPECT_EQ(Stored(L"Color"),
-            ZELString(L" _Color _Albedo _COL _ALPHAMASKED _diffuse _color _albedo _Diffuse"));
-  EXPECT_EQ(Stored(L"Displacement"),
-            ZELString(L" _Displacement _DISP _DISP16 _d _height _Height _displacement"));
-  EXPECT_EQ(Stored(L"ClearcoatTint"), ZELString(L" _ClearcoatColor"));
-  EXPECT_TRUE(xml::GetPropertyRef("filetags/Enabled", "kor", false));
-  EXPECT_FALSE(xml::GetPropertyRef("filetags/PreserveMappings", "kor", true));
 }
 
 // Every case starts and ends with the registered defaults, in a fresh folder.

@@ -1,16 +1,11 @@
 // Channel and region operations against per-pixel references on the public cursors, on random images of
-// every format (the large ones run again on one thread and must give the same bytes), and the row loops
-// and row-band tasks they run on.
+// every format (the large ones run again on one thread and must give the same bytes).
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <thread>
 
 #include "imagery/channel_ops.h"
 #include "imagery/image_factory.h"
-#include "imagery/pixel_tasks.h"
-#include "imagery/process_pixels.h"
 #include "support/random_image.h"
 
 namespace imagery {
@@ -133,36 +128,21 @@ TEST(ChannelOps, EveryOperationMatchesItsPerPixelReference) {
         ExpectOperation(original, swapped, [m](Image& i) { RGBToBGR(i, m); });
       }
 
-      float largest = 0.0f;
-      for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) {
-          LinearRGB_T<float> c;
-          original.GetPixelRGBNoGammaConversion(x, y, c, ATO_None);
-          largest = std::max({largest, std::fabs(c.r - c.g), std::fabs(c.r - c.b)});
-        }
-      const bool greyType = type == IT_Grayscale8 || type == IT_Grayscale16 || type == IT_Grayscale32f;
-      for (float tolerance : {0.0f, largest, std::nextafter(largest, 2.0f), 3.0f})
-        EXPECT_EQ(IsGrayscale(original, tolerance), greyType || largest < tolerance) << tolerance;
-
-      // Zeroing and clearing write row 0 pixel by pixel (the RG-encoded formats keep two bytes of each),
-      // then copy it down; only clearing invalidates the mip chains.
-      for (bool clear : {false, true}) {
-        const RGBA colour(0.25f, 0.5f, 0.75f, 0.5f);
-        const Bytes expected = Reference(original, [&](Image& ref, int x, int y) {
-          PixelPlane& plane = ref.GetImplRef().Plane();
-          if (y > 0)
-            std::memcpy(plane.PixelAddress(x, y), plane.PixelAddress(x, 0), static_cast<std::size_t>(bpp));
-          else if (clear)
-            ref.SetPixelRGBA(x, 0, colour, ATO_None);
-          else
-            ref.SetPixelRGBANoGammaConversion(x, 0, RGBA(), ATO_None);
-        });
-        std::unique_ptr<Image> image(original.DeepCopy());
-        image->GetImplRef().ValidateMipMaps(true, true);
-        clear ? ClearImage(image->GetImplRef(), colour) : ZeroImage(image->GetImplRef());
-        EXPECT_TRUE(PlaneBytes(*image) == expected &&
-                    (image->ValidMipMapsGamma() && image->ValidMipMapsNoGamma()) == !clear);
-      }
+      // Clearing writes row 0 pixel by pixel (the RG-encoded formats keep two bytes of each), then copies
+      // it down, and invalidates the mip chains.
+      const RGBA colour(0.25f, 0.5f, 0.75f, 0.5f);
+      const Bytes cleared = Reference(original, [&](Image& ref, int x, int y) {
+        PixelPlane& plane = ref.GetImplRef().Plane();
+        if (y > 0)
+          std::memcpy(plane.PixelAddress(x, y), plane.PixelAddress(x, 0), static_cast<std::size_t>(bpp));
+        else
+          ref.SetPixelRGBA(x, 0, colour, ATO_None);
+      });
+      std::unique_ptr<Image> clearedImage(original.DeepCopy());
+      clearedImage->GetImplRef().ValidateMipMaps(true, true);
+      ClearImage(clearedImage->GetImplRef(), colour);
+      EXPECT_TRUE(PlaneBytes(*clearedImage) == cleared && !clearedImage->ValidMipMapsGamma() &&
+                  !clearedImage->ValidMipMapsNoGamma());
 
       // Frames at random places, twice keeping the size; a size that cannot be stored changes nothing.
       std::uniform_int_distribution<int> x(-width, width), y(-height, height), w(0, 2 * width),
@@ -182,14 +162,8 @@ TEST(ChannelOps, EveryOperationMatchesItsPerPixelReference) {
   }
 }
 
-// Counted pixels lose each fourth byte, also in place; with the image-list check, the list's version in
-// the target format is taken.
-TEST(ChannelOps, DiscardAlphaFromCountedPixelsAndFromTheImageList) {
-  Bytes pixels = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}, packed(9);
-  DiscardAlphaInformation(3, pixels.data(), packed.data());
-  DiscardAlphaInformation(3, pixels.data(), pixels.data());
-  EXPECT_TRUE(packed == (Bytes{1, 2, 3, 5, 6, 7, 9, 10, 11}) &&
-              Bytes(pixels.begin(), pixels.begin() + 9) == packed);
+// With the image-list check, the list's version in the target format is taken.
+TEST(ChannelOps, DiscardAlphaTakesTheImageListsVersion) {
   Image registered(4, 3, IT_RGB8, gamma::sRGB);
   registered.SetFilePath(ZELPath(L"/nonexistent/discard_alpha_source.png"));
   for (bool check : {false, true}) {
@@ -297,57 +271,6 @@ TEST(RegionOps, DrawLineStepsByBresenhamWithAColourRamp) {
                   !image.ValidMipMapsNoGamma())
           << "line " << &line - lines << ", format " << type;
     }
-  }
-}
-
-// The row loop of whole-image operations runs the rows asked for, clamped (end -1: to the last row;
-// below -1: nothing), on the calling thread when not parallel; the chains are invalid even when nothing
-// ran. Row bands: 64 rows per band at 1024 pixels with a short last band, one row each when wider than a
-// band, nothing without pixels; every row once. The map-reduce form folds in band order (a fold that is
-// not commutative: the bands' first rows).
-TEST(PixelTasks, RowLoopsAndBands) {
-  static const std::thread::id kCaller = std::this_thread::get_id();
-  const struct {
-    int first, end;
-    std::vector<int> rows;
-  } cases[] = {
-      {0, -1, {0, 1, 2, 3, 4}}, {-3, 2, {0, 1}}, {3, 99, {3, 4}}, {5, -1, {}}, {0, -2, {}}, {2, 2, {}}};
-  for (const auto& c : cases) {
-    Image image(3, 5, IT_RGB8, gamma::sRGB);
-    image.GetImplRef().ValidateMipMaps(true, true);
-    std::vector<int> rows;
-    ProcessPixelsT<ConstRawAccess, RawAccess>(
-        image, image,
-        [&rows](ConstRawAccess&, RawAccess&, int y) {
-          rows.push_back(y);
-          EXPECT_EQ(std::this_thread::get_id(), kCaller);
-        },
-        InParallel(false), c.first, c.end);
-    EXPECT_TRUE(rows == c.rows && !image.ValidMipMapsGamma() && !image.ValidMipMapsNoGamma()) << &c - cases;
-  }
-  const int bands[][3] = {{1024, 130, 3}, {70000, 3, 3}, {10, 0, 0}, {0, 10, 0}, {7, 1, 1}};
-  for (const auto& c : bands) {
-    std::vector<std::atomic<int>> visits(static_cast<std::size_t>(c[1]));
-    const auto count = [&visits](int first, int end) {
-      for (int y = first; y < end; ++y)
-        visits[static_cast<std::size_t>(y)]++;
-    };
-    EXPECT_EQ(MakePixelTasks(c[0], c[1], count, kPixelsPerTask).size(), static_cast<std::size_t>(c[2]));
-    ProcessPixelTasks(c[0], c[1], count, kPixelsPerTask);
-    for (int y = 0; y < c[1]; ++y)
-      EXPECT_EQ(visits[static_cast<std::size_t>(y)].load(), c[0] > 0 ? 1 : 0) << y;
-  }
-  std::vector<int> expected;
-  for (int y = 0; y < 1000; y += 3)
-    expected.push_back(y);
-  for (int attempt = 0; attempt < 20; ++attempt) {
-    ASSERT_EQ(MapReducePixelTasks<std::vector<int>>(
-                  20000, 1000, [](int first, int) { return std::vector<int>{first}; },
-                  [](std::vector<int>& acc, const std::vector<int>& next) {
-                    acc.insert(acc.end(), next.begin(), next.end());
-                  },
-                  65536),
-              expected);
   }
 }
 

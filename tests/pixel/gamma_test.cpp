@@ -223,10 +223,8 @@ void ExpectTablesMatchTheReference(int ulps) {
                     row.front() == Code(0x5A) && row.back() == Code(0x5A))
             << n;
       }
-      for (cpu::Level kernel : LevelsUpToDetected()) {
+      for (cpu::Level kernel : g.IsSRGB() ? LevelsUpToDetected() : std::vector<cpu::Level>()) {
         for (std::size_t start : {std::size_t{0}, std::size_t{5}}) {
-          if (!g.IsSRGB())
-            continue;
           std::vector<Code> row(inputs.size() - start + 1, Code(0x5A));
           if constexpr (sizeof(Code) == 1)
             detail::SRGBRowEncoder8(kernel)(inputs.data() + start, row.data(), inputs.size() - start);
